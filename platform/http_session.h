@@ -1,0 +1,122 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace orvex::platform {
+
+/// Header fields in the order given. `value` compares names without regard to ASCII case, as HTTP does.
+using HTTPHeaders = std::vector<std::pair<std::string, std::string>>;
+std::optional<std::string> headerValue(const HTTPHeaders& headers, std::string_view name);
+
+enum class CachePolicy {
+    useProtocol,                 ///< answer from the session's cache where RFC 9111 allows
+    reloadIgnoringLocalCache,    ///< always ask the server
+};
+
+struct URLRequest {
+    std::string url;  ///< absolute; checked by `parseAcceptableURL` when a task is resumed
+    std::string method = "GET";
+    HTTPHeaders headers;
+    std::string body;
+    std::optional<std::chrono::nanoseconds> timeout;  ///< for the whole of it; none: 60 s
+    CachePolicy cachePolicy = CachePolicy::useProtocol;
+};
+
+struct URLResponse {
+    std::string url;      ///< of the last redirect
+    bool isHTTP = true;   ///< false: of another protocol, and then without status and headers
+    std::int64_t statusCode = 0;
+    HTTPHeaders headers;
+};
+
+/// Failures of the transport itself. `reason` is the transport's own text.
+struct TransportError {
+    enum Code : std::int32_t {
+        other = -1,
+        cancelled = -999,
+        timedOut = -1001,
+        cannotFindHost = -1003,
+        cannotConnect = -1004,
+        connectionLost = -1005,  ///< in the middle of an answer; also an answer over its size limit
+        secureConnectionFailed = -1200,
+    };
+    Code code = other;
+    std::string reason;
+};
+
+/// The body is shared, never copied, by all who keep it. Null: there was none (an empty body is none).
+using Body = std::shared_ptr<const std::string>;
+
+/// Called exactly once, on the session's delivery thread. A status of any kind is a response, not an error; with an error
+/// there may still be a response, whose body was cut short.
+using DataTaskCompletion =
+    std::move_only_function<void(Body data, std::optional<URLResponse> response, std::optional<TransportError> error)>;
+
+/// One request on its way: made → resumed → completed. A task that is never resumed never completes; its completion is
+/// destroyed with it.
+///
+/// Threading: callable from any thread.
+class URLSessionTask {
+public:
+    virtual ~URLSessionTask() = default;
+    virtual void resume() = 0;  ///< once; further calls do nothing
+    virtual void cancel() = 0;  ///< completes with `cancelled`, unless it has completed
+    [[nodiscard]] virtual const URLRequest& originalRequest() const = 0;
+
+    /// What the transport measured, once completed: seconds by name ("name_lookup", "connect", "tls", "first_byte",
+    /// "total"), and "connections" opened for it.
+    [[nodiscard]] virtual std::map<std::string, double> timingData() const = 0;
+
+    /// Set before `resume`: the body is drained and dropped; the connection stays for the next request.
+    virtual void setPreconnect() = 0;
+    /// Set before `resume`: through the CONNECT proxy at this URL.
+    virtual void setProxy(std::string proxyURL) = 0;
+
+    /// How many feedback records the task's body carries; 0 unless it is an upload.
+    [[nodiscard]] std::uint64_t numberOfFeedbacks() const { return _numberOfFeedbacks; }
+    void setNumberOfFeedbacks(std::uint64_t count) { _numberOfFeedbacks = count; }
+
+private:
+    std::uint64_t _numberOfFeedbacks = 0;
+};
+
+struct URLSessionConfiguration {
+    std::string label;                      ///< of its threads and in logs
+    bool allowsFastOpen = false;            ///< TCP Fast Open and TLS session tickets
+    std::size_t cacheMemoryCapacity = 0;    ///< bytes of an RFC 9111 private cache in memory; 0: no cache
+    std::size_t maxBodyBytes = 8u << 20;    ///< decoded; beyond it the task fails with `connectionLost`
+    std::string certificateAuthorityFile;   ///< PEM; empty: the system's
+};
+
+/// Requests over HTTP. Made once for each purpose; keeps connections.
+///
+/// Redirects are followed here, at most five: each target is checked as the URL was, https never goes to http, another
+/// host gets none of the request's headers, and a loopback host is reached from a loopback host only. A refused one ends
+/// the task with `other`.
+/// Threading: callable from any thread. Destruction cancels what is under way and waits for its completions.
+class URLSession {
+public:
+    virtual ~URLSession() = default;
+    [[nodiscard]] virtual std::shared_ptr<URLSessionTask> dataTask(URLRequest request, DataTaskCompletion completion) = 0;
+
+    /// Empties the memory cache. False when the session has none.
+    virtual bool purgeMemoryCache() = 0;
+};
+
+/// Makes sessions; the assembly asks once for each of its four.
+class URLSessionFactory {
+public:
+    virtual ~URLSessionFactory() = default;
+    virtual std::shared_ptr<URLSession> makeSession(URLSessionConfiguration configuration) = 0;
+};
+
+}  // namespace orvex::platform

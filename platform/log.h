@@ -1,0 +1,111 @@
+#pragma once
+
+#include <fmt/core.h>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/clock.h"
+
+/// Logging. A `Logger` belongs to one category and is cheap to ask; the process has one `LogSink`, which writes.
+///
+/// Threading: everything here is callable from any thread.
+/// Text: a message is escaped (control characters and line ends) and cut at `maxLogMessageBytes` before it reaches the
+/// sink, so foreign text cannot forge a line.
+/// Privacy: what is wrapped in `privately` prints as `<private>` unless the level in force is `debug`.
+namespace orvex::platform {
+
+enum class LogLevel : std::uint8_t { debug, info, standard, error, fault };
+
+/// "debug", "info", "default", "error", "fault".
+std::string_view name(LogLevel level);
+std::optional<LogLevel> logLevelFromName(std::string_view name);
+
+inline constexpr std::size_t maxLogMessageBytes = 8192;
+
+struct LogRecord {
+    LogLevel level;
+    std::string_view subsystem;
+    std::string_view category;
+    std::string_view message;  ///< escaped
+};
+
+class LogSink {
+public:
+    virtual ~LogSink() = default;
+    virtual void write(const LogRecord& record) = 0;
+    virtual void flush() {}
+};
+
+/// Makes `sink` the process's and `level` the lowest that is written; the earlier sink is returned. No sink: nothing is
+/// written. A test installs one of its own for its duration.
+std::shared_ptr<LogSink> installLogSink(std::shared_ptr<LogSink> sink, LogLevel level);
+[[nodiscard]] LogLevel logLevelInForce();
+[[nodiscard]] bool logsPrivateArguments();
+void flushLog();
+
+class Logger {
+public:
+    Logger(std::string subsystem, std::string category)
+        : _subsystem(std::move(subsystem)), _category(std::move(category)) {}
+
+    [[nodiscard]] bool enabled(LogLevel level) const { return level >= logLevelInForce(); }
+    [[nodiscard]] std::string_view category() const { return _category; }
+
+    template <class... Args>
+    void debug(fmt::format_string<Args...> format, Args&&... args) const {
+        _log(LogLevel::debug, format, fmt::make_format_args(args...));
+    }
+    template <class... Args>
+    void info(fmt::format_string<Args...> format, Args&&... args) const {
+        _log(LogLevel::info, format, fmt::make_format_args(args...));
+    }
+    /// At the level `default`.
+    template <class... Args>
+    void log(fmt::format_string<Args...> format, Args&&... args) const {
+        _log(LogLevel::standard, format, fmt::make_format_args(args...));
+    }
+    template <class... Args>
+    void error(fmt::format_string<Args...> format, Args&&... args) const {
+        _log(LogLevel::error, format, fmt::make_format_args(args...));
+    }
+    template <class... Args>
+    void fault(fmt::format_string<Args...> format, Args&&... args) const {
+        _log(LogLevel::fault, format, fmt::make_format_args(args...));
+    }
+
+private:
+    void _log(LogLevel level, fmt::string_view format, fmt::format_args args) const;
+
+    const std::string _subsystem;
+    const std::string _category;
+};
+
+/// The logger of messages that belong to no category; it prints as "-".
+const Logger& defaultLogger();
+
+/// A log argument that only a debug log may show.
+struct PrivateArgument {
+    std::string_view text;
+};
+inline PrivateArgument privately(std::string_view text) { return {text}; }
+
+/// The text, or "(null)" for none.
+inline std::string_view orNull(const std::optional<std::string>& text) {
+    return text ? std::string_view(*text) : std::string_view("(null)");
+}
+
+}  // namespace orvex::platform
+
+template <>
+struct fmt::formatter<orvex::platform::PrivateArgument> : fmt::formatter<std::string_view> {
+    template <class Context>
+    auto format(orvex::platform::PrivateArgument argument, Context& context) const {
+        return fmt::formatter<std::string_view>::format(
+            orvex::platform::logsPrivateArguments() ? argument.text : std::string_view("<private>"), context);
+    }
+};

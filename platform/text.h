@@ -1,0 +1,30 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+/// Text is UTF-8. Folding is locale-independent and ICU's; these are pure functions, those over ICU are defined in
+/// platform/linux.
+namespace orvex::platform {
+
+/// Length in UTF-16 code units, the unit of every length rule. A malformed byte counts as one (it would be U+FFFD).
+[[nodiscard]] std::size_t utf16Length(std::string_view utf8);
+[[nodiscard]] bool isValidUTF8(std::string_view bytes);
+[[nodiscard]] bool hasControlCharacter(std::string_view text);  ///< U+0000 to U+001F and U+007F
+
+/// Full lower-casing (ICU), for any language alike.
+[[nodiscard]] std::string lowercased(std::string_view utf8);
+
+/// Runs of ASCII digits compare as integers of any length, the rest by UTF-16 code unit. <0, 0 or >0.
+[[nodiscard]] int compareNumerically(std::string_view a, std::string_view b);
+
+/// Shortest decimal that reads back the same, without exponent; whole numbers without ".0". For dates and scores on the
+/// wire. Finite numbers only.
+[[nodiscard]] std::string shortestDecimal(double value);
+
+/// Text for a log or an error message: control characters as \xNN (line ends too), cut at `maxBytes` on a character
+/// boundary with "…" after it.
+[[nodiscard]] std::string escaped(std::string_view text, std::size_t maxBytes);
+
+}  // namespace orvex::platform

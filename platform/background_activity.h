@@ -32,8 +32,8 @@ public:
     virtual ~BackgroundActivityScheduler() = default;
     virtual void checkIn(std::string name, Handler handler) = 0;
 
-    /// Runs it whatever its criteria. `completion` comes when its handler has returned; a name that nobody has checked in
-    /// fails with ENOENT.
+    /// Runs it whatever its criteria. `completion` comes when its handler has returned; a name that nobody has checked
+    /// in fails with ENOENT.
     virtual void run(std::string_view name, std::move_only_function<void(Result<void>)> completion) = 0;
 };
 

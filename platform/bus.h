@@ -12,8 +12,8 @@
 #include "platform/bus_value.h"
 #include "platform/result.h"
 
-/// The message bus (D-Bus). Messages come on the bus thread, which never waits: a handler takes what it needs and goes on
-/// elsewhere. Everything that sends is callable from any thread, and does not block on the peer.
+/// The message bus (D-Bus). Messages come on the bus thread, which never waits: a handler takes what it needs and goes
+/// on elsewhere. Everything that sends is callable from any thread, and does not block on the peer.
 namespace orvex::platform {
 
 struct BusError {
@@ -31,7 +31,7 @@ inline constexpr std::string_view noReply = "com.kelvar.orvexd.Error.NoReply";
 /// What a method, signal or interface looks like on the bus; introspection is made of it.
 struct BusMember {
     std::string name;
-    std::string inSignature;             ///< of a signal: its arguments
+    std::string inSignature;  ///< of a signal: its arguments
     std::vector<std::string> inNames;
     std::string outSignature;
     std::vector<std::string> outNames;
@@ -42,8 +42,8 @@ struct BusInterface {
     std::vector<BusMember> signals;
 };
 
-/// The answer to one call. Moves; whoever holds it last answers, from any thread. One that is destroyed unanswered sends
-/// `bus_error::noReply`, so no caller ever waits for ever.
+/// The answer to one call. Moves; whoever holds it last answers, from any thread. One that is destroyed unanswered
+/// sends `bus_error::noReply`, so no caller ever waits for ever.
 class BusReply {
 public:
     /// Puts an answer on the bus; called at most once, from any thread.
@@ -103,10 +103,11 @@ public:
     virtual void sendSignal(std::string destination, std::string path, std::string interface, std::string member,
                             BusArguments arguments) = 0;
     /// To whoever listens; only for the system-wide names.
-    virtual void broadcastSignal(std::string path, std::string interface, std::string member, BusArguments arguments) = 0;
+    virtual void broadcastSignal(std::string path, std::string interface, std::string member,
+                                 BusArguments arguments) = 0;
 
-    /// `completion` comes once, on the bus thread; -1001-like time-outs are the error `org.freedesktop.DBus.Error.NoReply`.
-    /// `signature` is that of `arguments`.
+    /// `completion` comes once, on the bus thread; -1001-like time-outs are the error
+    /// `org.freedesktop.DBus.Error.NoReply`. `signature` is that of `arguments`.
     virtual void call(std::string destination, std::string path, std::string interface, std::string member,
                       std::string signature, BusArguments arguments, std::chrono::nanoseconds timeout,
                       BusCallCompletion completion) = 0;

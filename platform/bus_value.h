@@ -43,12 +43,13 @@ struct BusFile {
     std::shared_ptr<FileDescriptor> file;
 };
 
-/// One D-Bus value. In a dictionary of variants it stands for the variant's content; its D-Bus type is its alternative's.
+/// One D-Bus value. In a dictionary of variants it stands for the variant's content; its D-Bus type is its
+/// alternative's.
 class BusValue {
 public:
-    using Storage = std::variant<bool, std::uint8_t, std::int16_t, std::uint16_t, std::int32_t, std::uint32_t, std::int64_t,
-                                 std::uint64_t, double, std::string, BusObjectPath, BusBytes, BusArray, BusStruct,
-                                 BusDictionary, BusFile>;
+    using Storage = std::variant<bool, std::uint8_t, std::int16_t, std::uint16_t, std::int32_t, std::uint32_t,
+                                 std::int64_t, std::uint64_t, double, std::string, BusObjectPath, BusBytes, BusArray,
+                                 BusStruct, BusDictionary, BusFile>;
 
     template <class T>
         requires(!std::is_same_v<std::remove_cvref_t<T>, BusValue> && std::is_constructible_v<Storage, T>)

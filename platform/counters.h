@@ -27,8 +27,8 @@ public:
     [[nodiscard]] std::int64_t value(std::string_view name) const;  ///< 0 for a name never counted
     [[nodiscard]] std::map<std::string, std::int64_t> snapshot() const;
 
-    /// Called after a change, on the thread that made it, when none has been reported since `snapshot`. For the one that
-    /// keeps them; it must not call back.
+    /// Called after a change, on the thread that made it, when none has been reported since `snapshot`. For the one
+    /// that keeps them; it must not call back.
     void setChangeHandler(std::function<void()> handler);
 
 private:

@@ -16,9 +16,9 @@
 /// here is built on those, so that the same queues run on real threads (platform/linux/thread_dispatcher.h) and, in
 /// tests, on the test's own thread with a clock moved by hand (platform/fakes/manual_dispatcher.h).
 ///
-/// `sync` and `barrierSync` run on the caller's thread. A caller that has to wait runs the queue's earlier items itself,
-/// in order, as long as no other thread is on them; a pool thread that blocks in `Semaphore::wait` or `TaskGroup::wait`
-/// is replaced by a spare one for that long. So no number of waiters starves the pool.
+/// `sync` and `barrierSync` run on the caller's thread. A caller that has to wait runs the queue's earlier items
+/// itself, in order, as long as no other thread is on them; a pool thread that blocks in `Semaphore::wait` or
+/// `TaskGroup::wait` is replaced by a spare one for that long. So no number of waiters starves the pool.
 namespace orvex::platform {
 
 using Work = std::move_only_function<void()>;
@@ -60,8 +60,8 @@ public:
 
 /// One item at a time, first in, first out.
 ///
-/// A queue is a capability: data that it guards is `ORX_GUARDED_BY(_queue)`, operations on it `ORX_REQUIRES(_queue)`, and
-/// every posted block begins with `assertCurrent()`.
+/// A queue is a capability: data that it guards is `ORX_GUARDED_BY(_queue)`, operations on it `ORX_REQUIRES(_queue)`,
+/// and every posted block begins with `assertCurrent()`.
 class ORX_CAPABILITY("queue") SerialQueue {
 public:
     SerialQueue(Dispatcher& dispatcher, std::string label, Priority priority = Priority::standard);
@@ -176,9 +176,9 @@ private:
     Dispatcher& _dispatcher;
 };
 
-/// One-shot, re-armable. Its block runs on the queue that it was made with, or on the pool for a `GlobalQueue`'s priority.
-/// Re-arming replaces what was armed. After `cancel`, or the destructor, has returned on that serial queue, the block does
-/// not run; from another thread it may be running at that moment.
+/// One-shot, re-armable. Its block runs on the queue that it was made with, or on the pool for a `GlobalQueue`'s
+/// priority. Re-arming replaces what was armed. After `cancel`, or the destructor, has returned on that serial queue,
+/// the block does not run; from another thread it may be running at that moment.
 class Timer {
 public:
     explicit Timer(SerialQueue& queue);
@@ -202,7 +202,7 @@ public:
     Semaphore(Dispatcher& dispatcher, std::size_t count);
     ~Semaphore();
     void signal();
-    [[nodiscard]] bool wait(std::chrono::nanoseconds timeout);     ///< false: the time ran out
+    [[nodiscard]] bool wait(std::chrono::nanoseconds timeout);  ///< false: the time ran out
     [[nodiscard]] bool waitUntil(std::optional<MonotonicTime> deadline);
 
 private:

@@ -55,8 +55,8 @@ public:
     /// The whole file; code ENOENT when there is none, EFBIG when it is larger than `maxBytes`.
     [[nodiscard]] virtual Result<std::string> read(std::string_view name, std::size_t maxBytes) const = 0;
 
-    /// Replaces the file as a whole, or leaves the old one: a new file beside it, synced, renamed, the directory synced.
-    /// Durable when it returns without an error. Mode 0600.
+    /// Replaces the file as a whole, or leaves the old one: a new file beside it, synced, renamed, the directory
+    /// synced. Durable when it returns without an error. Mode 0600.
     [[nodiscard]] virtual Result<void> replace(std::string_view name, std::string_view bytes) = 0;
 
     [[nodiscard]] virtual Result<void> remove(std::string_view name) = 0;  ///< ENOENT is an error too
@@ -69,8 +69,8 @@ public:
     [[nodiscard]] virtual Result<std::shared_ptr<Directory>> directory(std::string_view name) = 0;
 };
 
-/// Where the daemon's files are. Each directory is made on first use, with its parents, mode 0700; a failure is answered
-/// anew at each call, so a home that comes later is found.
+/// Where the daemon's files are. Each directory is made on first use, with its parents, mode 0700; a failure is
+/// answered anew at each call, so a home that comes later is found.
 class FileManager {
 public:
     virtual ~FileManager() = default;

@@ -18,8 +18,8 @@ using HTTPHeaders = std::vector<std::pair<std::string, std::string>>;
 std::optional<std::string> headerValue(const HTTPHeaders& headers, std::string_view name);
 
 enum class CachePolicy {
-    useProtocol,                 ///< answer from the session's cache where RFC 9111 allows
-    reloadIgnoringLocalCache,    ///< always ask the server
+    useProtocol,               ///< answer from the session's cache where RFC 9111 allows
+    reloadIgnoringLocalCache,  ///< always ask the server
 };
 
 struct URLRequest {
@@ -32,8 +32,8 @@ struct URLRequest {
 };
 
 struct URLResponse {
-    std::string url;      ///< of the last redirect
-    bool isHTTP = true;   ///< false: of another protocol, and then without status and headers
+    std::string url;     ///< of the last redirect
+    bool isHTTP = true;  ///< false: of another protocol, and then without status and headers
     std::int64_t statusCode = 0;
     HTTPHeaders headers;
 };
@@ -56,8 +56,8 @@ struct TransportError {
 /// The body is shared, never copied, by all who keep it. Null: there was none (an empty body is none).
 using Body = std::shared_ptr<const std::string>;
 
-/// Called exactly once, on the session's delivery thread. A status of any kind is a response, not an error; with an error
-/// there may still be a response, whose body was cut short.
+/// Called exactly once, on the session's delivery thread. A status of any kind is a response, not an error; with an
+/// error there may still be a response, whose body was cut short.
 using DataTaskCompletion =
     std::move_only_function<void(Body data, std::optional<URLResponse> response, std::optional<TransportError> error)>;
 
@@ -90,23 +90,24 @@ private:
 };
 
 struct URLSessionConfiguration {
-    std::string label;                      ///< of its threads and in logs
-    bool allowsFastOpen = false;            ///< TCP Fast Open and TLS session tickets
-    std::size_t cacheMemoryCapacity = 0;    ///< bytes of an RFC 9111 private cache in memory; 0: no cache
-    std::size_t maxBodyBytes = 8u << 20;    ///< decoded; beyond it the task fails with `connectionLost`
-    std::string certificateAuthorityFile;   ///< PEM; empty: the system's
+    std::string label;                     ///< of its threads and in logs
+    bool allowsFastOpen = false;           ///< TCP Fast Open and TLS session tickets
+    std::size_t cacheMemoryCapacity = 0;   ///< bytes of an RFC 9111 private cache in memory; 0: no cache
+    std::size_t maxBodyBytes = 8u << 20;   ///< decoded; beyond it the task fails with `connectionLost`
+    std::string certificateAuthorityFile;  ///< PEM; empty: the system's
 };
 
 /// Requests over HTTP. Made once for each purpose; keeps connections.
 ///
 /// Redirects are followed here, at most five: each target is checked as the URL was, https never goes to http, another
-/// host gets none of the request's headers, and a loopback host is reached from a loopback host only. A refused one ends
-/// the task with `other`.
-/// Threading: callable from any thread. Destruction cancels what is under way and waits for its completions.
+/// host gets none of the request's headers, and a loopback host is reached from a loopback host only. A refused one
+/// ends the task with `other`. Threading: callable from any thread. Destruction cancels what is under way and waits for
+/// its completions.
 class URLSession {
 public:
     virtual ~URLSession() = default;
-    [[nodiscard]] virtual std::shared_ptr<URLSessionTask> dataTask(URLRequest request, DataTaskCompletion completion) = 0;
+    [[nodiscard]] virtual std::shared_ptr<URLSessionTask> dataTask(URLRequest request,
+                                                                   DataTaskCompletion completion) = 0;
 
     /// Empties the memory cache. False when the session has none.
     virtual bool purgeMemoryCache() = 0;

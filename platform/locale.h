@@ -15,9 +15,9 @@ struct LocaleSettings {
     std::vector<std::string> preferredLanguages;  ///< BCP 47 without extensions, "de-DE"; never empty
     std::string calendarIdentifier;               ///< ICU's calendar type, "gregorian"
     MeasurementSystem measurementSystem = MeasurementSystem::metric;
-    std::string temperatureUnit;       ///< "C" or "F"
-    bool uses24HourClock = false;      ///< the best pattern for the skeleton "j" contains "HH"
-    std::string timeZoneName;          ///< "Europe/Berlin"
+    std::string temperatureUnit;             ///< "C" or "F"
+    bool uses24HourClock = false;            ///< the best pattern for the skeleton "j" contains "HH"
+    std::string timeZoneName;                ///< "Europe/Berlin"
     std::optional<std::string> countryCode;  ///< of the time zone's region, else of the locale; upper case
 
     bool operator==(const LocaleSettings&) const = default;

@@ -51,7 +51,8 @@ void flushLog();
 class Logger {
 public:
     Logger(std::string subsystem, std::string category)
-        : _subsystem(std::move(subsystem)), _category(std::move(category)) {}
+        : _subsystem(std::move(subsystem)),
+          _category(std::move(category)) {}
 
     [[nodiscard]] bool enabled(LogLevel level) const { return level >= logLevelInForce(); }
     [[nodiscard]] std::string_view category() const { return _category; }

@@ -53,7 +53,7 @@ public:
     bool operator==(const PropertyValue&) const = default;
 
     // Coercions, one rule for all who read settings.
-    [[nodiscard]] bool coerceToBool() const;  ///< a boolean, a number other than 0, or YES, yes, true, 1
+    [[nodiscard]] bool coerceToBool() const;             ///< a boolean, a number other than 0, or YES, yes, true, 1
     [[nodiscard]] std::int64_t coerceToInteger() const;  ///< a number cut (saturating), a boolean, decimal text; else 0
     [[nodiscard]] std::optional<std::string> coerceToString() const;  ///< text, or a number in decimal
 
@@ -65,7 +65,8 @@ private:
 /// finite, is none. An unsigned integer beyond int64 becomes a double.
 std::optional<PropertyValue> propertyValueFromJSON(const boost::json::value& json);
 
-/// Property value to JSON, for a value that came from there. A date becomes its seconds since 1970, data becomes base64.
+/// Property value to JSON, for a value that came from there. A date becomes its seconds since 1970, data becomes
+/// base64.
 boost::json::value jsonFromPropertyValue(const PropertyValue& value);
 
 }  // namespace orvex::platform

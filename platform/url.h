@@ -16,9 +16,9 @@ struct URL {
     std::string scheme;  ///< lower case
     std::string user;
     std::string password;
-    std::string host;   ///< as written but lower case; an IPv6 address in brackets
-    std::string port;   ///< digits, empty when not given
-    std::string path;   ///< as written, at least "/"
+    std::string host;                  ///< as written but lower case; an IPv6 address in brackets
+    std::string port;                  ///< digits, empty when not given
+    std::string path;                  ///< as written, at least "/"
     std::optional<std::string> query;  ///< as written, without the "?"
     std::string fragment;
 

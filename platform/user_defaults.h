@@ -21,8 +21,8 @@ public:
     /// Values that hold where nothing is stored. Registering again replaces key by key.
     virtual void registerDefaults(PropertyDictionary values) = 0;
 
-    /// A value over the stored ones for this run: `text` is read as JSON, else taken as text; a key that is read as text
-    /// gives `text` itself.
+    /// A value over the stored ones for this run: `text` is read as JSON, else taken as text; a key that is read as
+    /// text gives `text` itself.
     virtual void overrideForThisRun(std::string key, std::string text) = 0;
 
     [[nodiscard]] virtual std::optional<PropertyValue> object(std::string_view key) const = 0;

@@ -1,0 +1,113 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace orvex::platform {
+class BackgroundActivityScheduler;
+class Bus;
+class Counters;
+class DeviceInformation;
+class Dispatcher;
+class FileManager;
+class LocaleService;
+class NotificationCenter;
+class Transactions;
+class URLSession;
+class URLSessionFactory;
+class UserDefaults;
+}  // namespace orvex::platform
+
+namespace orvex {
+
+class BagController;
+class ClientStateManager;
+class GUIDController;
+class ORXNetworkRequestFactory;
+
+/// The one container through which managers reach each other, the platform's services and the shared HTTP sessions.
+///
+/// Life cycle: made by `main` with the platform's services; managers are then added in a fixed order, and each may use
+/// in its constructor only what was added before it. It lives as long as the process. A manager keeps an `Assembly&`
+/// and reads its peers when it uses them. One that is absent is null, which is a state like any other: some are added
+/// after the first queries could come, some not at all. Threading: managers are added by `main` before anything else
+/// runs; after that it is read from any thread.
+class Assembly {
+public:
+    /// The operating system's side. Owned by `main`, outlives the assembly.
+    struct Platform {
+        platform::Dispatcher& dispatcher;
+        platform::UserDefaults& userDefaults;
+        platform::FileManager& fileManager;
+        platform::NotificationCenter& notificationCenter;
+        platform::URLSessionFactory& urlSessions;
+        platform::Counters& counters;
+        std::shared_ptr<platform::Transactions> transactions;
+        platform::LocaleService& locale;
+        platform::DeviceInformation& device;
+        platform::BackgroundActivityScheduler& activities;
+        platform::Bus& bus;
+        std::string certificateAuthorityFile;  ///< PEM for all HTTP sessions; empty: the system's
+    };
+
+    explicit Assembly(Platform platform);
+    ~Assembly();
+    Assembly(const Assembly&) = delete;
+    Assembly& operator=(const Assembly&) = delete;
+
+    [[nodiscard]] platform::Dispatcher& dispatcher() const { return _platform.dispatcher; }
+    [[nodiscard]] platform::UserDefaults& userDefaults() const { return _platform.userDefaults; }
+    [[nodiscard]] platform::FileManager& fileManager() const { return _platform.fileManager; }
+    [[nodiscard]] platform::NotificationCenter& notificationCenter() const { return _platform.notificationCenter; }
+    [[nodiscard]] platform::Counters& counters() const { return _platform.counters; }
+    [[nodiscard]] platform::Transactions& transactions() const { return *_platform.transactions; }
+    [[nodiscard]] platform::LocaleService& locale() const { return _platform.locale; }
+    [[nodiscard]] platform::DeviceInformation& device() const { return _platform.device; }
+    [[nodiscard]] platform::BackgroundActivityScheduler& activities() const { return _platform.activities; }
+    [[nodiscard]] platform::Bus& bus() const { return _platform.bus; }
+
+    [[nodiscard]] const std::shared_ptr<ORXNetworkRequestFactory>& requestFactory() const { return _requestFactory; }
+    void setRequestFactory(std::shared_ptr<ORXNetworkRequestFactory> factory) { _requestFactory = std::move(factory); }
+    [[nodiscard]] const std::shared_ptr<BagController>& bagController() const { return _bagController; }
+    void setBagController(std::shared_ptr<BagController> controller) { _bagController = std::move(controller); }
+    [[nodiscard]] const std::shared_ptr<ClientStateManager>& clientStateManager() const { return _clientStateManager; }
+    void setClientStateManager(std::shared_ptr<ClientStateManager> manager) {
+        _clientStateManager = std::move(manager);
+    }
+    [[nodiscard]] const std::shared_ptr<GUIDController>& guidController() const { return _guidController; }
+    void setGuidController(std::shared_ptr<GUIDController> controller) { _guidController = std::move(controller); }
+    [[nodiscard]] bool sharedSession() const { return _sharedSession; }
+    void setSharedSession(bool shared) { _sharedSession = shared; }
+
+    [[nodiscard]] bool diskBagCacheEnabled() const { return true; }
+    [[nodiscard]] bool useCindora() const;  ///< the user default "ORXUseCindora"
+
+    /// For queries. This and the other sessions are made once, on first use.
+    [[nodiscard]] platform::URLSession& urlSession();
+    /// Whether `urlSession` was used yet; asking does not make it.
+    [[nodiscard]] platform::URLSession* urlSessionIfMade() const;
+    /// For bag fetches.
+    [[nodiscard]] platform::URLSession& bagSession();
+
+private:
+    // Constant after construction.
+    const Platform _platform;
+
+    // Added by `main`, in this order.
+    std::shared_ptr<ORXNetworkRequestFactory> _requestFactory;
+    std::shared_ptr<BagController> _bagController;
+    std::shared_ptr<ClientStateManager> _clientStateManager;
+    std::shared_ptr<GUIDController> _guidController;
+    bool _sharedSession = false;
+
+    // Synchronised by themselves.
+    std::once_flag _urlSessionOnce;
+    std::once_flag _bagSessionOnce;
+    std::shared_ptr<platform::URLSession> _urlSession;
+    std::shared_ptr<platform::URLSession> _bagSession;
+    std::atomic<platform::URLSession*> _madeURLSession = nullptr;
+};
+
+}  // namespace orvex

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+/// What is announced within the process, on the assembly's notification centre.
+namespace orvex {
+
+class ORXBag;
+
+/// Once, when start-up is through.
+struct ORXStartupNotification {};
+
+/// A new bag. Posted from inside the bag queue's barrier: an observer takes the bag from here and goes on elsewhere; it
+/// never asks for `currentBag` and never waits on a queue.
+struct ORXBagChangeNotification {
+    std::shared_ptr<const ORXBag> bag;
+};
+
+/// Locale, country or another thing that the bag depends on has changed.
+struct ORXBagRefreshRequiredNotification {};
+
+/// The user GUID has rolled.
+struct ORXUserGUIDChangeNotification {};
+
+struct ORXFileDownloadCompletedNotification {
+    std::string identifier;
+    std::string url;
+};
+struct ORXFileDeletedNotification {
+    std::string identifier;
+};
+
+}  // namespace orvex

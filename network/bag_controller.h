@@ -1,0 +1,33 @@
+#pragma once
+
+#include <boost/json/fwd.hpp>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "platform/clock.h"
+
+namespace orvex {
+
+class ORXBag;
+
+/// The role of the one owner of the server's configuration, as its peers see it.
+///
+/// Threading: callable from any thread, but never from within a bag change notification nor from a block of the request
+/// factory's context queue: the staleness test reads that context.
+class BagController {
+public:
+    virtual ~BagController() = default;
+
+    /// The bag in memory, stale or not; none before the first fetch. Starts a fetch when there is none or it is stale.
+    [[nodiscard]] virtual std::shared_ptr<const ORXBag> currentBag() = 0;
+    [[nodiscard]] virtual std::optional<std::string> warmURL() = 0;
+
+    /// A server's answer announced a bag version: fetches when its number "bag" is newer than ours.
+    virtual void forceFetchBag(const boost::json::object& hints) = 0;
+
+    /// The bag in memory, without starting anything.
+    [[nodiscard]] virtual std::shared_ptr<const ORXBag> inMemoryBag() const = 0;
+};
+
+}  // namespace orvex

@@ -41,6 +41,7 @@ function(orvex_add_unit_tests)
     get_property(sources GLOBAL PROPERTY orvex_tests_${name})
     add_executable(${name}_test ${sources})
     target_link_libraries(${name}_test PRIVATE orvex_${name} orvex_platform_fakes orvex_platform_linux GTest::gmock_main)
-    gtest_discover_tests(${name}_test TEST_PREFIX ${name}/ DISCOVERY_TIMEOUT 120 PROPERTIES TIMEOUT 300)
+    gtest_discover_tests(${name}_test TEST_PREFIX ${name}/ DISCOVERY_TIMEOUT 120
+                         PROPERTIES TIMEOUT 300 ENVIRONMENT "${ORVEX_SANITIZER_OPTIONS}")
   endforeach()
 endfunction()

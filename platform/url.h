@@ -36,9 +36,14 @@ Result<URL> parseAcceptableURL(std::string_view text);
 /// `reference` as seen from `base` (RFC 3986, section 5).
 Result<URL> resolveURL(const URL& base, std::string_view reference);
 
+/// Where a redirect from `from` to the Location `location` leads, unless it is refused: the rule for every URL, https
+/// never to http, and to a loopback host from a loopback host only.
+Result<URL> resolveRedirect(const URL& from, std::string_view location);
+
 using QueryItem = std::pair<std::string, std::string>;
 
-/// A raw query split at & and =, each part percent-decoded; a plus stays a plus. A part without "=" has an empty value.
+/// A raw query split at & and the first =, each part percent-decoded; a plus stays a plus, and so does a % without two
+/// hexadecimal digits. An item without "=" has an empty value; empty items are left out. Decoded bytes may be any.
 std::vector<QueryItem> decodeQuery(std::string_view query);
 
 /// Everything but ASCII letters, digits and "-_.~", byte by byte in upper-case hexadecimal (RFC 3986, section 2.1).

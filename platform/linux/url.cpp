@@ -1,0 +1,200 @@
+#include "platform/url.h"
+
+#include <arpa/inet.h>
+#include <curl/curl.h>
+#include <fmt/core.h>
+
+#include <algorithm>
+#include <memory>
+#include <ranges>
+
+// libcurl connects to what it reads in a URL's text, so nothing is read here with any other eyes: a host that this file
+// takes for a public one must be public to libcurl too. Paths are kept as written here and in the transfers
+// (CURLOPT_PATH_AS_IS), for the same reason.
+
+namespace orvex::platform {
+namespace {
+
+constexpr std::size_t maxURLBytes = 64u << 10;
+
+using URLHandle = std::unique_ptr<CURLU, decltype(&curl_url_cleanup)>;
+
+URLHandle makeHandle() { return {curl_url(), &curl_url_cleanup}; }
+
+std::optional<std::string> part(const URLHandle& handle, CURLUPart which) {
+    char* text = nullptr;
+    if (curl_url_get(handle.get(), which, &text, 0) != CURLUE_OK) return std::nullopt;
+    const std::unique_ptr<char, decltype(&curl_free)> owned(text, &curl_free);
+    return std::string(text);
+}
+
+std::string asciiLowerCase(std::string text) {
+    for (char& c : text)
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    return text;
+}
+
+Result<void> checkText(std::string_view text) {
+    if (text.size() > maxURLBytes) return failure(0, fmt::format("a URL of {} bytes is too long", text.size()));
+    const bool clean = std::ranges::all_of(text, [](unsigned char c) { return c > 0x20 && c != 0x7f; });
+    if (!clean) return failure(0, "a URL with a blank or a control character");
+    return {};
+}
+
+std::string hostWithZone(const URLHandle& handle) {
+    std::string host = asciiLowerCase(part(handle, CURLUPART_HOST).value_or(""));
+    if (const auto zone = part(handle, CURLUPART_ZONEID); zone && host.ends_with(']'))
+        host.insert(host.size() - 1, "%25" + *zone);
+    return host;
+}
+
+URL read(const URLHandle& handle) {
+    URL url;
+    url.scheme = asciiLowerCase(part(handle, CURLUPART_SCHEME).value_or(""));
+    url.user = part(handle, CURLUPART_USER).value_or("");
+    url.password = part(handle, CURLUPART_PASSWORD).value_or("");
+    url.host = hostWithZone(handle);
+    url.port = part(handle, CURLUPART_PORT).value_or("");
+    url.path = part(handle, CURLUPART_PATH).value_or("/");
+    url.query = part(handle, CURLUPART_QUERY);
+    url.fragment = part(handle, CURLUPART_FRAGMENT).value_or("");
+    return url;
+}
+
+/// libcurl decodes escapes in a host each time it reads one. A host with an escape left in it would become another one
+/// the next time, after it was checked.
+Result<URL> readChecked(const URLHandle& handle) {
+    URL url = read(handle);
+    if (!url.host.starts_with('[') && url.host.find('%') != std::string::npos)
+        return failure(0, "not a URL: an escape within an escape in the host");
+    return url;
+}
+
+int hexDigit(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
+/// An escape that is not one stays as it is.
+std::string percentDecode(std::string_view text) {
+    std::string decoded;
+    decoded.reserve(text.size());
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const bool escape =
+            text[i] == '%' && i + 2 < text.size() && hexDigit(text[i + 1]) >= 0 && hexDigit(text[i + 2]) >= 0;
+        decoded += escape ? static_cast<char>(hexDigit(text[i + 1]) * 16 + hexDigit(text[i + 2])) : text[i];
+        if (escape) i += 2;
+    }
+    return decoded;
+}
+
+}  // namespace
+
+std::string URL::absoluteString() const {
+    std::string text = scheme + "://";
+    if (!user.empty() || !password.empty()) {
+        text += user;
+        if (!password.empty()) text += ":" + password;
+        text += "@";
+    }
+    text += host;
+    if (!port.empty()) text += ":" + port;
+    text += path;
+    if (query) text += "?" + *query;
+    if (!fragment.empty()) text += "#" + fragment;
+    return text;
+}
+
+Result<URL> parseURL(std::string_view text) {
+    if (auto checked = checkText(text); !checked) return std::unexpected(checked.error());
+    const URLHandle handle = makeHandle();
+    const unsigned flags = CURLU_NON_SUPPORT_SCHEME | CURLU_PATH_AS_IS;
+    if (const CURLUcode code = curl_url_set(handle.get(), CURLUPART_URL, std::string(text).c_str(), flags);
+        code != CURLUE_OK)
+        return failure(code, fmt::format("not a URL: {}", curl_url_strerror(code)));
+    return readChecked(handle);
+}
+
+Result<URL> parseAcceptableURL(std::string_view text) {
+    auto url = parseURL(text);
+    if (!url) return url;
+    if (url->scheme != "https" && url->scheme != "http")
+        return failure(0, fmt::format("the scheme {} is refused", url->scheme));
+    if (!url->user.empty() || !url->password.empty()) return failure(0, "a URL with user or password is refused");
+    if (url->host.empty()) return failure(0, "a URL without host is refused");
+    if (url->scheme == "http" && !isLoopbackHost(url->host))
+        return failure(0, fmt::format("the scheme http is refused for the host {}", url->host));
+    return url;
+}
+
+bool isLoopbackHost(std::string_view host) {
+    const std::string text = asciiLowerCase(std::string(host));
+    if (text == "localhost") return true;
+    if (text.starts_with('[') && text.ends_with(']')) {
+        in6_addr address{};
+        return inet_pton(AF_INET6, text.substr(1, text.size() - 2).c_str(), &address) == 1 &&
+               IN6_IS_ADDR_LOOPBACK(&address);
+    }
+    in_addr address{};
+    return inet_pton(AF_INET, text.c_str(), &address) == 1 && (ntohl(address.s_addr) >> 24) == 127;
+}
+
+Result<URL> resolveURL(const URL& base, std::string_view reference) {
+    if (auto checked = checkText(reference); !checked) return std::unexpected(checked.error());
+    URL start = base;
+    start.fragment.clear();
+    if (reference.empty()) return start;
+
+    const URLHandle handle = makeHandle();
+    CURLUcode code = curl_url_set(handle.get(), CURLUPART_URL, start.absoluteString().c_str(),
+                                  CURLU_NON_SUPPORT_SCHEME | CURLU_PATH_AS_IS);
+    if (code == CURLUE_OK)
+        code = curl_url_set(handle.get(), CURLUPART_URL, std::string(reference).c_str(), CURLU_NON_SUPPORT_SCHEME);
+    if (code != CURLUE_OK) return failure(code, fmt::format("not a URL reference: {}", curl_url_strerror(code)));
+    return readChecked(handle);
+}
+
+Result<URL> resolveRedirect(const URL& from, std::string_view location) {
+    const auto target = resolveURL(from, location);
+    if (!target) return target;
+    auto accepted = parseAcceptableURL(target->absoluteString());
+    if (!accepted) return accepted;
+    if (from.scheme == "https" && accepted->scheme != "https")
+        return failure(0, "a redirect from https to http is refused");
+    if (isLoopbackHost(accepted->host) && !isLoopbackHost(from.host))
+        return failure(0, "a redirect to a loopback host is refused");
+    return accepted;
+}
+
+std::vector<QueryItem> decodeQuery(std::string_view query) {
+    std::vector<QueryItem> items;
+    for (const auto range : std::views::split(query, '&')) {
+        const std::string_view item(range.begin(), range.end());
+        if (item.empty()) continue;
+        const std::size_t equals = item.find('=');
+        items.emplace_back(percentDecode(item.substr(0, equals)),
+                           equals == std::string_view::npos ? "" : percentDecode(item.substr(equals + 1)));
+    }
+    return items;
+}
+
+std::string percentEncode(std::string_view text) {
+    static constexpr std::string_view unreservedMarks = "-_.~";
+    static constexpr std::string_view digits = "0123456789ABCDEF";
+    std::string encoded;
+    encoded.reserve(text.size());
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        const bool unreserved = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                                unreservedMarks.find(c) != std::string_view::npos;
+        if (unreserved)
+            encoded += c;
+        else
+            encoded.append({'%', digits[byte >> 4], digits[byte & 15]});
+    }
+    return encoded;
+}
+
+}  // namespace orvex::platform

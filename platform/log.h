@@ -9,13 +9,12 @@
 #include <string>
 #include <string_view>
 
-#include "platform/clock.h"
-
 /// Logging. A `Logger` belongs to one category and is cheap to ask; the process has one `LogSink`, which writes.
 ///
 /// Threading: everything here is callable from any thread.
 /// Text: a message is escaped (control characters and line ends) and cut at `maxLogMessageBytes` before it reaches the
 /// sink, so foreign text cannot forge a line.
+/// Cost: a message below the level in force costs one comparison; its arguments are not looked at.
 /// Privacy: what is wrapped in `privately` prints as `<private>` unless the level in force is `debug`.
 namespace orvex::platform {
 
@@ -41,12 +40,19 @@ public:
     virtual void flush() {}
 };
 
-/// Makes `sink` the process's and `level` the lowest that is written; the earlier sink is returned. No sink: nothing is
-/// written. A test installs one of its own for its duration.
+/// Makes `sink` the process's and `level` the lowest that is written; the earlier sink is returned, and another thread
+/// may still be in its `write`. No sink: nothing is written. A test installs one of its own for its duration
+/// (platform/fakes/recording_log.h).
 std::shared_ptr<LogSink> installLogSink(std::shared_ptr<LogSink> sink, LogLevel level);
-[[nodiscard]] LogLevel logLevelInForce();
+[[nodiscard]] LogLevel logLevelInForce();  ///< `fault` while there is no sink
 [[nodiscard]] bool logsPrivateArguments();
 void flushLog();
+
+namespace log_detail {
+inline constexpr std::uint8_t nothing = 255;
+/// The lowest level that is written. Set by `installLogSink` only; here so that a disabled message is one comparison.
+inline constinit std::atomic<std::uint8_t> lowestWritten{nothing};
+}  // namespace log_detail
 
 class Logger {
 public:
@@ -54,29 +60,31 @@ public:
         : _subsystem(std::move(subsystem)),
           _category(std::move(category)) {}
 
-    [[nodiscard]] bool enabled(LogLevel level) const { return level >= logLevelInForce(); }
+    [[nodiscard]] bool enabled(LogLevel level) const {
+        return static_cast<std::uint8_t>(level) >= log_detail::lowestWritten.load(std::memory_order_relaxed);
+    }
     [[nodiscard]] std::string_view category() const { return _category; }
 
     template <class... Args>
     void debug(fmt::format_string<Args...> format, Args&&... args) const {
-        _log(LogLevel::debug, format, fmt::make_format_args(args...));
+        if (enabled(LogLevel::debug)) _log(LogLevel::debug, format, fmt::make_format_args(args...));
     }
     template <class... Args>
     void info(fmt::format_string<Args...> format, Args&&... args) const {
-        _log(LogLevel::info, format, fmt::make_format_args(args...));
+        if (enabled(LogLevel::info)) _log(LogLevel::info, format, fmt::make_format_args(args...));
     }
     /// At the level `default`.
     template <class... Args>
     void log(fmt::format_string<Args...> format, Args&&... args) const {
-        _log(LogLevel::standard, format, fmt::make_format_args(args...));
+        if (enabled(LogLevel::standard)) _log(LogLevel::standard, format, fmt::make_format_args(args...));
     }
     template <class... Args>
     void error(fmt::format_string<Args...> format, Args&&... args) const {
-        _log(LogLevel::error, format, fmt::make_format_args(args...));
+        if (enabled(LogLevel::error)) _log(LogLevel::error, format, fmt::make_format_args(args...));
     }
     template <class... Args>
     void fault(fmt::format_string<Args...> format, Args&&... args) const {
-        _log(LogLevel::fault, format, fmt::make_format_args(args...));
+        if (enabled(LogLevel::fault)) _log(LogLevel::fault, format, fmt::make_format_args(args...));
     }
 
 private:

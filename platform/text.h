@@ -13,7 +13,7 @@ namespace orvex::platform {
 [[nodiscard]] bool isValidUTF8(std::string_view bytes);
 [[nodiscard]] bool hasControlCharacter(std::string_view text);  ///< U+0000 to U+001F and U+007F
 
-/// Full lower-casing (ICU), for any language alike.
+/// Full lower-casing (ICU), for any language alike. Malformed bytes stay as they are. Less than 2 GiB.
 [[nodiscard]] std::string lowercased(std::string_view utf8);
 
 /// Runs of ASCII digits compare as integers of any length, the rest by UTF-16 code unit. <0, 0 or >0.
@@ -23,8 +23,8 @@ namespace orvex::platform {
 /// wire. Finite numbers only.
 [[nodiscard]] std::string shortestDecimal(double value);
 
-/// Text for a log or an error message: control characters as \xNN (line ends too), cut at `maxBytes` on a character
-/// boundary with "…" after it.
+/// Text for a log or an error message: control characters, line ends (U+2028 and U+2029 too) and malformed bytes as
+/// \xNN, byte by byte. Where that is longer than `maxBytes` it is cut there, on a character boundary, and "…" follows.
 [[nodiscard]] std::string escaped(std::string_view text, std::size_t maxBytes);
 
 }  // namespace orvex::platform

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/log.h"
+
+namespace orvex::platform {
+
+/// Takes the process's log lines for its scope, then puts the earlier sink and level back. Scopes nest.
+///
+/// Threading: callable from any thread; lines of other threads are taken too.
+class RecordingLog {
+public:
+    struct Line {
+        LogLevel level;
+        std::string subsystem;
+        std::string category;
+        std::string text;  ///< as a sink gets it: escaped and cut
+    };
+
+    explicit RecordingLog(LogLevel level = LogLevel::debug);
+    ~RecordingLog();
+    RecordingLog(const RecordingLog&) = delete;
+    RecordingLog& operator=(const RecordingLog&) = delete;
+
+    /// A line of that level and category has `text` in it.
+    [[nodiscard]] bool contains(LogLevel level, std::string_view category, std::string_view text) const;
+    [[nodiscard]] std::vector<Line> lines() const;
+
+private:
+    class Sink;
+
+    const std::shared_ptr<Sink> _sink;
+    const LogLevel _earlierLevel;
+    const std::shared_ptr<LogSink> _earlierSink;
+};
+
+}  // namespace orvex::platform

@@ -1,0 +1,89 @@
+#include "platform/log.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <exception>
+#include <iterator>
+#include <utility>
+
+#include "platform/text.h"
+#include "platform/thread_annotations.h"
+
+namespace orvex::platform {
+namespace {
+
+constexpr std::array<std::string_view, 5> levelNames = {"debug", "info", "default", "error", "fault"};
+
+struct InstalledSink {
+    Mutex mutex;
+    std::shared_ptr<LogSink> sink ORX_GUARDED_BY(mutex);
+};
+
+// Never destroyed: a thread may log until the very end of the process.
+InstalledSink& installed() {
+    static auto& sink = *new InstalledSink;
+    return sink;
+}
+
+// The sink, if it takes `level`: asked again under the lock, so that no sink sees a line below its own level.
+std::shared_ptr<LogSink> sinkFor(LogLevel level) {
+    auto& current = installed();
+    const MutexLock lock(current.mutex);
+    return static_cast<std::uint8_t>(level) >= log_detail::lowestWritten ? current.sink : nullptr;
+}
+
+std::string formatMessage(fmt::string_view format, fmt::format_args args) {
+    // Escaping only makes text longer, so what is beyond the cut need not be formatted at all.
+    constexpr std::size_t enoughToBeCut = maxLogMessageBytes + 4;
+    fmt::basic_memory_buffer<char, 512> message;
+    try {
+        fmt::vformat_to_n(std::back_inserter(message), enoughToBeCut, format, args);
+    } catch (const std::exception& error) {
+        return escaped(fmt::format("a message could not be formatted: {}", error.what()), maxLogMessageBytes);
+    }
+    return escaped({message.data(), message.size()}, maxLogMessageBytes);
+}
+
+}  // namespace
+
+std::string_view name(LogLevel level) { return levelNames.at(static_cast<std::size_t>(level)); }
+
+std::optional<LogLevel> logLevelFromName(std::string_view name) {
+    const auto found = std::ranges::find(levelNames, name);
+    if (found == levelNames.end()) return {};
+    return static_cast<LogLevel>(found - levelNames.begin());
+}
+
+std::shared_ptr<LogSink> installLogSink(std::shared_ptr<LogSink> sink, LogLevel level) {
+    auto& current = installed();
+    const MutexLock lock(current.mutex);
+    log_detail::lowestWritten = sink ? static_cast<std::uint8_t>(level) : log_detail::nothing;
+    return std::exchange(current.sink, std::move(sink));
+}
+
+LogLevel logLevelInForce() {
+    const auto lowest = log_detail::lowestWritten.load(std::memory_order_relaxed);
+    return static_cast<LogLevel>(std::min(lowest, static_cast<std::uint8_t>(LogLevel::fault)));
+}
+
+bool logsPrivateArguments() { return logLevelInForce() == LogLevel::debug; }
+
+void flushLog() {
+    if (const auto sink = sinkFor(LogLevel::fault)) sink->flush();
+}
+
+void Logger::_log(LogLevel level, fmt::string_view format, fmt::format_args args) const {
+    const auto sink = sinkFor(level);
+    if (!sink) return;
+    const auto message = formatMessage(format, args);
+    sink->write({.level = level, .subsystem = _subsystem, .category = _category, .message = message});
+}
+
+const Logger& defaultLogger() {
+    static const auto& logger = *new Logger("com.kelvar.orvexd", "-");
+    return logger;
+}
+
+}  // namespace orvex::platform

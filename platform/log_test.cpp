@@ -1,0 +1,134 @@
+#include "platform/log.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+#include <vector>
+
+#include "platform/fakes/recording_log.h"
+
+namespace orvex::platform {
+namespace {
+
+/// An argument that tells when it is formatted.
+struct Telltale {
+    int* formatted;
+};
+
+}  // namespace
+}  // namespace orvex::platform
+
+template <>
+struct fmt::formatter<orvex::platform::Telltale> : fmt::formatter<std::string_view> {
+    template <class Context>
+    auto format(orvex::platform::Telltale telltale, Context& context) const {
+        ++*telltale.formatted;
+        return fmt::formatter<std::string_view>::format("told", context);
+    }
+};
+
+namespace orvex::platform {
+namespace {
+
+const Logger& logger() {
+    static const Logger search("com.kelvar.orvexd", "Orvex_Search");
+    return search;
+}
+
+TEST(Log, ALevelAboveTheOneInForceIsWrittenAndOneBelowIsNotEvenFormatted) {
+    const RecordingLog log(LogLevel::info);
+    int formatted = 0;
+    logger().debug("{}", Telltale{&formatted});
+    EXPECT_EQ(formatted, 0);
+    logger().info("{}", Telltale{&formatted});
+    logger().fault("fault {}", 2);
+    EXPECT_EQ(formatted, 1);
+    EXPECT_EQ(log.lines().size(), 2u);
+    EXPECT_TRUE(log.contains(LogLevel::info, "Orvex_Search", "told"));
+    EXPECT_TRUE(log.contains(LogLevel::fault, "Orvex_Search", "fault 2"));
+    EXPECT_EQ(log.lines()[0].subsystem, "com.kelvar.orvexd");
+}
+
+TEST(Log, LevelsHaveTheNamesOfTheCommandLine) {
+    for (const auto* text : {"debug", "info", "default", "error", "fault"}) {
+        const auto level = logLevelFromName(text);
+        ASSERT_TRUE(level) << text;
+        EXPECT_EQ(name(*level), text);
+    }
+    EXPECT_EQ(logLevelFromName("default"), LogLevel::standard);
+    EXPECT_FALSE(logLevelFromName("Debug"));
+    EXPECT_FALSE(logLevelFromName(""));
+}
+
+TEST(Log, PrivateArgumentsShowOnlyWhenTheLevelInForceIsDebug) {
+    {
+        const RecordingLog log(LogLevel::info);
+        logger().error("query '{}' failed", privately("socks"));
+        EXPECT_EQ(log.lines()[0].text, "query '<private>' failed");
+    }
+    const RecordingLog log(LogLevel::debug);
+    logger().error("query '{}' failed", privately("socks"));
+    EXPECT_EQ(log.lines()[0].text, "query 'socks' failed");
+}
+
+TEST(Log, AnAbsentTextPrintsAsNull) {
+    EXPECT_EQ(orNull(std::nullopt), "(null)");
+    EXPECT_EQ(orNull(std::string()), "");
+}
+
+TEST(Log, ForeignTextCannotForgeALine) {
+    const RecordingLog log;
+    logger().log("agent {}", "x\n2026-01-01T00:00:00.000Z fault - forged\x1b[2J");
+    EXPECT_EQ(log.lines()[0].text, "agent x\\x0A2026-01-01T00:00:00.000Z fault - forged\\x1B[2J");
+}
+
+TEST(Log, ALongMessageIsCutOnACharacterBoundary) {
+    const RecordingLog log;
+    logger().log("{}", std::string(maxLogMessageBytes, 'a'));
+    logger().log("{}", std::string(maxLogMessageBytes - 1, 'a') + "é and more");
+    EXPECT_EQ(log.lines()[0].text, std::string(maxLogMessageBytes, 'a'));
+    EXPECT_EQ(log.lines()[1].text, std::string(maxLogMessageBytes - 1, 'a') + "…");
+}
+
+TEST(Log, TheDefaultLoggerHasADashForACategory) {
+    const RecordingLog log;
+    defaultLogger().log("starting");
+    EXPECT_TRUE(log.contains(LogLevel::standard, "-", "starting"));
+}
+
+TEST(Log, ARecordingPutsTheEarlierSinkBack) {
+    const RecordingLog outer(LogLevel::error);
+    {
+        const RecordingLog inner(LogLevel::debug);
+        logger().debug("inside");
+        EXPECT_EQ(inner.lines().size(), 1u);
+    }
+    EXPECT_EQ(logLevelInForce(), LogLevel::error);
+    logger().debug("outside");
+    logger().error("outside");
+    EXPECT_EQ(outer.lines().size(), 1u);
+}
+
+TEST(Log, SinksMayBeChangedWhileOthersLog) {
+    const RecordingLog outer(LogLevel::fault);
+    std::atomic<bool> stop = false;
+    std::vector<std::jthread> writers;
+    for (int index = 0; index < 3; ++index) {
+        writers.emplace_back([&stop] {
+            while (!stop) logger().error("line {}", 1);
+        });
+    }
+    std::size_t taken = 0;
+    for (int round = 0; round < 100 || taken == 0; ++round) {
+        const RecordingLog log(LogLevel::error);
+        std::this_thread::yield();
+        taken += log.lines().size();
+    }
+    stop = true;
+    writers.clear();
+    EXPECT_GT(taken, 0u);
+    EXPECT_TRUE(outer.lines().empty());
+}
+
+}  // namespace
+}  // namespace orvex::platform

@@ -42,8 +42,12 @@ struct FileAttributes {
     std::uint32_t permissions = 0;  ///< the lower twelve bits of the mode
 };
 
-/// One directory of ours and what lies below it. Every path is relative to it: `..`, absolute paths and symbolic links
-/// are refused on the way, and so is a file that is not regular or not of our own uid.
+/// One directory of ours and what lies below it. A name is a path relative to it; one that is absolute, or has an empty
+/// part, `.` or `..`, is refused (EINVAL), and so is a symbolic link on the way (ELOOP or ENOTDIR).
+///
+/// What is read must be a regular file of our own uid: code EISDIR for a directory, ELOOP for a symbolic link, ENXIO
+/// for a FIFO, socket or device (none of which is waited for), EPERM for a file of another uid. What stands under a
+/// name may be replaced, renamed or removed whatever its kind; a link is never followed.
 ///
 /// Threading: callable from any thread. Nothing is remembered between calls.
 class Directory {
@@ -56,13 +60,17 @@ public:
     [[nodiscard]] virtual Result<std::string> read(std::string_view name, std::size_t maxBytes) const = 0;
 
     /// Replaces the file as a whole, or leaves the old one: a new file beside it, synced, renamed, the directory
-    /// synced. Durable when it returns without an error. Mode 0600.
+    /// synced. Durable when it returns without an error. Mode 0600. A crash may leave the new file under a name that
+    /// `isTemporaryName` knows. EISDIR when the name is a directory's.
     [[nodiscard]] virtual Result<void> replace(std::string_view name, std::string_view bytes) = 0;
 
-    [[nodiscard]] virtual Result<void> remove(std::string_view name) = 0;  ///< ENOENT is an error too
+    /// A file, or a directory that is empty (else ENOTEMPTY). ENOENT is an error too.
+    [[nodiscard]] virtual Result<void> remove(std::string_view name) = 0;
+    /// Replaces what stands under `to`; a directory replaces only an empty directory. Durable when it returns.
     [[nodiscard]] virtual Result<void> rename(std::string_view from, std::string_view to) = 0;
     [[nodiscard]] virtual Result<void> makeDirectory(std::string_view name) = 0;  ///< mode 0700; existing is success
     [[nodiscard]] virtual Result<FileAttributes> attributes(std::string_view name) const = 0;
+    /// Names of every kind, sorted, leftovers of `replace` among them; "." is this directory.
     [[nodiscard]] virtual Result<std::vector<std::string>> list(std::string_view name = ".") const = 0;
 
     /// A directory below this one, made when missing.
@@ -78,6 +86,20 @@ public:
     [[nodiscard]] virtual Result<std::shared_ptr<Directory>> stateDirectory() = 0;
     [[nodiscard]] virtual Result<std::shared_ptr<Directory>> configurationDirectory() = 0;
 };
+
+/// Whether `name` is one that a `Directory` takes: relative, no empty part, no `.` or `..`, no zero byte, parts of at
+/// most 255 bytes.
+[[nodiscard]] bool isAcceptablePath(std::string_view name);
+
+/// Whether this is the name of a new file that `replace` had not yet put in its place: `.orvexd-` and `.tmp`.
+[[nodiscard]] bool isTemporaryName(std::string_view name);
+
+/// Removes what a crash left under such names; returns how many. For the owner of the directory, when it starts.
+std::size_t removeTemporaries(Directory& directory);
+
+/// Whether this failure of `read` says that what stands under the name is no file to be read (not: that the system
+/// failed to). Such a file is broken for good.
+[[nodiscard]] bool saysBrokenFile(const Failure& failure);
 
 /// Moves a broken file aside as `NAME.corrupt` (the one before is lost) and returns whether there was one to move.
 bool setAside(Directory& directory, std::string_view name);

@@ -1,18 +1,16 @@
 #pragma once
 
+#include <boost/json/fwd.hpp>
 #include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <variant>
 #include <vector>
 
 #include "platform/clock.h"
-
-namespace boost::json {
-class value;
-}
 
 namespace orvex::platform {
 
@@ -54,19 +52,22 @@ public:
 
     // Coercions, one rule for all who read settings.
     [[nodiscard]] bool coerceToBool() const;             ///< a boolean, a number other than 0, or YES, yes, true, 1
-    [[nodiscard]] std::int64_t coerceToInteger() const;  ///< a number cut (saturating), a boolean, decimal text; else 0
+    [[nodiscard]] std::int64_t coerceToInteger() const;  ///< a number cut, a boolean, decimal text cut; else 0
     [[nodiscard]] std::optional<std::string> coerceToString() const;  ///< text, or a number in decimal
 
 private:
     Storage _storage;
 };
 
+/// Cut towards zero; saturates at what an int64 can hold; NaN is 0. For every double that comes from outside.
+[[nodiscard]] std::int64_t integerFromDouble(double value);
+
 /// JSON to property value. A null within an array or an object is left out; a null itself, and a number that is not
 /// finite, is none. An unsigned integer beyond int64 becomes a double.
 std::optional<PropertyValue> propertyValueFromJSON(const boost::json::value& json);
 
 /// Property value to JSON, for a value that came from there. A date becomes its seconds since 1970, data becomes
-/// base64.
+/// base64 (RFC 4648, section 4), a number that is not finite null.
 boost::json::value jsonFromPropertyValue(const PropertyValue& value);
 
 }  // namespace orvex::platform

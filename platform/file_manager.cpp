@@ -1,0 +1,60 @@
+#include "platform/file_manager.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace orvex::platform {
+
+FileDescriptor& FileDescriptor::operator=(FileDescriptor&& other) noexcept {
+    if (this != &other) {
+        reset();
+        _fd = other.release();
+    }
+    return *this;
+}
+
+void FileDescriptor::reset() noexcept {
+    if (valid()) ::close(release());
+}
+
+bool isAcceptablePath(std::string_view name) {
+    constexpr std::size_t maxPartBytes = 255;  // NAME_MAX of every file system that matters
+    if (name.empty() || name.contains('\0')) return false;
+    while (true) {
+        const auto end = name.find('/');
+        const auto part = name.substr(0, end);
+        if (part.empty() || part == "." || part == ".." || part.size() > maxPartBytes) return false;
+        if (end == name.npos) return true;
+        name.remove_prefix(end + 1);
+    }
+}
+
+bool isTemporaryName(std::string_view name) { return name.starts_with(".orvexd-") && name.ends_with(".tmp"); }
+
+std::size_t removeTemporaries(Directory& directory) {
+    std::size_t removed = 0;
+    const auto names = directory.list();
+    if (!names) return 0;
+    for (const auto& name : *names)
+        if (isTemporaryName(name) && directory.remove(name)) ++removed;
+    return removed;
+}
+
+bool saysBrokenFile(const Failure& failure) {
+    switch (failure.code) {
+        case EFBIG:
+        case EISDIR:
+        case ELOOP:
+        case ENXIO:
+            return true;
+        default:
+            return false;
+    }
+}
+
+bool setAside(Directory& directory, std::string_view name) {
+    return directory.rename(name, std::string(name) + ".corrupt").has_value();
+}
+
+}  // namespace orvex::platform

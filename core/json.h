@@ -1,0 +1,30 @@
+#pragma once
+
+#include <boost/json/fwd.hpp>
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/result.h"
+
+/// Reading JSON that others wrote.
+namespace orvex {
+
+inline constexpr std::size_t kBagJSONDepth = 64;
+inline constexpr std::size_t kReplyJSONDepth = 512;
+
+/// The one value that `text` holds, in memory of its own. Fails on anything after it and on a nesting deeper than
+/// `maxDepth`.
+platform::Result<boost::json::value> parseJSON(std::string_view text, std::size_t maxDepth);
+
+/// A number of whatever kind; none for anything else and for one that is not finite (1e400 reads as infinity).
+[[nodiscard]] std::optional<double> numberFromJSON(const boost::json::value& json);
+
+/// The number's decimal text: integers exactly, others as `platform::shortestDecimal`. None where there is no number.
+[[nodiscard]] std::optional<std::string> decimalFromJSON(const boost::json::value& json);
+
+/// The member of that name when it is there and a string, else none.
+[[nodiscard]] std::optional<std::string> stringMember(const boost::json::object& object, std::string_view name);
+
+}  // namespace orvex

@@ -1,0 +1,74 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace orvex {
+
+class ORXBag;
+class OrvexURLRequestBuilder;
+struct ORXRequest;
+struct ORXSearchRequest;
+struct RequestContext;
+
+/// What is asked of a request builder beside its inputs. A bit field.
+enum class FieldMask : std::uint32_t {
+    none = 0,
+    withoutLocation = 1,  ///< leave out where the user is
+};
+
+enum class RequestKind : std::uint8_t {
+    bagFetch,
+    bagCache,  ///< only for its URL, by which a cached bag is known to fit
+    warm,
+    search,
+};
+
+/// What one request is made of. Everything referred to outlives the building of it.
+struct RequestInputs {
+    RequestKind kind;
+    const RequestContext* context = nullptr;   ///< filled in by the factory
+    bool useCindora = false;                   ///< the same
+    const ORXBag* bag = nullptr;               ///< of a query
+    const ORXRequest* request = nullptr;       ///< a client's query, of any kind
+    const ORXSearchRequest* search = nullptr;  ///< the same query when it is a search
+    std::string_view userAgent = {};
+    std::string_view userGuid = {};
+    std::string_view version = {};  ///< of the bag that is asked for, or of what we have
+    FieldMask fieldMask = FieldMask::none;
+};
+
+/// One query item or header that requests may carry: how it is made, and what to tell a user who asks why.
+struct VocabularyEntry {
+    enum class Where : std::uint8_t { query, header };
+    enum class Precedence : std::uint8_t { byDefault, forced };
+    /// What is sent for these inputs; none: nothing.
+    using Value = std::optional<std::string> (*)(const RequestInputs&);
+    /// For the two entries that stand for items of other names: the client's own, and the debug parameters.
+    using Add = void (*)(const RequestInputs&, OrvexURLRequestBuilder&);
+
+    std::string_view name;  ///< exactly as sent; in angle brackets where `add` gives the names
+    Where where = Where::query;
+    Precedence precedence = Precedence::byDefault;
+    bool personal = false;             ///< tells something about the person, not only about device and settings
+    std::string_view source;           ///< where the value comes from
+    std::string_view purpose;          ///< what the server does with it
+    std::string_view switchedBy = {};  ///< the setting that changes or removes it
+    Value value = nullptr;
+    Add add = nullptr;
+};
+
+/// Everything that a request may carry.
+[[nodiscard]] std::span<const VocabularyEntry> requestVocabulary();
+
+/// Which entries, as positions in `requestVocabulary`, a request of this kind is made of, in the order of adding. The
+/// order decides where two would set the same name.
+[[nodiscard]] std::span<const std::uint8_t> constructionOrder(RequestKind kind);
+
+/// Adds to `builder` what `inputs` call for. Runs in a read of the context queue.
+void addVocabulary(const RequestInputs& inputs, OrvexURLRequestBuilder& builder);
+
+}  // namespace orvex

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/bus_value.h"
@@ -26,6 +27,9 @@ inline constexpr std::string_view accessDenied = "org.freedesktop.DBus.Error.Acc
 inline constexpr std::string_view invalidArgs = "org.freedesktop.DBus.Error.InvalidArgs";
 inline constexpr std::string_view limitsExceeded = "org.freedesktop.DBus.Error.LimitsExceeded";
 inline constexpr std::string_view noReply = "com.kelvar.orvexd.Error.NoReply";
+inline constexpr std::string_view unknownObject = "org.freedesktop.DBus.Error.UnknownObject";
+inline constexpr std::string_view failed = "org.freedesktop.DBus.Error.Failed";
+inline constexpr std::string_view disconnected = "org.freedesktop.DBus.Error.Disconnected";
 }  // namespace bus_error
 
 /// What a method, signal or interface looks like on the bus; introspection is made of it.
@@ -51,10 +55,11 @@ public:
 
     BusReply() = default;
     explicit BusReply(Send send) : _send(std::move(send)) {}
-    BusReply(BusReply&& other) noexcept = default;
+    BusReply(BusReply&& other) noexcept : _send(std::exchange(other._send, nullptr)) {}
     BusReply& operator=(BusReply&& other) noexcept;
     ~BusReply();
 
+    /// `arguments` fit the declared signature; else an error is sent and logged. Nothing happens once answered.
     void answer(BusArguments arguments);
     void fail(std::string_view errorName, std::string_view message);
     [[nodiscard]] bool pending() const { return static_cast<bool>(_send); }

@@ -18,11 +18,21 @@ class BusValue;
 /// `ay`. Shared, so that a body goes from the network to the bus without a copy of ours.
 struct BusBytes {
     std::shared_ptr<const std::string> bytes;
+
+    [[nodiscard]] static BusBytes of(std::string bytes) {
+        return {std::make_shared<const std::string>(std::move(bytes))};
+    }
     [[nodiscard]] std::string_view view() const { return bytes ? std::string_view(*bytes) : std::string_view(); }
 };
 struct BusObjectPath {
     std::string path;
 };
+/// `g`
+struct BusSignature {
+    std::string signature;
+};
+/// Any array but `ay` and the dictionaries below. A dictionary whose keys are no strings is one too: its element
+/// signature is then "{us}" for example, each item a `BusStruct` of key and value.
 struct BusArray {
     std::string elementSignature;
     std::vector<BusValue> items;
@@ -39,17 +49,18 @@ struct BusDictionary {
     [[nodiscard]] const BusValue* find(std::string_view key) const;
     BusDictionary& set(std::string key, BusValue value);
 };
+/// `h`. Shared, since values can be copied; closed with the last of them.
 struct BusFile {
     std::shared_ptr<FileDescriptor> file;
 };
 
-/// One D-Bus value. In a dictionary of variants it stands for the variant's content; its D-Bus type is its
-/// alternative's.
+/// One D-Bus value. Where the type is a variant it stands for the variant's content; its D-Bus type is its
+/// alternative's. Text is UTF-8 without NUL.
 class BusValue {
 public:
     using Storage = std::variant<bool, std::uint8_t, std::int16_t, std::uint16_t, std::int32_t, std::uint32_t,
-                                 std::int64_t, std::uint64_t, double, std::string, BusObjectPath, BusBytes, BusArray,
-                                 BusStruct, BusDictionary, BusFile>;
+                                 std::int64_t, std::uint64_t, double, std::string, BusObjectPath, BusSignature,
+                                 BusBytes, BusArray, BusStruct, BusDictionary, BusFile>;
 
     template <class T>
         requires(!std::is_same_v<std::remove_cvref_t<T>, BusValue> && std::is_constructible_v<Storage, T>)
@@ -63,7 +74,8 @@ public:
     }
     [[nodiscard]] const Storage& storage() const { return _storage; }
 
-    /// The D-Bus signature, "a{sv}" for example.
+    /// The D-Bus signature, "a{sv}" for example. That of a struct is its present members': a variant in it shows as
+    /// its content.
     [[nodiscard]] std::string signature() const;
 
 private:
@@ -71,5 +83,13 @@ private:
 };
 
 using BusArguments = std::vector<BusValue>;
+
+[[nodiscard]] std::string signatureOf(const BusArguments& arguments);
+
+/// The first complete type that `signature` begins with; empty when there is none or it is malformed.
+[[nodiscard]] std::string_view firstCompleteType(std::string_view signature);
+
+/// Whether `arguments` can be sent where `signature` is declared. A variant takes any one value.
+[[nodiscard]] bool fits(std::string_view signature, const BusArguments& arguments);
 
 }  // namespace orvex::platform

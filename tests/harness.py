@@ -28,6 +28,8 @@ import dbus.bus
 import dbus.mainloop.glib
 from gi.repository import GLib
 
+from scripted_server import ScriptedServer
+
 DEADLINE = 120  # seconds; a sanitizer's build on a busy machine is slow
 
 NAME = "com.kelvar.orvexd"
@@ -345,6 +347,11 @@ class Scenario(unittest.TestCase):
 
     def server(self, *arguments):
         return self._keep(ReferenceServer(arguments, self.environment()))
+
+    def scripted_server(self):
+        server = ScriptedServer()
+        self.addCleanup(server.close)
+        return server
 
     def start_daemon(self, bus, *arguments, defaults=None, home=None, variables=None):
         """A daemon that may well fail to start. Without `home` it gets the scenario's."""

@@ -3,7 +3,10 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
+
+#include "platform/thread_annotations.h"
 
 namespace orvex::platform {
 
@@ -23,14 +26,32 @@ struct LocaleSettings {
     bool operator==(const LocaleSettings&) const = default;
 };
 
-/// Threading: `current` from any thread; a change handler comes on a thread of the service's own.
+/// The settings as last read or told, remembered: reading them is slow.
+///
+/// Threading: callable from any thread. A change handler comes on the thread that noticed the change, without a lock.
 class LocaleService {
 public:
     virtual ~LocaleService() = default;
-    [[nodiscard]] virtual LocaleSettings current() const = 0;
+    LocaleService(const LocaleService&) = delete;
+    LocaleService& operator=(const LocaleService&) = delete;
+
+    [[nodiscard]] LocaleSettings current() const;
 
     /// Adds a handler that is called after the settings have changed. It stays for the service's life.
-    virtual void addChangeHandler(std::function<void(const LocaleSettings&)> handler) = 0;
+    void addChangeHandler(std::function<void(const LocaleSettings&)> handler);
+
+protected:
+    explicit LocaleService(LocaleSettings settings) : _settings(std::move(settings)) {}
+
+    /// Calls the handlers, in the order that they were added, if `settings` differ from what was remembered.
+    void _remember(const LocaleSettings& settings);
+
+private:
+    using ChangeHandler = std::function<void(const LocaleSettings&)>;
+
+    mutable Mutex _mutex;
+    LocaleSettings _settings ORX_GUARDED_BY(_mutex);
+    std::vector<ChangeHandler> _changeHandlers ORX_GUARDED_BY(_mutex);
 };
 
 }  // namespace orvex::platform

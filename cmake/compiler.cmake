@@ -1,13 +1,12 @@
 # Warnings are errors, with g++ and with clang; clang also checks which queue guards what.
-add_compile_options(-Wall -Wextra -Wpedantic -Wshadow=local -Wnon-virtual-dtor -Wold-style-cast -Werror)
-if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
-  add_compile_options(-Wthread-safety -Werror=thread-safety)
-endif()
+add_compile_options(-Wall -Wextra -Wpedantic -Wnon-virtual-dtor -Wold-style-cast -Werror)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  add_compile_options(-Wshadow=local -Wno-missing-field-initializers)
   # g++ 12 reports these of libstdc++'s own code once it is inlined.
-  add_compile_options(-Wno-missing-field-initializers -Wno-maybe-uninitialized -Wno-restrict)
+  add_compile_options(-Wno-maybe-uninitialized -Wno-restrict)
 else()
-  add_compile_options(-Wno-missing-field-initializers -Wno-missing-designated-field-initializers)
+  add_compile_options(-Wshadow -Wno-missing-field-initializers -Wno-missing-designated-field-initializers)
+  add_compile_options(-Wthread-safety -Werror=thread-safety)
 endif()
 if(ORVEX_SANITIZE)
   add_compile_options(-fsanitize=${ORVEX_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)

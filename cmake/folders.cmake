@@ -30,7 +30,7 @@ endfunction()
 
 function(orvex_program name source)
   add_executable(${name} ${source})
-  target_link_libraries(${name} PRIVATE ${ARGN})
+  target_link_libraries(${name} PRIVATE ${ARGN} ${ORVEX_SANITIZER_OPTIONS})
   target_compile_definitions(${name} PRIVATE ORVEX_VERSION="${PROJECT_VERSION}")
 endfunction()
 
@@ -40,8 +40,8 @@ function(orvex_add_unit_tests)
   foreach(name IN LISTS names)
     get_property(sources GLOBAL PROPERTY orvex_tests_${name})
     add_executable(${name}_test ${sources})
-    target_link_libraries(${name}_test PRIVATE orvex_${name} orvex_platform_fakes orvex_platform_linux GTest::gmock_main)
-    gtest_discover_tests(${name}_test TEST_PREFIX ${name}/ DISCOVERY_TIMEOUT 120
-                         PROPERTIES TIMEOUT 300 ENVIRONMENT "${ORVEX_SANITIZER_OPTIONS}")
+    target_link_libraries(${name}_test PRIVATE orvex_${name} orvex_platform_fakes orvex_platform_linux GTest::gmock_main
+                          ${ORVEX_SANITIZER_OPTIONS})
+    gtest_discover_tests(${name}_test TEST_PREFIX ${name}/ DISCOVERY_TIMEOUT 120 PROPERTIES TIMEOUT 300)
   endforeach()
 endfunction()

@@ -1,0 +1,20 @@
+/// What the sanitizers are told in every program of a sanitizer's build; the environment (ASAN_OPTIONS …) comes after.
+/// A finding ends the program with its own status, so that a test which expects a clean end fails.
+/// The suppressions name code of libraries only, one "KIND:FUNCTION OR LIBRARY" a line, and above it why.
+
+extern "C" {
+
+const char* __asan_default_options() {
+    return "detect_leaks=1:strict_string_checks=1:detect_stack_use_after_return=1:exitcode=86";
+}
+
+const char* __ubsan_default_options() { return "print_stacktrace=1:halt_on_error=1:exitcode=86"; }
+
+const char* __lsan_default_options() { return "print_suppressions=0:exitcode=86"; }
+
+const char* __lsan_default_suppressions() { return ""; }
+
+const char* __tsan_default_options() { return "halt_on_error=1:second_deadlock_stack=1:exitcode=86"; }
+
+const char* __tsan_default_suppressions() { return ""; }
+}

@@ -11,7 +11,7 @@ WallTime wallTimeFromSeconds(double seconds) {
     if (seconds >= secondsSince1970(WallTime::max())) return WallTime::max();
     if (seconds <= secondsSince1970(WallTime::min())) return WallTime::min();
     // Apart, since the product would lose the last digits of a present date.
-    const double whole = std::floor(seconds);
+    const double whole = std::trunc(seconds);
     const auto fraction = std::llround((seconds - whole) * 1e9);
     return WallTime(std::chrono::seconds(std::llround(whole)) + std::chrono::nanoseconds(fraction));
 }

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <concepts>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -27,6 +28,8 @@ enum class Priority { high, standard, background };
 
 class QueueCore;
 struct TimerState;
+
+enum class QueueAccess : std::uint8_t { read, barrier };
 
 /// What a wait sleeps on. Made by a dispatcher, since a test's wait must run other work and move the clock instead.
 class WaitPoint {
@@ -58,6 +61,27 @@ public:
     virtual void submitMain(Work work) = 0;
 };
 
+/// The calling thread's turn on a queue, from construction to destruction; the innermost of those that it holds. What
+/// the queues below run under; nobody else makes one.
+class QueueTurn {
+public:
+    QueueTurn(QueueCore& core, QueueAccess access);  ///< waits for the turn
+    ~QueueTurn();
+    QueueTurn(const QueueTurn&) = delete;
+    QueueTurn& operator=(const QueueTurn&) = delete;
+
+private:
+    friend class QueueCore;
+    friend class HeldQueuesAside;
+    struct Granted {};
+    QueueTurn(QueueCore& core, Granted);  ///< of a thread that has the turn already and gives it back itself
+
+    QueueCore& _core;
+    const QueueAccess _access;
+    const bool _givesBack;
+    const QueueTurn* _outer = nullptr;
+};
+
 /// One item at a time, first in, first out.
 ///
 /// A queue is a capability: data that it guards is `ORX_GUARDED_BY(_queue)`, operations on it `ORX_REQUIRES(_queue)`,
@@ -65,7 +89,9 @@ public:
 class ORX_CAPABILITY("queue") SerialQueue {
 public:
     SerialQueue(Dispatcher& dispatcher, std::string label, Priority priority = Priority::standard);
-    ~SerialQueue();  ///< closes
+    /// Closes. From one of the queue's own items it does not wait: that item goes on, what is queued behind it is
+    /// dropped, since its owner is gone.
+    ~SerialQueue();
     SerialQueue(const SerialQueue&) = delete;
     SerialQueue& operator=(const SerialQueue&) = delete;
 
@@ -76,7 +102,7 @@ public:
     /// Aborts with both labels when the calling thread already holds this queue. On a closed queue it still runs.
     template <std::invocable Function>
     std::invoke_result_t<Function> sync(Function&& function) const {
-        const Holding held = _enter();
+        const QueueTurn turn(*_core, QueueAccess::barrier);
         return std::forward<Function>(function)();
     }
 
@@ -84,7 +110,7 @@ public:
     void after(std::chrono::nanoseconds delay, Work work, std::chrono::nanoseconds leeway = {});
 
     /// Runs what is queued, then takes nothing more. What was posted with `after` and is not due is dropped.
-    /// Called on the queue itself it only stops taking more.
+    /// Called on the queue itself it only stops taking more: what is queued runs after the present item.
     void close();
 
     /// Aborts when the calling thread is not running an item of this queue.
@@ -96,18 +122,7 @@ public:
 
 private:
     friend class Timer;
-    /// The caller's turn on the queue; ends with the object.
-    class Holding {
-    public:
-        explicit Holding(QueueCore& core);
-        ~Holding();
-        Holding(const Holding&) = delete;
-        Holding& operator=(const Holding&) = delete;
-
-    private:
-        QueueCore& _core;
-    };
-    [[nodiscard]] Holding _enter() const { return Holding(*_core); }
+    friend class TaskGroup;
 
     std::shared_ptr<QueueCore> _core;
 };
@@ -116,40 +131,32 @@ private:
 class ORX_CAPABILITY("queue") ConcurrentQueue {
 public:
     ConcurrentQueue(Dispatcher& dispatcher, std::string label, Priority priority = Priority::standard);
-    ~ConcurrentQueue();  ///< closes
+    ~ConcurrentQueue();  ///< closes, as SerialQueue's does
     ConcurrentQueue(const ConcurrentQueue&) = delete;
     ConcurrentQueue& operator=(const ConcurrentQueue&) = delete;
 
     /// A read, on the caller's thread. Reads may nest in a read of another queue, not of the same one.
     template <std::invocable Function>
     std::invoke_result_t<Function> sync(Function&& function) const {
-        const Holding held(*_core, false);
+        const QueueTurn turn(*_core, QueueAccess::read);
         return std::forward<Function>(function)();
     }
     template <std::invocable Function>
     std::invoke_result_t<Function> barrierSync(Function&& function) {
-        const Holding held(*_core, true);
+        const QueueTurn turn(*_core, QueueAccess::barrier);
         return std::forward<Function>(function)();
     }
-    void barrierAsync(Work work);
-    void close();
+    void barrierAsync(Work work);  ///< on a closed queue the work is dropped
+    void close();                  ///< as SerialQueue::close
 
     void assertCurrent() const ORX_ASSERT_SHARED_CAPABILITY(this);  ///< a read or a barrier of this queue
     void assertBarrier() const ORX_ASSERT_CAPABILITY(this);
     [[nodiscard]] bool isCurrent() const;
 
-private:
-    class Holding {
-    public:
-        Holding(QueueCore& core, bool barrier);
-        ~Holding();
-        Holding(const Holding&) = delete;
-        Holding& operator=(const Holding&) = delete;
+    [[nodiscard]] const std::string& label() const;
+    [[nodiscard]] Dispatcher& dispatcher() const;
 
-    private:
-        QueueCore& _core;
-        const bool _barrier;
-    };
+private:
     std::shared_ptr<QueueCore> _core;
 };
 
@@ -216,7 +223,7 @@ public:
     explicit TaskGroup(Dispatcher& dispatcher);
     ~TaskGroup();
     void enter();
-    void leave();
+    void leave();  ///< aborts when nothing was entered
     [[nodiscard]] bool wait(std::optional<std::chrono::nanoseconds> timeout = {});
     void notify(SerialQueue& queue, Work work);  ///< once; at once when nothing is under way
 

@@ -77,6 +77,7 @@ struct BusPeer {
 
 struct BusCall {
     BusPeer sender;
+    std::string path;
     std::string interface;
     std::string member;
     BusArguments arguments;  ///< of the declared signature

@@ -54,6 +54,8 @@ private:
                   RetryCount count, platform::DataTaskCompletion completion);
 
     std::shared_ptr<platform::URLSessionTask> _makeTask();
+    void _run(platform::URLSessionTask& task);
+    bool _isCancelled();
     void _attemptEnded(platform::Body data, std::optional<platform::URLResponse> response,
                        std::optional<platform::TransportError> error);
     bool _beginWaiting();  ///< whether another attempt comes

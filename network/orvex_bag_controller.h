@@ -18,7 +18,6 @@
 namespace orvex {
 
 class Assembly;
-class RetryableTask;
 struct ORXBagRefreshRequiredNotification;
 
 /// The one owner of the bag: fetches it, keeps it in memory and on disk, and announces every new one.
@@ -54,8 +53,8 @@ public:
     [[nodiscard]] const std::string& userAgent() const { return _userAgent; }
 
 private:
-    using RawBag = std::shared_ptr<const boost::json::object>;
-    class FetchTurn;
+    enum class Origin { disk, network };
+    using FetchTurn = std::shared_ptr<void>;  ///< a fetch is under way for as long as one is held
     struct Identity;
 
     explicit OrvexBagController(Assembly& assembly);
@@ -63,7 +62,7 @@ private:
 
     // The bag in memory.
     [[nodiscard]] std::shared_ptr<const ORXBag> _cachedBagState();
-    void _cacheBagState(std::shared_ptr<const ORXBag> bag, bool fromDisk);
+    void _cacheBagState(std::shared_ptr<const ORXBag> bag, Origin origin);
     void _postAvailability(std::uint64_t availability);
 
     // Staleness. Reads the context queue, so never within a block of either queue.
@@ -73,10 +72,12 @@ private:
 
     // The fetch.
     void _fetchSoon();
-    void _fetchBagStateWithVersion(std::optional<std::string> version);
-    void _startFetch(std::optional<std::string> version, FetchTurn turn);
+    void _fetchBagStateWithVersion(const std::optional<std::string>& version);
     void _fetchEnded(const platform::Body& data, const std::optional<platform::URLResponse>& response,
                      const std::optional<platform::TransportError>& error);
+    void _countFailure(const ORXError& error);
+    /// Stamps the dictionary and writes it to disk; the stamped one is the result, written or not.
+    boost::json::object _cacheBagDictionary(boost::json::object dictionary);
 
     // Constant after construction.
     Assembly& _assembly;

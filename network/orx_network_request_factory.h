@@ -71,11 +71,13 @@ public:
 private:
     explicit ORXNetworkRequestFactory(Assembly& assembly);
 
-    /// Nothing when `endpoint` is no acceptable URL.
-    [[nodiscard]] std::optional<platform::URLRequest> _build(RequestInputs inputs, std::string_view endpoint) const;
-    [[nodiscard]] std::optional<platform::URLRequest> _bagRequest(RequestKind kind,
-                                                                  const OrvexBagController& controller,
-                                                                  RequestInputs inputs) const;
+    void _readContext();
+    [[nodiscard]] std::optional<platform::URLRequest> _bagRequest(const OrvexBagController& controller,
+                                                                  const RequestInputs& inputs) const;
+    [[nodiscard]] std::optional<platform::URLRequest> _queryRequest(const std::optional<std::string>& endpoint,
+                                                                    const RequestInputs& inputs) const;
+    [[nodiscard]] std::optional<platform::URLRequest> _build(RequestInputs inputs, std::string_view endpoint) const
+        ORX_REQUIRES_SHARED(_contextAccessQueue);
     void _localeDidChange(const platform::LocaleSettings& settings);
 
     // Constant after construction.

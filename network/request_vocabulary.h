@@ -29,7 +29,7 @@ enum class RequestKind : std::uint8_t {
 
 /// What one request is made of. Everything referred to outlives the building of it.
 struct RequestInputs {
-    RequestKind kind;
+    RequestKind kind = RequestKind::warm;
     const RequestContext* context = nullptr;   ///< filled in by the factory
     bool useCindora = false;                   ///< the same
     const ORXBag* bag = nullptr;               ///< of a query

@@ -1,0 +1,146 @@
+#include "network/orx_network_request_factory.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <chrono>
+
+#include "core/constants.h"
+#include "core/notifications.h"
+#include "core/orx_bag.h"
+#include "core/orx_request.h"
+#include "daemon/assembly.h"
+#include "network/orvex_bag_controller.h"
+#include "network/orvex_url_request_builder.h"
+#include "platform/counters.h"
+#include "platform/device_information.h"
+#include "platform/locale.h"
+#include "platform/notification_center.h"
+#include "platform/user_defaults.h"
+
+namespace orvex {
+namespace {
+
+/// None for 0: a request without a time of its own has the session's.
+std::optional<std::chrono::nanoseconds> timeoutFromSeconds(double seconds) {
+    constexpr double limit = 1e9;  // some thirty years; the nanoseconds of it fit
+    if (!(seconds > 0)) return std::nullopt;
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+        std::chrono::duration<double>(std::min(seconds, limit)));
+}
+
+std::string_view orEmpty(const std::optional<std::string>& text) { return text ? *text : std::string_view(); }
+
+}  // namespace
+
+std::shared_ptr<ORXNetworkRequestFactory> ORXNetworkRequestFactory::create(Assembly& assembly) {
+    std::shared_ptr<ORXNetworkRequestFactory> factory(new ORXNetworkRequestFactory(assembly));
+    // Subscribed first, then read: no change is missed between the two.
+    assembly.locale().addChangeHandler([weak = factory->weak_from_this()](const platform::LocaleSettings& settings) {
+        if (const auto self = weak.lock()) self->_localeDidChange(settings);
+    });
+    factory->_readContext();
+    return factory;
+}
+
+ORXNetworkRequestFactory::ORXNetworkRequestFactory(Assembly& assembly)
+    : _assembly(assembly),
+      _contextAccessQueue(assembly.dispatcher(), "com.kelvar.orvexd.contextaccess") {}
+
+void ORXNetworkRequestFactory::_readContext() {
+    _contextAccessQueue.barrierSync([this] {
+        _contextAccessQueue.assertBarrier();
+        _context.setLocale(_assembly.locale().current());
+        _context.readUserDefaults(_assembly.userDefaults());
+    });
+}
+
+void ORXNetworkRequestFactory::_localeDidChange(const platform::LocaleSettings& settings) {
+    _contextAccessQueue.barrierAsync([weak = weak_from_this(), settings] {
+        const auto self = weak.lock();
+        if (!self) return;
+        self->_contextAccessQueue.assertBarrier();
+        const bool bagDepends = self->_context.setLocale(settings);
+        ++self->_contextGeneration;
+        if (!bagDepends) return;
+        platform::MainQueue(self->_assembly.dispatcher()).async([weak] {
+            const auto factory = weak.lock();
+            if (factory) factory->_assembly.notificationCenter().post(ORXBagRefreshRequiredNotification{});
+        });
+    });
+}
+
+std::optional<platform::URLRequest> ORXNetworkRequestFactory::bagFetchRequest(
+    const OrvexBagController& controller, std::string_view userAgent, const std::optional<std::string>& version) const {
+    return _bagRequest(controller,
+                       {.kind = RequestKind::bagFetch, .userAgent = userAgent, .version = orEmpty(version)});
+}
+
+std::optional<platform::URLRequest> ORXNetworkRequestFactory::bagCacheRequest(
+    const OrvexBagController& controller, std::string_view userAgent, const std::optional<std::string>& version) const {
+    return _bagRequest(controller,
+                       {.kind = RequestKind::bagCache, .userAgent = userAgent, .version = orEmpty(version)});
+}
+
+std::optional<platform::URLRequest> ORXNetworkRequestFactory::_bagRequest(const OrvexBagController& controller,
+                                                                          const RequestInputs& inputs) const {
+    auto request = _contextAccessQueue.sync([&] {
+        _contextAccessQueue.assertCurrent();
+        return _build(inputs, controller.bagFetchURLWithCountry(_context.geoDeviceCountryCode));
+    });
+    if (request) request->cachePolicy = platform::CachePolicy::reloadIgnoringLocalCache;
+    return request;
+}
+
+std::optional<platform::URLRequest> ORXNetworkRequestFactory::warmRequest(std::string_view url) const {
+    auto request = _contextAccessQueue.sync([&] {
+        _contextAccessQueue.assertCurrent();
+        return _build({.kind = RequestKind::warm}, url);
+    });
+    if (request) request->cachePolicy = platform::CachePolicy::reloadIgnoringLocalCache;
+    return request;
+}
+
+std::optional<platform::URLRequest> ORXNetworkRequestFactory::searchRequest(const ORXSearchRequest& request,
+                                                                            const ORXBag& bag,
+                                                                            std::string_view userGuid,
+                                                                            FieldMask fieldMask) const {
+    return _queryRequest(bag.searchURL(), {.kind = RequestKind::search,
+                                           .bag = &bag,
+                                           .request = &request,
+                                           .search = &request,
+                                           .userAgent = bag.userAgent(),
+                                           .userGuid = userGuid,
+                                           .fieldMask = fieldMask});
+}
+
+std::optional<platform::URLRequest> ORXNetworkRequestFactory::_queryRequest(const std::optional<std::string>& endpoint,
+                                                                            const RequestInputs& inputs) const {
+    if (!endpoint) return std::nullopt;
+    auto request = _contextAccessQueue.sync([&] {
+        _contextAccessQueue.assertCurrent();
+        return _build(inputs, *endpoint);
+    });
+    if (request) request->timeout = timeoutFromSeconds(inputs.bag->timeoutIntervalForRequest());
+    return request;
+}
+
+std::optional<platform::URLRequest> ORXNetworkRequestFactory::_build(RequestInputs inputs,
+                                                                     std::string_view endpoint) const {
+    auto builder = OrvexURLRequestBuilder::requestBuilderWithURL(endpoint);
+    if (!builder) return std::nullopt;
+    inputs.context = &_context;
+    inputs.useCindora = _assembly.useCindora();
+    addVocabulary(inputs, *builder);
+    if (const auto refused = builder->refusedHeaders(); refused > 0)
+        _assembly.counters().add("com.kelvar.orvexd.request.refusedheaders", static_cast<std::int64_t>(refused));
+    return builder->createMutableUrlRequest();
+}
+
+std::string ORXNetworkRequestFactory::createUserAgentString(const platform::DeviceInformation& device,
+                                                            std::string_view name) {
+    const std::string& daemon = kORXOrvexdNameVersion();
+    return fmt::format("{} ({}) {}", daemon, platform::deviceDescription(device), name.empty() ? daemon : name);
+}
+
+}  // namespace orvex

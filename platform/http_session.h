@@ -31,6 +31,10 @@ struct URLRequest {
     CachePolicy cachePolicy = CachePolicy::useProtocol;
 };
 
+/// Why `request` must not reach the wire as it is: its method or the name of a header is no token (RFC 9110, section
+/// 5.6.2), or the value of one has a control character. Does not look at the URL. The text quotes no value.
+[[nodiscard]] std::optional<std::string> unsendablePart(const URLRequest& request);
+
 struct URLResponse {
     std::string url;     ///< of the last redirect
     bool isHTTP = true;  ///< false: of another protocol, and then without status and headers
@@ -57,12 +61,12 @@ struct TransportError {
 using Body = std::shared_ptr<const std::string>;
 
 /// Called exactly once, on the session's delivery thread. A status of any kind is a response, not an error; with an
-/// error there may still be a response, whose body was cut short.
+/// error there is no body, but there may be a response: the answer had begun, or was a redirect that is not followed.
 using DataTaskCompletion =
     std::move_only_function<void(Body data, std::optional<URLResponse> response, std::optional<TransportError> error)>;
 
-/// One request on its way: made → resumed → completed. A task that is never resumed never completes; its completion is
-/// destroyed with it.
+/// One request on its way: made → resumed → completed, or made → cancelled → completed. A task that is neither resumed
+/// nor cancelled never completes; its completion is destroyed with it. So it is with one whose session is gone.
 ///
 /// Threading: callable from any thread.
 class URLSessionTask {
@@ -78,7 +82,7 @@ public:
 
     /// Set before `resume`: the body is drained and dropped; the connection stays for the next request.
     virtual void setPreconnect() = 0;
-    /// Set before `resume`: through the CONNECT proxy at this URL.
+    /// Set before `resume`: through the CONNECT proxy at this URL, which follows the rule for every URL.
     virtual void setProxy(std::string proxyURL) = 0;
 
     /// How many feedback records the task's body carries; 0 unless it is an upload.
@@ -101,8 +105,10 @@ struct URLSessionConfiguration {
 ///
 /// Redirects are followed here, at most five: each target is checked as the URL was, https never goes to http, another
 /// host gets none of the request's headers, and a loopback host is reached from a loopback host only. A refused one
-/// ends the task with `other`. Threading: callable from any thread. Destruction cancels what is under way and waits for
-/// its completions.
+/// ends the task with `other`. So does a URL, method or header that must not be sent.
+///
+/// Threading: callable from any thread. Destruction cancels what is under way and waits for its completions; from
+/// within one of them it waits for none.
 class URLSession {
 public:
     virtual ~URLSession() = default;

@@ -1,0 +1,86 @@
+#pragma once
+
+#include <curl/curl.h>
+
+#include <memory>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/http_session.h"
+#include "platform/linux/curl_transfer.h"
+#include "platform/linux/delivery_thread.h"
+#include "platform/thread_annotations.h"
+
+namespace orvex::platform {
+
+class CurlTask;
+
+/// The two threads of a session on libcurl: the transfer thread, which alone touches the multi handle and all
+/// transfers, and the delivery thread, which runs completions. Both start with the first task. The transfer thread
+/// blocks in curl_multi_poll; while nothing is under way it does so without a time-out and is woken by `start` only.
+///
+/// Threading: callable from any thread.
+class CurlMultiThread {
+public:
+    explicit CurlMultiThread(URLSessionConfiguration configuration);
+    ~CurlMultiThread();  ///< closes
+    CurlMultiThread(const CurlMultiThread&) = delete;
+    CurlMultiThread& operator=(const CurlMultiThread&) = delete;
+
+    /// False once closed: the task will not complete.
+    bool start(std::shared_ptr<CurlTask> task);
+
+    /// Ends the transfer of a task that was completed by other means.
+    void abandon(std::shared_ptr<CurlTask> task);
+
+    /// Cancels what is under way and waits for the completions; from within one of them it waits for none.
+    void close();
+
+    [[nodiscard]] DeliveryThread& delivery() { return _delivery; }
+
+private:
+    struct MultiCleanup {
+        void operator()(CURLM* handle) const { curl_multi_cleanup(handle); }
+    };
+    struct ShareCleanup {
+        void operator()(CURLSH* handle) const { curl_share_cleanup(handle); }
+    };
+    struct Orders {
+        std::vector<std::shared_ptr<CurlTask>> started;
+        std::vector<std::shared_ptr<CurlTask>> abandoned;
+        bool closing = false;
+    };
+
+    void _launch() ORX_REQUIRES(_mutex);
+    [[nodiscard]] Orders _takeOrders();
+
+    // On the transfer thread.
+    void _run();
+    void _begin(std::shared_ptr<CurlTask> task);
+    void _abandon(const CurlTask* task);
+    void _collectEnded();
+    void _ended(CurlTransfer& transfer, CURLcode code);
+    void _add(CurlTransfer& transfer);
+    void _finish(CurlTransfer& transfer, CurlOutcome outcome);
+    void _cancelAll();
+
+    // Constant after construction; the handles from the launch on.
+    const URLSessionConfiguration _configuration;
+    std::unique_ptr<CURLSH, ShareCleanup> _tlsSessions;  ///< null: none are kept
+    std::unique_ptr<CURLM, MultiCleanup> _multi;
+
+    // Synchronised by themselves.
+    DeliveryThread _delivery;
+
+    // Guarded by the mutex.
+    Mutex _mutex;
+    Orders _orders ORX_GUARDED_BY(_mutex);
+    std::thread _thread ORX_GUARDED_BY(_mutex);
+
+    // On the transfer thread.
+    std::unordered_map<const CurlTask*, std::unique_ptr<CurlTransfer>> _transfers;
+    std::vector<CurlEasyHandle> _idleHandles;
+};
+
+}  // namespace orvex::platform

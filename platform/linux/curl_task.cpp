@@ -1,0 +1,96 @@
+#include "platform/linux/curl_task.h"
+
+#include "platform/linux/curl_multi_thread.h"
+#include "platform/linux/delivery_thread.h"
+#include "platform/log.h"
+
+namespace orvex::platform {
+
+CurlTask::CurlTask(std::weak_ptr<CurlMultiThread> session, URLRequest request, DataTaskCompletion completion)
+    : _session(std::move(session)),
+      _request(std::move(request)),
+      _completion(std::move(completion)) {}
+
+void CurlTask::resume() {
+    {
+        const MutexLock lock(_mutex);
+        if (_state != State::made) return;
+        _settings.resumed = std::chrono::steady_clock::now();
+        _state = State::underWay;
+    }
+    _logState(State::underWay);
+    const auto session = _session.lock();
+    if (!session || !session->start(shared_from_this())) defaultLogger().error("a task was resumed after its session");
+}
+
+void CurlTask::cancel() {
+    const auto session = _session.lock();
+    if (!session) return;
+    complete({.error = TransportError{TransportError::cancelled, "cancelled"}}, session->delivery());
+    session->abandon(shared_from_this());
+}
+
+std::map<std::string, double> CurlTask::timingData() const {
+    const MutexLock lock(_mutex);
+    if (_state != State::completed) return {};
+    return {{"name_lookup", _timing.nameLookup},
+            {"connect", _timing.connect},
+            {"tls", _timing.tls},
+            {"first_byte", _timing.firstByte},
+            {"total", _timing.total},
+            {"connections", static_cast<double>(_timing.connections)}};
+}
+
+void CurlTask::setPreconnect() {
+    const MutexLock lock(_mutex);
+    if (_state == State::made) _settings.preconnect = true;
+}
+
+void CurlTask::setProxy(std::string proxyURL) {
+    const MutexLock lock(_mutex);
+    if (_state == State::made) _settings.proxyURL = std::move(proxyURL);
+}
+
+CurlTask::Settings CurlTask::settings() const {
+    const MutexLock lock(_mutex);
+    return _settings;
+}
+
+bool CurlTask::isCompleted() const {
+    const MutexLock lock(_mutex);
+    return _state == State::completed;
+}
+
+void CurlTask::complete(CurlOutcome outcome, DeliveryThread& delivery) {
+    DataTaskCompletion completion;
+    {
+        const MutexLock lock(_mutex);
+        if (_state == State::completed) return;
+        _state = State::completed;
+        _timing = outcome.timing;
+        completion = std::move(_completion);
+    }
+    _logState(State::completed);
+    if (!completion) return;
+    delivery.post([completion = std::move(completion), outcome = std::move(outcome)]() mutable {
+        completion(std::move(outcome.data), std::move(outcome.response), std::move(outcome.error));
+    });
+}
+
+const char* CurlTask::name(State state) {
+    switch (state) {
+        case State::made:
+            return "made";
+        case State::underWay:
+            return "under way";
+        case State::completed:
+            return "completed";
+    }
+    return "?";
+}
+
+void CurlTask::_logState(State state) const {
+    defaultLogger().debug("task {} is {}", static_cast<const void*>(this), name(state));
+}
+
+}  // namespace orvex::platform

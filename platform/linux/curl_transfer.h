@@ -1,0 +1,101 @@
+#pragma once
+
+#include <curl/curl.h>
+
+#include <array>
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "platform/linux/curl_task.h"
+#include "platform/url.h"
+
+namespace orvex::platform {
+
+struct CurlEasyCleanup {
+    void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
+};
+using CurlEasyHandle = std::unique_ptr<CURL, CurlEasyCleanup>;
+
+/// One request under way: an easy handle set up for it, the answer as far as it has come, and the redirects, which are
+/// followed here and not by libcurl. Between `begin`, and each `next` that says so, and the following `next`, the
+/// handle is in the session's multi handle.
+///
+/// Threading: on the session's transfer thread only.
+/// Limits: `maxRedirects`; headers of an answer `maxHeaderBytes`; its body the session's `maxBodyBytes`, decoded.
+class CurlTransfer {
+public:
+    static constexpr int maxRedirects = 5;
+    static constexpr std::size_t maxHeaderBytes = 256u << 10;
+    static constexpr std::chrono::seconds defaultTimeout{60};
+
+    /// `tlsSessions` may be null: then none is kept.
+    CurlTransfer(std::shared_ptr<CurlTask> task, CurlEasyHandle handle, const URLSessionConfiguration& session,
+                 CURLSH* tlsSessions);
+    ~CurlTransfer();
+    CurlTransfer(const CurlTransfer&) = delete;
+    CurlTransfer& operator=(const CurlTransfer&) = delete;
+
+    [[nodiscard]] CURL* handle() const { return _handle.get(); }
+    [[nodiscard]] const std::shared_ptr<CurlTask>& task() const { return _task; }
+
+    /// Checks the request and sets the handle up. An outcome: it is over before it began.
+    std::optional<CurlOutcome> begin();
+
+    /// libcurl ended with `code`. None: the handle is set up anew, for the target of a redirect.
+    std::optional<CurlOutcome> next(CURLcode code);
+
+    /// The handle, reset, for another request. The transfer is of no more use.
+    CurlEasyHandle releaseHandle();
+
+private:
+    struct HeaderListFree {
+        void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+    };
+
+    CURLcode _setUp();
+    void _setMethod();
+    void _setHeaders();
+    void _setTrust();
+    void _setProxy();
+    template <class Value>
+    void _set(CURLoption option, Value value);
+
+    std::optional<CurlOutcome> _prepare();
+    std::optional<CurlOutcome> _follow(const std::string& location);
+    void _rewriteMethod(long status);
+    [[nodiscard]] CurlOutcome _failed(TransportError::Code code, std::string reason);
+    [[nodiscard]] TransportError _transportError(CURLcode code) const;
+    [[nodiscard]] URLResponse _response() const;
+    [[nodiscard]] std::chrono::milliseconds _remaining() const;
+    void _measure();
+
+    static std::size_t _onHeader(char* bytes, std::size_t size, std::size_t count, void* self);
+    static std::size_t _onBody(char* bytes, std::size_t size, std::size_t count, void* self);
+
+    // Constant after construction.
+    const std::shared_ptr<CurlTask> _task;
+    const URLSessionConfiguration& _session;
+    const CurlTask::Settings _settings;
+    CURLSH* const _tlsSessions;
+
+    // On the transfer thread.
+    CurlEasyHandle _handle;
+    std::unique_ptr<curl_slist, HeaderListFree> _headerList;
+    std::array<char, CURL_ERROR_SIZE> _errorText{};
+    CURLcode _setUpResult = CURLE_OK;
+    URL _url;                   ///< of this hop
+    std::string _method;        ///< of this hop
+    bool _sendsHeaders = true;  ///< false once a redirect left the host
+    bool _sendsBody = true;
+    int _redirects = 0;
+    std::shared_ptr<std::string> _body = std::make_shared<std::string>();
+    std::size_t _bodyBytes = 0;  ///< received; more than kept for a pre-connect
+    std::size_t _headerBytes = 0;
+    bool _answered = false;      ///< the final answer's headers are complete
+    std::string _limitExceeded;  ///< why we ended it ourselves
+    CurlTiming _timing;
+};
+
+}  // namespace orvex::platform

@@ -1,8 +1,11 @@
 #pragma once
 
+#include <memory>
 #include <string>
 
 namespace orvex {
+
+class Assembly;
 
 /// The role of the owner of the user GUID: the anonymous identifier of one stretch of use.
 /// Threading: callable from any thread.
@@ -13,5 +16,8 @@ public:
     [[nodiscard]] virtual std::string currentUserGUID() = 0;
     virtual void reset() = 0;
 };
+
+/// A controller of one's own, for a client that does not share the assembly's.
+std::shared_ptr<GUIDController> makeUserGUIDController(Assembly& assembly);
 
 }  // namespace orvex

@@ -1,0 +1,108 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "core/orx_request.h"
+#include "platform/clock.h"
+#include "platform/thread_annotations.h"
+
+namespace orvex::platform {
+class Semaphore;
+}
+
+namespace orvex {
+
+class Assembly;
+class GUIDController;
+class ORXBag;
+struct ORXBagChangeNotification;
+
+inline constexpr std::chrono::milliseconds kORXDefaultBagSemaphoreWait{300};
+inline constexpr std::chrono::milliseconds kORXFirstLaunchBagSemaphoreWait{600};
+
+/// The engine that turns one client's queries into replies. All connections of a client share it; it outlives them.
+///
+/// The road of a search: wait for a bag, at most 300 ms after the call's arrival (600 ms on the first launch) → refuse
+/// what the bag refuses → build the request → ask the server → reply, and follow a forced fetch that the answer
+/// announces.
+///
+/// Threading: it has no queue. Its operations are called from any connection's queue, which they may block for the bag
+/// wait, and only for that; network completions come on the query session's delivery thread. One leaf mutex guards what
+/// changes and is never held across a call; a query takes the bag with the agent it is bound to once, and keeps to it.
+/// A reply callback is called exactly once, on the caller's thread or on the delivery thread.
+class ClientState : public std::enable_shared_from_this<ClientState> {
+public:
+    using BagReply = std::move_only_function<void(std::shared_ptr<const ORXBag>, std::optional<ORXError>)>;
+
+    /// The client's bag, bound to its agent. They belong together: a new agent makes a new view.
+    struct BoundBag {
+        std::shared_ptr<const ORXBag> bag;
+        std::string userAgent;
+    };
+
+    static std::shared_ptr<ClientState> create(std::string identifier, Assembly& assembly);
+    ~ClientState();
+
+    [[nodiscard]] const std::string& identifier() const { return _identifier; }
+    [[nodiscard]] std::optional<std::string> userAgent() const;
+    [[nodiscard]] std::optional<std::string> clientShortName() const;
+    [[nodiscard]] std::shared_ptr<const ORXBag> bag() const;
+    [[nodiscard]] std::optional<ORXSessionConfiguration> configuration() const;
+    void setConfiguration(ORXSessionConfiguration configuration);
+
+    /// The agent that a restored state had.
+    void setUserAgent(std::string userAgent);
+
+    /// `arrival` is when the call came: the wait counts from there, so that queued keystrokes do not add up.
+    void search(ORXSearchRequest request, platform::MonotonicTime arrival, ORXReplyCallback reply);
+
+    /// Answers the bag as `userAgent` sees it, after the same wait; an empty agent means the one known.
+    void bag(std::string_view userAgent, platform::MonotonicTime arrival, BagReply reply);
+
+    /// A new agent, and with it a new short name. Unlike `bag`, it leaves what is cached.
+    void updateClient(std::string userAgent);
+
+    /// Opens a connection to the server ahead of a query, unless one was used in the last 30 seconds.
+    void warm();
+
+private:
+    ClientState(std::string identifier, Assembly& assembly);
+
+    struct SearchOnItsWay;
+
+    [[nodiscard]] bool _ensureBag(platform::MonotonicTime arrival);
+    [[nodiscard]] bool _isProbablyFirstLaunchEver() const;
+    void _bagChanged(const ORXBagChangeNotification& notification);
+    void _bind(std::shared_ptr<const ORXBag> bag);
+    void _markNetworkRequest();
+    [[nodiscard]] std::string _currentUserGUID() const;
+    [[nodiscard]] std::optional<BoundBag> _boundBag() const;
+    [[nodiscard]] bool _mustStop(const ORXSearchRequest& request, const BoundBag& bound, ORXReplyCallback& reply);
+    void _dispatchSearch(ORXSearchRequest request, platform::URLRequest httpRequest, std::string userAgent,
+                         ORXReplyCallback reply);
+    void _finishSearch(SearchOnItsWay search, platform::Body data, std::optional<platform::URLResponse> response,
+                       std::optional<platform::TransportError> error);
+    void _followForcedFetch(const platform::URLResponse& response);
+    void _recordSearchResult(const std::string& userAgent, std::int64_t statusCode);
+
+    // Constant after construction.
+    const std::string _identifier;
+    Assembly& _assembly;
+    std::shared_ptr<GUIDController> _ownGUIDController;  ///< null: the assembly's is shared
+
+    // Under the mutex.
+    mutable platform::Mutex _mutex;
+    std::shared_ptr<const ORXBag> _bag ORX_GUARDED_BY(_mutex);
+    std::optional<std::string> _userAgent ORX_GUARDED_BY(_mutex);
+    std::optional<std::string> _clientShortName ORX_GUARDED_BY(_mutex);
+    std::optional<ORXSessionConfiguration> _configuration ORX_GUARDED_BY(_mutex);
+    std::optional<platform::MonotonicTime> _lastNetworkRequest ORX_GUARDED_BY(_mutex);
+    bool _observesBagChanges ORX_GUARDED_BY(_mutex) = false;
+    std::vector<std::shared_ptr<platform::Semaphore>> _bagWaiters ORX_GUARDED_BY(_mutex);  ///< one a waiting query
+};
+
+}  // namespace orvex

@@ -1,0 +1,174 @@
+#include <boost/json/object.hpp>
+#include <boost/json/value.hpp>
+
+#include "core/client_name.h"
+#include "core/json.h"
+#include "core/orx_bag.h"
+#include "daemon/assembly.h"
+#include "daemon/orvex_logging.h"
+#include "network/bag_controller.h"
+#include "network/orx_network_request_factory.h"
+#include "platform/counters.h"
+#include "platform/dispatch.h"
+#include "platform/text.h"
+#include "query/client_state.h"
+
+// The road of a search, in its order. What stops it early answers at once; everything after the dispatch happens on the
+// query session's delivery thread, with the state held by the completion.
+
+namespace orvex {
+namespace {
+
+const platform::Logger& searchLog() { return OrvexLogForCategory(OrvexLoggingCategory::search); }
+const platform::Logger& protocolLog() { return OrvexLogForCategory(OrvexLoggingCategory::protocol); }
+
+constexpr std::string_view OrvexSearchAggdKey = "com.kelvar.orvexd.search";
+
+/// Nobody's location goes out with a request of the messaging client.
+FieldMask fieldMaskFor(std::string_view userAgent) {
+    const bool messaging = platform::lowercased(userAgent).find("missiv") != std::string::npos;
+    return messaging ? FieldMask::withoutLocation : FieldMask::none;
+}
+
+ORXError clientError(const platform::TransportError& error) { return {kORXURLErrorDomain, error.code, error.reason}; }
+
+std::string headerList(const platform::HTTPHeaders& headers) {
+    std::string text;
+    for (const auto& [name, value] : headers) text += (text.empty() ? "" : ", ") + name + ": " + value;
+    return text;
+}
+
+}  // namespace
+
+struct ClientState::SearchOnItsWay {
+    std::uint64_t queryId;
+    std::string queryString;
+    double scale;
+    bool verboseReply;
+    std::string userAgent;
+    platform::URLRequest httpRequest;
+    ORXReplyCallback reply;
+};
+
+void ClientState::search(ORXSearchRequest request, platform::MonotonicTime arrival, ORXReplyCallback reply) {
+    searchLog().log("session {} performing query[{}] {}, reply {}", _identifier, request.queryId,
+                    platform::privately(request.queryString), reply ? "given" : "(null)");
+    if (const auto name = clientShortName()) _assembly.counters().add(createAggdKey(*name, "keystrokes"));
+
+    if (!_ensureBag(arrival)) {
+        searchLog().error("Bag fetch failed, can't complete non-cached query {}.",
+                          platform::privately(request.queryString));
+        reply(request.queryId, std::nullopt, ORXError(ORXErrorCode::timeout, "timeout"));
+        return;
+    }
+    const auto bound = _boundBag();
+    if (!bound || _mustStop(request, *bound, reply)) return;
+
+    const auto& factory = _assembly.requestFactory();
+    auto httpRequest =
+        factory ? factory->searchRequest(request, *bound->bag, _currentUserGUID(), fieldMaskFor(bound->userAgent))
+                : std::nullopt;
+    if (!httpRequest) {
+        searchLog().error("query[{}] cannot be sent: the bag names no endpoint for it", request.queryId);
+        reply(request.queryId, std::nullopt, std::nullopt);
+        return;
+    }
+    if (protocolLog().enabled(platform::LogLevel::standard)) {
+        protocolLog().log("request: {} header: {}", platform::privately(httpRequest->url),
+                          platform::privately(headerList(httpRequest->headers)));
+    }
+    _dispatchSearch(std::move(request), *std::move(httpRequest), bound->userAgent, std::move(reply));
+}
+
+bool ClientState::_mustStop(const ORXSearchRequest& request, const BoundBag& bound, ORXReplyCallback& reply) {
+    if (!bound.bag->isEnabled()) {
+        searchLog().log("no search, bag disabled");
+    } else if (platform::utf16Length(request.queryString) < bound.bag->minimumQueryLength() &&
+               request.completionCacheSuggestions.empty()) {
+        searchLog().debug("query[{}] input '{}' less than {}", request.queryId,
+                          platform::privately(request.queryString), bound.bag->minimumQueryLength());
+    } else {
+        return false;
+    }
+    reply(request.queryId, std::nullopt, std::nullopt);
+    return true;
+}
+
+void ClientState::_dispatchSearch(ORXSearchRequest request, platform::URLRequest httpRequest, std::string userAgent,
+                                  ORXReplyCallback reply) {
+    searchLog().log("Dispatching network request for (id, query): ({}, {})", request.queryId,
+                    platform::privately(request.queryString));
+    SearchOnItsWay search{.queryId = request.queryId,
+                          .queryString = std::move(request.queryString),
+                          .scale = request.scale,
+                          .verboseReply = request.verboseReply,
+                          .userAgent = std::move(userAgent),
+                          .httpRequest = {},
+                          .reply = std::move(reply)};
+    if (search.verboseReply) search.httpRequest = httpRequest;
+    auto task = _assembly.urlSession().dataTask(
+        std::move(httpRequest), [self = shared_from_this(), search = std::move(search)](
+                                    platform::Body data, std::optional<platform::URLResponse> response,
+                                    std::optional<platform::TransportError> error) mutable {
+            self->_finishSearch(std::move(search), std::move(data), std::move(response), std::move(error));
+        });
+    task->resume();
+    _assembly.counters().add(OrvexSearchAggdKey);
+    _markNetworkRequest();
+    // Asking for the bag is what renews a stale one; the next query will see it.
+    if (const auto& controller = _assembly.bagController()) (void)controller->currentBag();
+}
+
+void ClientState::_finishSearch(SearchOnItsWay search, platform::Body data,
+                                std::optional<platform::URLResponse> response,
+                                std::optional<platform::TransportError> error) {
+    if (const auto agent = userAgent()) _recordSearchResult(*agent, response ? response->statusCode : 0);
+    searchLog().log("Got network response for (id, query): ({}, {})", search.queryId,
+                    platform::privately(search.queryString));
+    if (protocolLog().enabled(platform::LogLevel::standard)) {
+        protocolLog().log("resp: {}", response
+                                          ? std::to_string(response->statusCode) + " " + headerList(response->headers)
+                                          : std::string("(null)"));
+    }
+    if (!data || error) {
+        const auto toClient = error ? std::optional(clientError(*error)) : std::nullopt;
+        searchLog().error("error with request {}", toClient ? toClient->description() : "(null)");
+        search.reply(search.queryId, std::nullopt, toClient);
+        return;
+    }
+    if (!response || !response->isHTTP) {
+        searchLog().error("not http response? {}", response ? response->url : "(null)");
+        search.reply(search.queryId, std::nullopt, ORXError(ORXErrorCode::internal, "invalid response class"));
+        return;
+    }
+    ORXReply reply{.scale = search.scale,
+                   .data = std::move(data),
+                   .httpRequest = std::nullopt,
+                   .httpResponse = std::nullopt,
+                   .geoSessionEntityString = std::nullopt,
+                   .localSuggestions = {}};
+    if (search.verboseReply) {
+        reply.httpRequest = std::move(search.httpRequest);
+        reply.httpResponse = response;
+    }
+    search.reply(search.queryId, std::move(reply), std::nullopt);
+    _followForcedFetch(*response);
+}
+
+void ClientState::_followForcedFetch(const platform::URLResponse& response) {
+    const auto header = platform::headerValue(response.headers, "X-Kelvar-ForceFetch");
+    if (!header) return;
+    const auto hints = parseJSON(*header, kReplyJSONDepth);
+    if (!hints || !hints->is_object()) {
+        searchLog().error("Failed to deserialize X-Kelvar-ForceFetch header data into a dictionary: {}",
+                          hints ? std::string("not a dictionary") : hints.error().text);
+        return;
+    }
+    if (const auto& controller = _assembly.bagController()) controller->forceFetchBag(hints->get_object());
+}
+
+void ClientState::_recordSearchResult(const std::string& userAgent, std::int64_t statusCode) {
+    _assembly.counters().add(createAggdKey(userAgent, "fedapicall.serverstatus") + std::to_string(statusCode));
+}
+
+}  // namespace orvex

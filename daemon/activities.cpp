@@ -1,0 +1,51 @@
+#include "daemon/activities.h"
+
+#include <memory>
+#include <string>
+
+#include "daemon/assembly.h"
+#include "platform/background_activity.h"
+#include "platform/log.h"
+#include "platform/user_defaults.h"
+
+namespace orvex {
+namespace {
+
+using platform::BackgroundActivity;
+using State = BackgroundActivity::State;
+
+void flushFeedback(Assembly& assembly, BackgroundActivity& activity) {
+    if (assembly.userDefaults().boolean("ORXFeedbackFlushDisabled")) {
+        platform::defaultLogger().debug(
+            "Flusher bailing because periodic flush is disabled. Dump feedback with orvex_tool to re-enable.");
+        return;
+    }
+    platform::defaultLogger().debug("Flushing Orvex feedback.");
+    platform::defaultLogger().info("no feedback flusher is part of this daemon; {} is done", flusherActivityName);
+    (void)activity.setState(State::done);
+}
+
+void flushCustomFeedback(BackgroundActivity& activity) {
+    if (activity.state() != State::run) return;
+    platform::defaultLogger().debug("Flushing custom feedback.");
+    if (!activity.setState(State::continuing)) {
+        platform::defaultLogger().fault("Couldn't transition flusher activity to continue state.");
+    }
+    platform::defaultLogger().info("no custom feedback flusher is part of this daemon; {} is done",
+                                   customFeedbackActivityName);
+    if (!activity.setState(State::done)) {
+        platform::defaultLogger().fault("Couldn't transition flusher activity to done state.");
+    }
+}
+
+}  // namespace
+
+void checkInActivities(Assembly& assembly) {
+    assembly.activities().checkIn(
+        std::string(flusherActivityName),
+        [&assembly](std::shared_ptr<BackgroundActivity> activity) { flushFeedback(assembly, *activity); });
+    assembly.activities().checkIn(std::string(customFeedbackActivityName),
+                                  [](std::shared_ptr<BackgroundActivity> activity) { flushCustomFeedback(*activity); });
+}
+
+}  // namespace orvex

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "platform/bus.h"
+#include "platform/thread_annotations.h"
+
+namespace orvex {
+
+/// Counts the calls of each bus client between arrival and answer, so that no client can fill the daemon.
+/// Threading: callable from any thread; a leaf lock. A reply may outlive the limit that counts it.
+class CallLimit {
+public:
+    static constexpr std::size_t maxCallsInFlight = 256;  ///< of one client, of any method
+
+    /// The same reply, counted until it is answered; none, with `reply` untouched, when the client has its share
+    /// already.
+    [[nodiscard]] std::optional<platform::BusReply> admit(const std::string& client, platform::BusReply& reply);
+
+    [[nodiscard]] std::size_t inFlight() const;  ///< of all clients
+
+private:
+    struct State {
+        mutable platform::Mutex mutex;
+        std::map<std::string, std::size_t> calls ORX_GUARDED_BY(mutex);
+        std::size_t total ORX_GUARDED_BY(mutex) = 0;
+    };
+    const std::shared_ptr<State> _state = std::make_shared<State>();
+};
+
+}  // namespace orvex

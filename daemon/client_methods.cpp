@@ -1,0 +1,248 @@
+#include <boost/json/object.hpp>
+#include <boost/json/serialize.hpp>
+#include <boost/json/value.hpp>
+#include <cmath>
+#include <map>
+
+#include "core/notifications.h"
+#include "core/orx_bag.h"
+#include "daemon/assembly.h"
+#include "daemon/bus_dictionaries.h"
+#include "daemon/client_connection.h"
+#include "daemon/client_state_manager.h"
+#include "daemon/orvex_logging.h"
+#include "network/orx_tracing.h"
+#include "platform/locale.h"
+#include "platform/notification_center.h"
+#include "platform/text.h"
+#include "platform/user_defaults.h"
+#include "query/client_state.h"
+
+// The methods of com.kelvar.orvexd.Daemon, each on the connection's queue. A method that returns without answering lets
+// its reply go, and a reply that goes unanswered tells the caller that none will come.
+
+namespace orvex {
+namespace {
+
+constexpr std::string_view invalidConfiguration = "com.kelvar.orvexd.Error.InvalidConfiguration";
+constexpr std::string_view internalError = "com.kelvar.orvexd.Error.Internal";
+
+const platform::Logger& sessionLog() { return OrvexLogForCategory(OrvexLoggingCategory::session); }
+const platform::Logger& bagLog() { return OrvexLogForCategory(OrvexLoggingCategory::bag); }
+
+/// Refuses a call with an infinite or undefined number; true when it has.
+bool refusedNumber(const platform::BusArguments& arguments, const std::vector<std::string>& names,
+                   platform::BusReply& reply) {
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        if (std::isfinite(*arguments[i].as<double>())) continue;
+        reply.fail(platform::bus_error::invalidArgs, names[i] + ": not a finite number");
+        return true;
+    }
+    return false;
+}
+
+bool refusedSize(std::size_t size, platform::BusReply& reply) {
+    if (size <= ClientConnection::maxCallBytes) return false;
+    reply.fail(platform::bus_error::limitsExceeded, "more than 1 MiB");
+    return true;
+}
+
+}  // namespace
+
+ClientConnection::Method ClientConnection::_methodNamed(const std::string& member) {
+    static const std::map<std::string, Method> methods = {
+        {"Configure", &ClientConnection::_configure},
+        {"Bag", &ClientConnection::_bag},
+        {"Request", &ClientConnection::_request},
+        {"ReportFeedbackPayloadData", &ClientConnection::_reportFeedbackPayloadData},
+        {"Feedback", &ClientConnection::_feedback},
+        {"ListenToFlusher", &ClientConnection::_listenToFlusher},
+        {"ListSessions", &ClientConnection::_listSessions},
+        {"FileHandleAndAttributesForResource", &ClientConnection::_fileHandleAndAttributesForResource},
+        {"ClearEngagedCompletions", &ClientConnection::_clearEngagedCompletions},
+        {"AddCompletion", &ClientConnection::_addCompletion},
+        {"UpdateParameters", &ClientConnection::_updateParameters},
+        {"GetImageMap", &ClientConnection::_getImageMap},
+    };
+    const auto found = methods.find(member);
+    return found == methods.end() ? nullptr : found->second;
+}
+
+void ClientConnection::_configure(Call& call) {
+    auto configuration = configurationFromBus(*call.arguments[0].as<platform::BusDictionary>());
+    if (!configuration) {
+        call.reply.fail(platform::bus_error::invalidArgs, configuration.error().message);
+        return;
+    }
+    if (!_isAcceptable(*configuration)) {
+        _refuseConfiguration(call.reply);
+        return;
+    }
+    sessionLog().log("client configuration {} {}", configuration->identifier, configuration->userAgent);
+    _configuration = *std::move(configuration);
+    _ensureState();
+    if (!state()) {
+        _refuseConfiguration(call.reply);
+        return;
+    }
+    call.reply.answer({});
+    _sendFirstBag(call.arrival);
+}
+
+bool ClientConnection::_isAcceptable(const ORXSessionConfiguration& configuration) const {
+    const auto& [identifier, agent] = configuration;
+    if (identifier.empty()) {
+        sessionLog().fault("configuration requires identifier");
+    } else if (agent.empty()) {
+        sessionLog().fault("configuration requires userAgent");
+    } else if (identifier.size() > maxIdentifierBytes || agent.size() > maxUserAgentBytes ||
+               platform::hasControlCharacter(identifier) || platform::hasControlCharacter(agent)) {
+        sessionLog().fault("configuration has an entry that is too long or holds a control character");
+    } else {
+        return true;
+    }
+    return false;
+}
+
+void ClientConnection::_refuseConfiguration(platform::BusReply& reply) {
+    reply.fail(invalidConfiguration, "invalid configuration");
+    if (state()) return;
+    sessionLog().fault("invalid configuration, closing connection");
+    _refused();
+}
+
+void ClientConnection::_sendFirstBag(platform::MonotonicTime arrival) {
+    state()->bag(_userAgent, arrival, [this](std::shared_ptr<const ORXBag> bag, std::optional<ORXError> error) {
+        _queue.assertCurrent();
+        if (error) bagLog().error("error fetching bag: {}", error->description());
+        if (bag && !bag->feedbackEnabled()) {
+            OrvexLogForCategory(OrvexLoggingCategory::feedback)
+                .debug("feedback collection disabled in bag for user agent {}", _userAgent);
+        }
+        bagLog().debug("sending bag with version: {} to client: {} error: {}",
+                       bag ? platform::orNull(bag->version()) : "(null)", _client.clientID,
+                       error ? error->description() : "(null)");
+        _sendBagDidLoad(bag, error);
+        if (_bagRegistrations < maxBagRegistrations && !_invalidated) {
+            ++_bagRegistrations;
+            _assembly.notificationCenter().observe<ORXBagChangeNotification>(shared_from_this(),
+                                                                             &ClientConnection::_bagChanged);
+        }
+        if (const auto& manager = _assembly.clientStateManager()) manager->saveState();
+    });
+}
+
+void ClientConnection::_bag(Call& call) {
+    _ensureState();
+    const auto bound = state();
+    if (!bound) return;
+    bound->bag(_userAgent, call.arrival, [&](std::shared_ptr<const ORXBag> bag, std::optional<ORXError> error) {
+        call.reply.answer({bag ? boost::json::serialize(*bag->rawBag()) : std::string(), busError(error)});
+    });
+}
+
+void ClientConnection::_request(Call& call) {
+    if (refusedSize(call.size, call.reply)) return;
+    auto request =
+        requestFromBus(*call.arguments[0].as<std::string>(), *call.arguments[1].as<platform::BusDictionary>());
+    if (!request) {
+        call.reply.fail(platform::bus_error::invalidArgs, request.error().message);
+        return;
+    }
+    _ensureState();
+    if (!state()) return;
+    std::visit([this](ORXRequest& any) { _fillIn(any); }, *request);
+    if (auto* search = std::get_if<ORXSearchRequest>(&*request)) _search(std::move(*search), call);
+}
+
+void ClientConnection::_fillIn(ORXRequest& request) const {
+    const auto& log = OrvexLogForCategory(OrvexLoggingCategory::request);
+    if (request.keyboardInputMode.empty()) {
+        const std::string locale = _assembly.locale().current().identifier;
+        request.keyboardInputMode = locale.substr(0, locale.find('_'));
+        log.debug("keyboardInputMode property not set, using {}", request.keyboardInputMode);
+    }
+    if (request.scale == 0.0) {
+        const auto scale = _assembly.userDefaults().object("ORXScreenScale");
+        const double* asDouble = scale ? scale->as<double>() : nullptr;
+        request.scale =
+            asDouble != nullptr ? *asDouble : static_cast<double>(_assembly.userDefaults().integer("ORXScreenScale"));
+        log.debug("request scale property not set, using {:f}", request.scale);
+    }
+}
+
+void ClientConnection::_search(ORXSearchRequest request, Call& call) {
+    ORXTrace(0x2b000004);
+    state()->search(std::move(request), call.arrival,
+                    [reply = std::move(call.reply)](std::uint64_t queryId, std::optional<ORXReply> answer,
+                                                    std::optional<ORXError> error) mutable {
+                        reply.answer({queryId, busReply(answer), busError(error)});
+                        ORXTrace(0x2b000008);
+                    });
+}
+
+void ClientConnection::_reportFeedbackPayloadData(Call& call) {
+    if (refusedSize(call.size, call.reply)) return;
+    _ensureState();
+    const auto& feedbackLog = OrvexLogForCategory(OrvexLoggingCategory::feedback);
+    if (!state()) {
+        feedbackLog.error("state must not be nil");
+        call.reply.fail(internalError, "client state nil");
+    } else if (call.arguments[0].as<platform::BusBytes>()->view().empty()) {
+        call.reply.answer({});
+    } else {
+        feedbackLog.error("session manager nil");
+        call.reply.fail(internalError, "session manager nil");
+    }
+}
+
+// Without the component that would answer, these let their reply go.
+
+void ClientConnection::_feedback(Call&) {
+    _ensureState();
+    ORXTrace(0x2b000024);
+    ORXTrace(0x2b000028);
+}
+void ClientConnection::_listenToFlusher(Call&) { _ensureState(); }
+void ClientConnection::_fileHandleAndAttributesForResource(Call&) { _ensureState(); }
+
+void ClientConnection::_listSessions(Call& call) {
+    _ensureState();
+    platform::BusArray sessions{.elementSignature = "a{ss}", .items = {}};
+    if (const auto& manager = _assembly.clientStateManager()) {
+        for (const auto& session : manager->sessions()) {
+            platform::BusDictionary entry{.valueSignature = "s", .entries = {}};
+            entry.set("identifier", session.identifier).set("agent", session.agent);
+            sessions.items.emplace_back(std::move(entry));
+        }
+    }
+    call.reply.answer({std::move(sessions)});
+}
+
+void ClientConnection::_clearEngagedCompletions(Call& call) {
+    if (!refusedNumber(call.arguments, {"from_date", "to_date"}, call.reply)) call.reply.answer({});
+}
+
+void ClientConnection::_addCompletion(Call& call) { call.reply.answer({}); }
+
+void ClientConnection::_updateParameters(Call& call) {
+    static const std::vector<std::string> names = {"brovia_last_1hour",    "brovia_last_1day", "brovia_last_1week",
+                                                   "brovia_last_1month",   "brovia_all",       "brovia_most_recent",
+                                                   "min_threshold_to_send"};
+    if (!refusedNumber(call.arguments, names, call.reply)) call.reply.answer({});
+}
+
+void ClientConnection::_getImageMap(Call& call) {
+    _ensureState();
+    platform::BusDictionary images;
+    const auto bound = state();
+    const auto bag = bound ? bound->bag() : nullptr;
+    if (bag && bag->resources() != nullptr) {
+        for (const auto& [identifier, url] : *bag->resources()) {
+            if (url.is_string()) images.set(std::string(identifier), std::string(url.get_string()));
+        }
+    }
+    call.reply.answer({std::move(images)});
+}
+
+}  // namespace orvex

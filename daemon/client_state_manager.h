@@ -1,0 +1,63 @@
+#pragma once
+
+#include <expected>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/dispatch.h"
+
+namespace orvex {
+
+class Assembly;
+class ClientState;
+
+/// The registry of client states: one for each client identifier, made on first use and kept until the process exits,
+/// so that a client that comes back finds its bag and its caches.
+///
+/// Persistence, only with the user default "ORXPersistSessions" (read once): the states that have a user agent are kept
+/// under the user default "sessions" and made again at start.
+/// Threading: callable from any thread but its own queue.
+class ClientStateManager {
+public:
+    static constexpr std::size_t maxStates = 1024;
+
+    enum class Refusal {
+        emptyIdentifier,
+        tooManyStates,  ///< counted as "com.kelvar.orvexd.clientstates.refused"
+    };
+    struct Session {
+        std::string identifier;
+        std::string agent;
+    };
+
+    explicit ClientStateManager(Assembly& assembly);
+    ~ClientStateManager();
+
+    [[nodiscard]] std::expected<std::shared_ptr<ClientState>, Refusal> stateForClientIdentifier(
+        const std::string& identifier);
+
+    /// Writes the persisted form, later on the queue; a failure is logged and the old form stays.
+    void saveState();
+
+    /// Every state that has a user agent, by identifier.
+    [[nodiscard]] std::vector<Session> sessions() const;
+
+private:
+    void _loadState() ORX_REQUIRES(_stateCacheQueue);
+    [[nodiscard]] std::vector<Session> _sessions() const ORX_REQUIRES(_stateCacheQueue);
+
+    // Constant after construction.
+    Assembly& _assembly;
+    const bool _persistSessions;
+
+    // Synchronised by itself.
+    mutable platform::SerialQueue _stateCacheQueue;
+
+    // On the queue.
+    std::map<std::string, std::shared_ptr<ClientState>> _stateCache ORX_GUARDED_BY(_stateCacheQueue);
+};
+
+}  // namespace orvex

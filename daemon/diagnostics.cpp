@@ -1,0 +1,82 @@
+#include "daemon/diagnostics.h"
+
+#include <boost/json/object.hpp>
+#include <boost/json/value.hpp>
+#include <chrono>
+
+#include "core/constants.h"
+#include "core/json.h"
+#include "core/orx_bag.h"
+#include "daemon/assembly.h"
+#include "network/bag_controller.h"
+#include "platform/counters.h"
+#include "platform/text.h"
+#include "platform/transactions.h"
+
+namespace orvex {
+
+Diagnostics::Diagnostics(Assembly& assembly, std::function<std::size_t()> countConnections)
+    : _assembly(assembly),
+      _countConnections(std::move(countConnections)),
+      _started(assembly.dispatcher().now()),
+      _queue(assembly.dispatcher(), "com.kelvar.orvexd.diagnostics") {}
+
+Diagnostics::~Diagnostics() { _queue.close(); }
+
+void Diagnostics::receive(platform::BusCall call) {
+    _queue.async([this, call = std::move(call)]() mutable {
+        _queue.assertCurrent();
+        if (call.member == "Counters") {
+            call.reply.answer({_counters()});
+        } else if (call.member == "Status") {
+            call.reply.answer({_status()});
+        } else if (call.member == "Erase") {
+            const auto& what = *call.arguments[0].as<std::string>();
+            if (what != "completions" && what != "feedback" && what != "resources" && what != "all") {
+                call.reply.fail(platform::bus_error::invalidArgs,
+                                "what: nothing called " + platform::escaped(what, 64));
+            }
+        }
+        // What is left belongs to components that are not part of the daemon: the reply's end says so.
+    });
+}
+
+platform::BusDictionary Diagnostics::_counters() const {
+    platform::BusDictionary counters{.valueSignature = "x", .entries = {}};
+    for (const auto& [name, value] : _assembly.counters().snapshot()) counters.set(name, value);
+    return counters;
+}
+
+platform::BusDictionary Diagnostics::_status() const {
+    const auto bag = _assembly.bagController() ? _assembly.bagController()->inMemoryBag() : nullptr;
+    std::string bagVersion;
+    double bagExpires = 0;
+    if (bag) {
+        bagVersion = bag->version().value_or("");
+        if (const auto* expiration = bag->rawBag()->if_contains("__expiration")) {
+            bagExpires = numberFromJSON(*expiration).value_or(0);
+        }
+    }
+    platform::BusArray transactions{.elementSignature = "s", .items = {}};
+    for (auto& name : _assembly.transactions().openNames()) transactions.items.emplace_back(std::move(name));
+
+    const std::chrono::duration<double> uptime = _assembly.dispatcher().now() - _started;
+    platform::BusDictionary status;
+    status.set("version", kORXOrvexdNameVersion().substr(kORXOrvexdNameVersion().find('/') + 1))
+        .set("uptime_seconds", uptime.count())
+        .set("connections", static_cast<std::uint32_t>(_countConnections()))
+        .set("transactions", std::move(transactions))
+        .set("bag_version", std::move(bagVersion))
+        .set("bag_expires", bagExpires)
+        .set("session_state", std::uint32_t{0})
+        .set("sessions_waiting", std::uint32_t{0})
+        .set("uploads_pending", std::uint32_t{0})
+        .set("downloads_pending", std::uint32_t{0})
+        .set("query_cache_entries", std::uint64_t{0})
+        .set("query_cache_cost", std::uint64_t{0})
+        .set("gazel_visible", false)
+        .set("hashtag_images_visible", false);
+    return status;
+}
+
+}  // namespace orvex

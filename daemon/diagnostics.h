@@ -1,0 +1,36 @@
+#pragma once
+
+#include <functional>
+
+#include "platform/bus.h"
+#include "platform/clock.h"
+#include "platform/dispatch.h"
+
+namespace orvex {
+
+class Assembly;
+
+/// Answers operators and users: the counters, and what the daemon is doing. Makes no connection and holds no
+/// transaction. Threading: `receive` on the bus thread; the answers are made on a queue of its own, since some wait for
+/// another queue.
+class Diagnostics {
+public:
+    Diagnostics(Assembly& assembly, std::function<std::size_t()> countConnections);
+    ~Diagnostics();
+
+    void receive(platform::BusCall call);
+
+private:
+    [[nodiscard]] platform::BusDictionary _counters() const;
+    [[nodiscard]] platform::BusDictionary _status() const;
+
+    // Constant after construction.
+    Assembly& _assembly;
+    const std::function<std::size_t()> _countConnections;
+    const platform::MonotonicTime _started;
+
+    // Synchronised by itself.
+    platform::SerialQueue _queue;
+};
+
+}  // namespace orvex

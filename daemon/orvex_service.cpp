@@ -1,0 +1,176 @@
+#include "daemon/orvex_service.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+
+#include "core/client_name.h"
+#include "core/constants.h"
+#include "daemon/assembly.h"
+#include "daemon/bus_interfaces.h"
+#include "daemon/client_connection.h"
+#include "daemon/diagnostics.h"
+#include "daemon/launch_events.h"
+#include "daemon/orvex_logging.h"
+#include "feedback/guid_controller.h"
+#include "platform/counters.h"
+#include "platform/executable.h"
+#include "platform/http_session.h"
+#include "platform/user_defaults.h"
+#include "query/client_state.h"
+
+namespace orvex {
+namespace {
+
+const platform::Logger& connectionLog() { return OrvexLogForCategory(OrvexLoggingCategory::connection); }
+
+}  // namespace
+
+std::shared_ptr<OrvexService> OrvexService::create(Assembly& assembly) {
+    return std::shared_ptr<OrvexService>(new OrvexService(assembly));
+}
+
+OrvexService::OrvexService(Assembly& assembly)
+    : _assembly(assembly),
+      _queue(assembly.dispatcher(), "com.kelvar.orvex.serviceQueue") {
+    assembly.setSharedSession(assembly.userDefaults().boolean("ORXSharedSession"));
+    assembly.setGuidController(makeUserGUIDController(assembly));
+    _launchEvents = std::make_unique<LaunchEvents>(assembly);
+    _diagnostics = std::make_unique<Diagnostics>(assembly, [this] { return getClientConnections().size(); });
+}
+
+OrvexService::~OrvexService() { _queue.close(); }
+
+platform::Result<void> OrvexService::exportObject() {
+    return _assembly.bus().exportObject(std::string(kORXObjectPath), orvexdInterfaces(),
+                                        [weak = weak_from_this()](platform::BusCall call) {
+                                            if (const auto self = weak.lock()) self->_receive(std::move(call));
+                                        });
+}
+
+std::vector<std::shared_ptr<ClientConnection>> OrvexService::getClientConnections() const {
+    return _queue.sync([this] {
+        _queue.assertCurrent();
+        return _connections;
+    });
+}
+
+std::string OrvexService::clientIDForConnection(std::int32_t processIdentifier) {
+    const auto path = platform::executablePath(processIdentifier);
+    if (path) return std::filesystem::path(*path).filename();
+    connectionLog().error("error getting path for pid [{}] {}", processIdentifier, path.error().text);
+    return {};
+}
+
+void OrvexService::_receive(platform::BusCall call) {
+    if (call.sender.userIdentifier != getuid()) {
+        _assembly.counters().add("com.kelvar.orvexd.calls.denied");
+        call.reply.fail(platform::bus_error::accessDenied, "only programs of the daemon's own user are served");
+        return;
+    }
+    auto counted = _callLimit.admit(call.sender.uniqueName, call.reply);
+    if (!counted) {
+        _assembly.counters().add("com.kelvar.orvexd.calls.overlimit");
+        call.reply.fail(platform::bus_error::limitsExceeded, "too many calls in flight");
+        return;
+    }
+    call.reply = *std::move(counted);
+    if (call.interface == kORXDaemonInterface) {
+        _connectionOf(call.sender)->receive(std::move(call));
+    } else if (call.interface == kORXLaunchEventsInterface) {
+        _launchEvents->receive(std::move(call));
+    } else if (call.interface == kORXDiagnosticsInterface) {
+        _diagnostics->receive(std::move(call));
+    }
+}
+
+std::shared_ptr<ClientConnection> OrvexService::_connectionOf(const platform::BusPeer& peer) {
+    {
+        const platform::MutexLock lock(_mutex);
+        if (const auto found = _clients.find(peer.uniqueName); found != _clients.end()) return found->second;
+    }
+    return _accept(peer);
+}
+
+std::shared_ptr<ClientConnection> OrvexService::_accept(const platform::BusPeer& peer) {
+    const std::string clientID = clientIDForConnection(peer.processIdentifier);
+    connectionLog().log("new connection from {} ({})", clientID, peer.processIdentifier);
+    auto identity = std::make_shared<std::weak_ptr<ClientConnection>>();
+    auto connection = ClientConnection::create(_assembly, {peer, clientID},
+                                               [weak = weak_from_this(), identity, name = peer.uniqueName] {
+                                                   const auto self = weak.lock();
+                                                   const auto refused = identity->lock();
+                                                   if (self && refused) self->_forget(name, refused.get());
+                                               });
+    *identity = connection;
+    {
+        const platform::MutexLock lock(_mutex);
+        _clients.insert_or_assign(peer.uniqueName, connection);
+    }
+    _queue.async([this, connection] {
+        _queue.assertCurrent();
+        _list(connection);
+    });
+    _assembly.bus().watchPeer(peer.uniqueName,
+                              [weak = weak_from_this(), name = peer.uniqueName, raw = connection.get()] {
+                                  if (const auto self = weak.lock()) self->_forget(name, raw);
+                              });
+    _assembly.counters().add("com.kelvar.orvexd.clientconnection");
+    return connection;
+}
+
+void OrvexService::_list(const std::shared_ptr<ClientConnection>& connection) {
+    _connections.push_back(connection);
+    const std::int32_t pid = connection->client().peer.processIdentifier;
+    const auto ofProcess = std::ranges::count_if(
+        _connections, [pid](const auto& other) { return other->client().peer.processIdentifier == pid; });
+    if (ofProcess >= 2) connectionLog().error("too many connections {} from pid {}", ofProcess, pid);
+}
+
+// A client name is forgotten once for each connection: the bus may tell of the leaving of a client whose connection was
+// refused before, and which has another one by now.
+void OrvexService::_forget(const std::string& uniqueName, const ClientConnection* connection) {
+    std::shared_ptr<ClientConnection> forgotten;
+    {
+        const platform::MutexLock lock(_mutex);
+        const auto found = _clients.find(uniqueName);
+        if (found == _clients.end() || found->second.get() != connection) return;
+        forgotten = std::move(found->second);
+        _clients.erase(found);
+    }
+    _invalidated(forgotten);
+}
+
+void OrvexService::_invalidated(const std::shared_ptr<ClientConnection>& connection) {
+    const auto& client = connection->client();
+    connectionLog().log("connection from {} ({}) invalidated", client.clientID, client.peer.processIdentifier);
+    connection->invalidate();
+    _queue.async([this, connection] {
+        _queue.assertCurrent();
+        connection->flushSessionInvalidation([this, connection](bool flushed) {
+            OrvexLogForCategory(OrvexLoggingCategory::session)
+                .log("session {} on invalidation", flushed ? "flushed" : "not flushed");
+            // A hop of its own: the answer may come on this queue or on another.
+            _queue.async([this, connection] {
+                _queue.assertCurrent();
+                _remove(connection);
+            });
+        });
+    });
+    const auto state = connection->state();
+    if (const auto name = state ? state->clientShortName() : std::nullopt) {
+        _assembly.counters().add(createAggdKey(*name, "xcpinvalidation"));
+    }
+}
+
+void OrvexService::_remove(const std::shared_ptr<ClientConnection>& connection) {
+    std::erase(_connections, connection);
+    if (!_connections.empty()) return;
+    platform::URLSession* session = _assembly.urlSessionIfMade();
+    if (session != nullptr && session->purgeMemoryCache()) {
+        OrvexLogForCategory(OrvexLoggingCategory::caching).log("purging url cache");
+    }
+}
+
+}  // namespace orvex

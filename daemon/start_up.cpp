@@ -1,0 +1,73 @@
+#include "daemon/start_up.h"
+
+#include "core/constants.h"
+#include "core/notifications.h"
+#include "daemon/activities.h"
+#include "daemon/assembly.h"
+#include "daemon/client_state_manager.h"
+#include "daemon/orvex_service.h"
+#include "network/orvex_bag_controller.h"
+#include "network/orx_network_request_factory.h"
+#include "network/orx_tracing.h"
+#include "platform/counters.h"
+#include "platform/dispatch.h"
+#include "platform/file_manager.h"
+#include "platform/log.h"
+#include "platform/notification_center.h"
+#include "platform/user_defaults.h"
+
+namespace orvex {
+namespace {
+
+void registerDefaults(platform::UserDefaults& userDefaults) {
+    userDefaults.registerDefaults({
+        {"ORXSharedSession", true},
+        {"ORXSessionSizeLimit", 2097152},
+        {"ORXSessionMaxAge", 172800},
+        {"ORXUseCindora", true},
+        {"ORXSessionSoftLimitOverride", 600},
+        {"ORXSessionIdleTimeOverride", 180},
+    });
+}
+
+void createCustomFeedbackDirectories(platform::FileManager& fileManager) {
+    auto caches = fileManager.cachesDirectory();
+    if (!caches) {
+        platform::defaultLogger().error("failed getting a caches dir: {}", caches.error().text);
+        return;
+    }
+    auto directory = (*caches)->directory("CustomFeedback");
+    if (!directory) {
+        platform::defaultLogger().error("failed creating CustomFeedback dir:{}", directory.error().text);
+        return;
+    }
+    for (const int type : customFeedbackTypes) {
+        const auto made = (*directory)->makeDirectory(customFeedbackDirectoryName(type));
+        if (!made) {
+            platform::defaultLogger().error("failed creating a CustomFeedback subdir:{}", made.error().text);
+        }
+    }
+}
+
+}  // namespace
+
+std::shared_ptr<OrvexService> assemble(Assembly& assembly) {
+    ORXTracingSetup(assembly.userDefaults());
+    registerDefaults(assembly.userDefaults());
+    createCustomFeedbackDirectories(assembly.fileManager());
+    assembly.setRequestFactory(ORXNetworkRequestFactory::create(assembly));
+    assembly.counters().add("com.kelvar.orvexd.launch");
+    assembly.setBagController(OrvexBagController::create(assembly));
+    assembly.setClientStateManager(std::make_shared<ClientStateManager>(assembly));
+    return OrvexService::create(assembly);
+}
+
+void beginService(Assembly& assembly) {
+    checkInActivities(assembly);
+    const platform::GlobalQueue background(assembly.dispatcher(), platform::Priority::background);
+    background.async([&assembly] { (void)assembly.bagController()->currentBag(); });
+    const platform::GlobalQueue standard(assembly.dispatcher(), platform::Priority::standard);
+    standard.async([&assembly] { assembly.notificationCenter().post(ORXStartupNotification{}); });
+}
+
+}  // namespace orvex

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <memory>
+
+namespace orvex {
+
+class Assembly;
+class OrvexService;
+
+/// Puts the daemon together, in a fixed order: a manager may use, while it is made, only what was made before it.
+///
+///     tracing → registered defaults → custom-feedback directories → managers → service
+///
+/// Called by `main` on the main thread, before any thread runs. Nothing that fails here stops the start: it is logged.
+std::shared_ptr<OrvexService> assemble(Assembly& assembly);
+
+/// What follows once the daemon can be reached: the activities check in, the bag is warmed, and
+/// `ORXStartupNotification` is posted, the last two on the pool.
+void beginService(Assembly& assembly);
+
+}  // namespace orvex

@@ -1,0 +1,24 @@
+#include "platform/executable.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <string_view>
+
+namespace orvex::platform {
+
+Result<std::string> executablePath(std::int32_t processIdentifier) {
+    constexpr std::string_view deleted = " (deleted)";
+    const std::string link = fmt::format("/proc/{}/exe", processIdentifier);
+    std::array<char, 4096> path;
+    const ssize_t length = readlink(link.c_str(), path.data(), path.size());
+    if (length < 1) return failure(errno, std::strerror(errno));
+    std::string text(path.data(), static_cast<std::size_t>(length));
+    if (text.ends_with(deleted)) text.resize(text.size() - deleted.size());
+    return text;
+}
+
+}  // namespace orvex::platform

@@ -1,0 +1,155 @@
+#include "tools/tool/commands.h"
+
+#include <fmt/format.h>
+
+#include <boost/json/array.hpp>
+#include <boost/json/object.hpp>
+#include <boost/json/serialize.hpp>
+#include <boost/json/value.hpp>
+#include <chrono>
+#include <optional>
+
+#include "core/constants.h"
+#include "tools/tool/bus_json.h"
+#include "tools/tool/daemon_client.h"
+#include "tools/tool/pages.h"
+
+namespace orvex::tool {
+namespace {
+
+namespace json = boost::json;
+using platform::BusArguments;
+using Answer = std::expected<BusArguments, platform::BusError>;
+
+bool meansNoDaemon(const platform::BusError& error) {
+    return error.name == "org.freedesktop.DBus.Error.ServiceUnknown" ||
+           error.name == "org.freedesktop.DBus.Error.NameHasNoOwner" ||
+           error.name.starts_with("org.freedesktop.DBus.Error.Spawn");
+}
+
+ExitStatus tell(const platform::BusError& error) {
+    if (meansNoDaemon(error)) {
+        fmt::print(stderr, "orvex_tool: no orvexd on the bus ({})\n", error.message);
+        return ExitStatus::noDaemon;
+    }
+    fmt::print(stderr, "orvex_tool: {} ({})\n", error.message, error.name);
+    return ExitStatus::refused;
+}
+
+ExitStatus tellWrongUsage(const std::string& why) {
+    fmt::print(stderr, "orvex_tool: {}\n", why);
+    return ExitStatus::wrongUsage;
+}
+
+std::expected<DaemonClient, ExitStatus> connect(const Options& options) {
+    auto client = DaemonClient::connect(options.busAddress);
+    if (client) return *std::move(client);
+    fmt::print(stderr, "orvex_tool: no bus: {}\n", client.error().text);
+    return std::unexpected(ExitStatus::noDaemon);
+}
+
+/// Connected, and known to the daemon as a client.
+std::expected<DaemonClient, ExitStatus> connectAsClient(const Options& options) {
+    auto client = connect(options);
+    if (!client) return client;
+    if (auto configured = client->configure(options.identifier, options.userAgent); !configured) {
+        return std::unexpected(tell(configured.error()));
+    }
+    return client;
+}
+
+void print(const json::value& document) { fmt::print("{}\n", json::serialize(document)); }
+
+/// The error that an answer carries beside its result; exit status `refused` when there is one.
+std::optional<ExitStatus> tellError(const Options& options, const platform::BusValue& error) {
+    const auto& dictionary = *error.as<platform::BusDictionary>();
+    if (dictionary.entries.empty()) return std::nullopt;
+    const auto document = jsonFromBus(error);
+    if (options.json) {
+        print(json::object{{"error", document}});
+    } else {
+        fmt::print(stderr, "orvex_tool: {}\n", errorText(document.get_object()));
+    }
+    return ExitStatus::refused;
+}
+
+/// One method without arguments of an operator's interface, its only result printed.
+ExitStatus show(const Options& options, std::string_view interface, const char* member,
+                std::string (*page)(const json::value&)) {
+    const bool ofClients = interface == kORXDaemonInterface;
+    auto client = ofClients ? connectAsClient(options) : connect(options);
+    if (!client) return client.error();
+    const Answer answer = client->call(interface, member, "", {});
+    if (!answer) return tell(answer.error());
+    const auto document = jsonFromBus(answer->front());
+    if (options.json) {
+        print(document);
+    } else {
+        fmt::print("{}", page(document));
+    }
+    return ExitStatus::done;
+}
+
+platform::Result<platform::BusDictionary> requestDictionary(const RequestOptions& options) {
+    platform::BusDictionary request;
+    if (!options.entry.empty()) request.set(options.entry, options.text);
+    for (const auto& setting : options.settings) {
+        const auto equals = setting.find('=');
+        if (equals == std::string::npos)
+            return platform::failure(0, fmt::format("--set {}: expected ENTRY=VALUE", setting));
+        auto value = requestEntry(setting.substr(0, equals), setting.substr(equals + 1));
+        if (!value) return std::unexpected(value.error());
+        request.set(setting.substr(0, equals), *std::move(value));
+    }
+    return request;
+}
+
+}  // namespace
+
+ExitStatus sendRequest(const Options& options, const RequestOptions& requestOptions) {
+    auto request = requestDictionary(requestOptions);
+    if (!request) return tellWrongUsage(request.error().text);
+    auto client = connectAsClient(options);
+    if (!client) return client.error();
+    const auto begin = std::chrono::steady_clock::now();
+    const Answer answer =
+        client->call(kORXDaemonInterface, "Request", "sa{sv}", {requestOptions.kind, *std::move(request)});
+    const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - begin;
+    if (!answer) return tell(answer.error());
+    if (const auto status = tellError(options, answer->at(2))) return *status;
+    const auto reply = jsonFromBus(answer->at(1));
+    if (options.json) {
+        print(json::object{{"query_id", jsonFromBus(answer->at(0))}, {"reply", reply}, {"milliseconds", took.count()}});
+    } else {
+        fmt::print("{}", replyPage(reply.get_object(), took.count()));
+    }
+    return ExitStatus::done;
+}
+
+ExitStatus showBag(const Options& options) {
+    auto client = connectAsClient(options);
+    if (!client) return client.error();
+    const Answer answer = client->call(kORXDaemonInterface, "Bag", "", {});
+    if (!answer) return tell(answer.error());
+    if (const auto status = tellError(options, answer->at(1))) return *status;
+    fmt::print("{}\n", bagPage(*answer->at(0).as<std::string>(), options.json));
+    return ExitStatus::done;
+}
+
+ExitStatus showSessions(const Options& options) {
+    return show(options, kORXDaemonInterface, "ListSessions", sessionsPage);
+}
+ExitStatus showImages(const Options& options) { return show(options, kORXDaemonInterface, "GetImageMap", mapPage); }
+ExitStatus showStatus(const Options& options) { return show(options, kORXDiagnosticsInterface, "Status", statusPage); }
+ExitStatus showCounters(const Options& options) { return show(options, kORXDiagnosticsInterface, "Counters", mapPage); }
+
+ExitStatus runActivity(const Options& options, const std::string& name) {
+    auto client = connect(options);
+    if (!client) return client.error();
+    const Answer answer = client->call(kORXLaunchEventsInterface, "RunActivity", "s", {name});
+    if (!answer) return tell(answer.error());
+    if (options.json) print(json::object{{"ran", name}});
+    return ExitStatus::done;
+}
+
+}  // namespace orvex::tool

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace orvex::tool {
+
+/// The tool's exit statuses.
+enum class ExitStatus : int {
+    done = 0,
+    refused = 1,  ///< the daemon answered an error
+    wrongUsage = 2,
+    noDaemon = 3,
+};
+
+/// What every command is given.
+struct Options {
+    std::string busAddress;  ///< empty: the user's session bus
+    std::string identifier = "orvex_tool";
+    std::string userAgent;
+    bool json = false;  ///< one JSON document instead of text for people
+};
+
+// Each does one command of the command line and prints its answer to standard output, or its error to standard error.
+
+struct RequestOptions {
+    std::string kind;
+    std::string entry;  ///< which request entry `text` goes to; empty: none
+    std::string text;
+    std::vector<std::string> settings;  ///< ENTRY=VALUE
+};
+ExitStatus sendRequest(const Options& options, const RequestOptions& request);
+
+ExitStatus showBag(const Options& options);
+ExitStatus showSessions(const Options& options);
+ExitStatus showImages(const Options& options);
+ExitStatus showStatus(const Options& options);
+ExitStatus showCounters(const Options& options);
+ExitStatus runActivity(const Options& options, const std::string& name);
+
+ExitStatus readDefaults(const Options& options, const std::string& key);  ///< an empty key: all that are stored
+ExitStatus writeDefault(const Options& options, const std::string& key, const std::string& value);
+ExitStatus deleteDefault(const Options& options, const std::string& key);
+
+}  // namespace orvex::tool

@@ -1,0 +1,39 @@
+#include "tools/tool/daemon_client.h"
+
+#include <future>
+
+#include "core/constants.h"
+#include "platform/linux/sd_bus.h"
+
+namespace orvex::tool {
+
+platform::Result<DaemonClient> DaemonClient::connect(const std::string& busAddress) {
+    auto bus = platform::SdBus::create({.address = busAddress});
+    if (!bus) return std::unexpected(bus.error());
+    return DaemonClient(*std::move(bus));
+}
+
+std::expected<platform::BusArguments, platform::BusError> DaemonClient::call(std::string_view interface,
+                                                                             std::string_view member,
+                                                                             std::string_view signature,
+                                                                             platform::BusArguments arguments) {
+    using Answer = std::expected<platform::BusArguments, platform::BusError>;
+    // Shared with the completion: it may still come when nobody waits any more.
+    auto answered = std::make_shared<std::promise<Answer>>();
+    auto answer = answered->get_future();
+    _bus->call(std::string(kORXBusName), std::string(kORXObjectPath), std::string(interface), std::string(member),
+               std::string(signature), std::move(arguments), patience,
+               [answered](Answer result) { answered->set_value(std::move(result)); });
+    return answer.get();
+}
+
+std::expected<void, platform::BusError> DaemonClient::configure(const std::string& identifier,
+                                                                const std::string& userAgent) {
+    platform::BusDictionary configuration;
+    configuration.set("identifier", identifier).set("user_agent", userAgent);
+    auto answer = call(kORXDaemonInterface, "Configure", "a{sv}", {std::move(configuration)});
+    if (!answer) return std::unexpected(answer.error());
+    return {};
+}
+
+}  // namespace orvex::tool

@@ -1,0 +1,109 @@
+#include <CLI/App.hpp>
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
+#include <cstdio>
+#include <functional>
+
+#include "core/constants.h"
+#include "tools/tool/commands.h"
+
+// orvex_tool: talks to the daemon over the bus, for people and for scripts.
+
+namespace {
+
+using orvex::tool::ExitStatus;
+using orvex::tool::Options;
+using orvex::tool::RequestOptions;
+
+std::string toolUserAgent() {
+    const std::string& daemon = orvex::kORXOrvexdNameVersion();
+    return "orvex_tool" + daemon.substr(daemon.find('/'));
+}
+
+/// Adds the commands to `app`; the one that is used leaves what to do in `chosen`.
+class CommandLine {
+public:
+    CommandLine() {
+        _app.set_version_flag("--version", toolUserAgent());
+        _app.add_option("--bus", _options.busAddress, "Connect to the bus at ADDRESS, not to the session bus")
+            ->type_name("ADDRESS");
+        _app.add_option("--identifier", _options.identifier, "The client identifier to call under")->type_name("ID");
+        _app.add_option("--user-agent", _options.userAgent, "The user agent to call with")
+            ->type_name("UA")
+            ->default_val(toolUserAgent());
+        _app.add_flag("--json", _options.json, "Print one JSON document");
+        _app.require_subcommand(1);
+        _app.fallthrough();
+        _addRequests();
+        _addReads();
+        _addDefaults();
+    }
+
+    int run(int argc, char** argv) {
+        try {
+            _app.parse(argc, argv);
+        } catch (const CLI::ParseError& end) {
+            const int status = _app.exit(end);
+            return status == 0 ? 0 : static_cast<int>(ExitStatus::wrongUsage);
+        }
+        return static_cast<int>(_chosen());
+    }
+
+private:
+    void _addRequests() {
+        auto* search = _app.add_subcommand("search", "Search for TEXT");
+        search->add_option("TEXT", _request.text, "What to search for")->required();
+        search->add_option("--set", _request.settings, "Set a request entry; may be repeated")
+            ->type_name("ENTRY=VALUE")
+            ->expected(1)
+            ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+        search->callback([this] {
+            _request.kind = "search";
+            _request.entry = "query_string";
+            _chosen = [this] { return orvex::tool::sendRequest(_options, _request); };
+        });
+    }
+
+    void _add(const char* name, const char* description, ExitStatus (*command)(const Options&)) {
+        _app.add_subcommand(name, description)->callback([this, command] {
+            _chosen = [this, command] { return command(_options); };
+        });
+    }
+
+    void _addReads() {
+        _add("bag", "Show the server's configuration as the daemon has it", orvex::tool::showBag);
+        _add("sessions", "List the clients that the daemon knows", orvex::tool::showSessions);
+        _add("images", "Show the image map of the bag", orvex::tool::showImages);
+        _add("status", "Show what the daemon is doing", orvex::tool::showStatus);
+        _add("counters", "Show what happened how often", orvex::tool::showCounters);
+        auto* activity = _app.add_subcommand("run-activity", "Run a background activity now");
+        activity->add_option("NAME", _name, "Its name, for example com.kelvar.orvexd.flusher.background")->required();
+        activity->callback([this] { _chosen = [this] { return orvex::tool::runActivity(_options, _name); }; });
+    }
+
+    void _addDefaults() {
+        auto* defaults = _app.add_subcommand("defaults", "Read and change the daemon's settings");
+        defaults->require_subcommand(1);
+        auto* read = defaults->add_subcommand("read", "Show a stored setting, or all of them");
+        read->add_option("KEY", _name, "The setting");
+        read->callback([this] { _chosen = [this] { return orvex::tool::readDefaults(_options, _name); }; });
+        auto* write = defaults->add_subcommand("write", "Store a setting; VALUE is JSON, else text");
+        write->add_option("KEY", _name, "The setting")->required();
+        write->add_option("VALUE", _value, "Its value")->required();
+        write->callback([this] { _chosen = [this] { return orvex::tool::writeDefault(_options, _name, _value); }; });
+        auto* remove = defaults->add_subcommand("delete", "Forget a stored setting");
+        remove->add_option("KEY", _name, "The setting")->required();
+        remove->callback([this] { _chosen = [this] { return orvex::tool::deleteDefault(_options, _name); }; });
+    }
+
+    CLI::App _app{"Talks to orvexd, the search daemon.", "orvex_tool"};
+    Options _options;
+    RequestOptions _request;
+    std::string _name;
+    std::string _value;
+    std::function<ExitStatus()> _chosen;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) { return CommandLine().run(argc, argv); }

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <boost/json/fwd.hpp>
+#include <string>
+#include <string_view>
+
+namespace orvex::tool {
+
+// Answers as pages for people. Each ends with a line end, but for `bagPage`.
+
+/// The server's result sets: suggestions first, then cards, then the round trip.
+std::string replyPage(const boost::json::object& reply, double milliseconds);
+
+/// The bag's text, indented; as it came with `compact`.
+std::string bagPage(const std::string& text, bool compact);
+
+std::string errorText(const boost::json::object& error);
+std::string sessionsPage(const boost::json::value& sessions);
+std::string mapPage(const boost::json::value& map);  ///< "name  value" a line, aligned
+std::string statusPage(const boost::json::value& status);
+
+}  // namespace orvex::tool

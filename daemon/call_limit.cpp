@@ -1,5 +1,7 @@
 #include "daemon/call_limit.h"
 
+#include <utility>
+
 namespace orvex {
 
 std::optional<platform::BusReply> CallLimit::admit(const std::string& client, platform::BusReply& reply) {
@@ -12,18 +14,35 @@ std::optional<platform::BusReply> CallLimit::admit(const std::string& client, pl
     }
     return platform::BusReply([state = _state, client, reply = std::move(reply)](
                                   std::expected<platform::BusArguments, platform::BusError> answer) mutable {
-        {
-            const platform::MutexLock lock(state->mutex);
-            const auto entry = state->calls.find(client);
-            if (--entry->second == 0) state->calls.erase(entry);
-            --state->total;
-        }
         if (answer) {
             reply.answer(*std::move(answer));
         } else {
             reply.fail(answer.error().name, answer.error().message);
         }
+        state->answered(client);
     });
+}
+
+void CallLimit::State::answered(const std::string& client) {
+    std::move_only_function<void()> handler;
+    {
+        const platform::MutexLock lock(mutex);
+        const auto entry = calls.find(client);
+        if (--entry->second == 0) calls.erase(entry);
+        if (--total == 0) handler = std::exchange(whenNone, nullptr);
+    }
+    if (handler) handler();
+}
+
+void CallLimit::whenNoneInFlight(std::move_only_function<void()> handler) {
+    {
+        const platform::MutexLock lock(_state->mutex);
+        if (_state->total > 0) {
+            _state->whenNone = std::move(handler);
+            return;
+        }
+    }
+    handler();
 }
 
 std::size_t CallLimit::inFlight() const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -22,11 +23,17 @@ public:
 
     [[nodiscard]] std::size_t inFlight() const;  ///< of all clients
 
+    /// Calls `handler` once when no call of anyone is in flight: at once, or on the thread that gives the last answer.
+    void whenNoneInFlight(std::move_only_function<void()> handler);
+
 private:
     struct State {
         mutable platform::Mutex mutex;
         std::map<std::string, std::size_t> calls ORX_GUARDED_BY(mutex);
         std::size_t total ORX_GUARDED_BY(mutex) = 0;
+        std::move_only_function<void()> whenNone ORX_GUARDED_BY(mutex);
+
+        void answered(const std::string& client);
     };
     const std::shared_ptr<State> _state = std::make_shared<State>();
 };

@@ -49,6 +49,18 @@ platform::Result<void> OrvexService::exportObject() {
                                         });
 }
 
+// Once the bus has taken the name back, what it sent before is on its way to us in order; a question to the bus itself
+// is answered behind all of it, and behind the credentials that some of it may still wait for.
+void OrvexService::leave(std::move_only_function<void()> gone) {
+    auto& bus = _assembly.bus();
+    bus.releaseName(std::string(kORXBusName));
+    const std::string driver = "org.freedesktop.DBus";
+    bus.call(driver, "/org/freedesktop/DBus", driver, "GetId", "", {}, std::chrono::seconds(10),
+             [self = shared_from_this(), gone = std::move(gone)](auto&&) mutable {
+                 self->_callLimit.whenNoneInFlight(std::move(gone));
+             });
+}
+
 std::vector<std::shared_ptr<ClientConnection>> OrvexService::getClientConnections() const {
     return _queue.sync([this] {
         _queue.assertCurrent();

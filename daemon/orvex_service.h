@@ -32,6 +32,10 @@ public:
     /// Exports the object; the name is taken afterwards, so that no first call is lost.
     [[nodiscard]] platform::Result<void> exportObject();
 
+    /// Gives the name back, answers what had reached it, then calls `gone` on the bus thread or on that of the last
+    /// answer. Afterwards nobody waits for this process.
+    void leave(std::move_only_function<void()> gone);
+
     /// A copy, taken on the queue; not to be called from it.
     [[nodiscard]] std::vector<std::shared_ptr<ClientConnection>> getClientConnections() const;
 

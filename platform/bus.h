@@ -103,6 +103,7 @@ public:
 
     /// Without replacement and without waiting in line. Code EEXIST when another has it.
     [[nodiscard]] virtual Result<void> requestName(std::string name) = 0;
+    /// When it returns, no further call is sent our way by that name; those that were are still handed out.
     virtual void releaseName(std::string name) = 0;
 
     /// To one peer only.

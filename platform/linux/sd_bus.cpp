@@ -272,11 +272,12 @@ Result<void> SdBus::requestName(std::string name) {
 }
 
 void SdBus::releaseName(std::string name) {
-    _thread.run([this, name = std::move(name)] {
+    const auto released = _thread.sync([&]() -> Result<void> {
         _thread.assertCurrent();
-        const int r = sd_bus_release_name_async(_bus.get(), nullptr, name.c_str(), nullptr, nullptr);
-        if (r < 0) defaultLogger().debug("the bus name {} cannot be released: {}", name, errorText(-r));
+        const int r = sd_bus_release_name(_bus.get(), name.c_str());
+        return r < 0 ? failure(-r, errorText(-r)) : Result<void>();
     });
+    if (!released) defaultLogger().debug("the bus name {} cannot be released: {}", name, released.error().text);
 }
 
 void SdBus::sendSignal(std::string destination, std::string path, std::string interface, std::string member,

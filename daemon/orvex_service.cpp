@@ -1,7 +1,5 @@
 #include "daemon/orvex_service.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <filesystem>
 
@@ -15,8 +13,8 @@
 #include "daemon/orvex_logging.h"
 #include "feedback/guid_controller.h"
 #include "platform/counters.h"
-#include "platform/executable.h"
 #include "platform/http_session.h"
+#include "platform/process_identity.h"
 #include "platform/user_defaults.h"
 #include "query/client_state.h"
 
@@ -76,7 +74,7 @@ std::string OrvexService::clientIDForConnection(std::int32_t processIdentifier) 
 }
 
 void OrvexService::_receive(platform::BusCall call) {
-    if (call.sender.userIdentifier != getuid()) {
+    if (call.sender.userIdentifier != platform::ownUserIdentifier()) {
         _assembly.counters().add("com.kelvar.orvexd.calls.denied");
         call.reply.fail(platform::bus_error::accessDenied, "only programs of the daemon's own user are served");
         return;

@@ -1,4 +1,4 @@
-#include "platform/executable.h"
+#include "platform/process_identity.h"
 
 #include <fmt/format.h>
 #include <unistd.h>
@@ -9,6 +9,8 @@
 #include <string_view>
 
 namespace orvex::platform {
+
+std::uint32_t ownUserIdentifier() { return getuid(); }
 
 Result<std::string> executablePath(std::int32_t processIdentifier) {
     constexpr std::string_view deleted = " (deleted)";

@@ -87,3 +87,9 @@ const Logger& defaultLogger() {
 }
 
 }  // namespace orvex::platform
+
+fmt::appender fmt::formatter<orvex::platform::PrivateArgument>::format(orvex::platform::PrivateArgument argument,
+                                                                       format_context& context) {
+    const auto shown = orvex::platform::logsPrivateArguments() ? argument.text : std::string_view("<private>");
+    return std::ranges::copy(shown, context.out()).out;
+}

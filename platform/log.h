@@ -111,10 +111,7 @@ inline std::string_view orNull(const std::optional<std::string>& text) {
 }  // namespace orvex::platform
 
 template <>
-struct fmt::formatter<orvex::platform::PrivateArgument> : fmt::formatter<std::string_view> {
-    template <class Context>
-    auto format(orvex::platform::PrivateArgument argument, Context& context) const {
-        return fmt::formatter<std::string_view>::format(
-            orvex::platform::logsPrivateArguments() ? argument.text : std::string_view("<private>"), context);
-    }
+struct fmt::formatter<orvex::platform::PrivateArgument> {
+    constexpr auto parse(format_parse_context& context) { return context.begin(); }
+    static fmt::appender format(orvex::platform::PrivateArgument argument, format_context& context);
 };

@@ -1,5 +1,6 @@
 #include "platform/log.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <thread>

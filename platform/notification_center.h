@@ -15,7 +15,8 @@ namespace orvex::platform {
 /// delivery to that observer that runs on another thread, never for one on the calling thread itself.
 ///
 /// Threading: callable from any thread, from within a delivery too. An observer registered during a delivery does not
-/// hear that notification.
+/// hear that notification. Posts on several threads call a handler on several threads at a time. Two deliveries that
+/// each remove the other's observer wait for each other for ever.
 class NotificationCenter {
 public:
     NotificationCenter();

@@ -50,7 +50,9 @@ public:
     /// Since when none has been open; none while one is. At first the time of construction.
     [[nodiscard]] std::optional<MonotonicTime> idleSince() const;
 
-    /// `handler(idle)` is called when the last one ends (true) and when the first one begins (false).
+    /// `handler(idle)` is called when the last one ends (true) and when the first one begins (false). Two calls from
+    /// two threads may overtake each other: what holds now is what `idleSince` says. The handler must not hold the
+    /// registry.
     void setIdleHandler(std::function<void(bool idle)> handler);
 
 private:

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "platform/result.h"
+#include "tools/service/http_server.h"
+
+namespace orvex {
+
+/// Raw deflate (RFC 1951) undone. Fails on what is no deflate, ends early, goes on after its end, or is larger than
+/// `maxBytes`.
+platform::Result<std::string> inflated(std::string_view deflated, std::size_t maxBytes);
+
+/// The digest that an upload of `body` carries, 128 hexadecimal digits: what the compressing stream hashes is each
+/// piece of 8192 bytes once for every pass that the compressor makes over it with its output buffer of 4096 bytes.
+std::string uploadDigest(std::string_view body);
+
+/// Takes uploads: inflates them, checks their digest, and keeps each as `upload.N.body` (inflated) and `upload.N.json`
+/// (path, items, headers, size). The second appears last and each at once and whole, so a reader waits for it.
+///
+/// Numbers go on after those that the directory holds. Without a directory uploads are checked only.
+/// Threading: callable from any thread.
+class UploadStore {
+public:
+    static constexpr std::size_t maxBodyBytes = 512u << 20;
+
+    explicit UploadStore(std::string directory);
+
+    /// Fails with code 400 when the upload is at fault, 500 when it could not be written. Nothing is synced.
+    platform::Result<void> take(const ServerRequest& request);
+
+private:
+    platform::Result<void> _write(const std::string& name, std::string_view content) const;
+
+    const std::string _directory;
+    std::atomic<std::uint64_t> _next = 1;
+};
+
+}  // namespace orvex

@@ -1,0 +1,228 @@
+#include "platform/fakes/fake_url_session.h"
+
+#include <fmt/core.h>
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "platform/url.h"
+
+namespace orvex::platform {
+namespace {
+
+[[noreturn]] void misuse(const char* what) {
+    fmt::print(stderr, "FakeURLSession: {}\n", what);
+    std::abort();
+}
+
+std::optional<TransportError> refusal(const FakeURLSession::Sent& sent) {
+    const auto url = parseAcceptableURL(sent.request.url);
+    if (!url) return TransportError{TransportError::other, url.error().text};
+    if (auto reason = unsendablePart(sent.request)) return TransportError{TransportError::other, *reason};
+    if (sent.proxyURL && !parseAcceptableURL(*sent.proxyURL))
+        return TransportError{TransportError::other, "the proxy is refused"};
+    return std::nullopt;
+}
+
+FakeAnswer failed(TransportError::Code code, std::string reason) {
+    return {.error = TransportError{code, std::move(reason)}};
+}
+
+}  // namespace
+
+/// made → resumed → completed, as in the interface. Keeps the delivery queue, so that it can end after its session.
+class FakeURLTask final : public URLSessionTask, public std::enable_shared_from_this<FakeURLTask> {
+public:
+    FakeURLTask(const std::shared_ptr<FakeURLSession>& session, URLRequest request, DataTaskCompletion completion)
+        : _session(session),
+          _delivery(session->_delivery),
+          _maxBodyBytes(session->_configuration.maxBodyBytes),
+          _request(std::move(request)),
+          _timer(*_delivery),
+          _completion(std::move(completion)) {}
+
+    void resume() override {
+        std::optional<FakeURLSession::Sent> sent;
+        {
+            const MutexLock lock(_mutex);
+            if (_state != State::made) return;
+            _state = State::resumed;
+            sent = FakeURLSession::Sent{_request, _isPreconnect, _proxyURL};
+        }
+        const auto session = _session.lock();
+        if (!session) misuse("a task was resumed after its session");
+        if (const auto error = refusal(*sent)) return complete({.error = error});
+        _timer.armAfter(_request.timeout.value_or(std::chrono::seconds(60)), [weak = weak_from_this()] {
+            if (const auto self = weak.lock()) self->complete(failed(TransportError::timedOut, "timed out"));
+        });
+        session->_send(shared_from_this(), *std::move(sent));
+    }
+
+    void cancel() override { complete(failed(TransportError::cancelled, "cancelled")); }
+
+    [[nodiscard]] const URLRequest& originalRequest() const override { return _request; }
+
+    [[nodiscard]] std::map<std::string, double> timingData() const override {
+        const MutexLock lock(_mutex);
+        return _timing;
+    }
+
+    void setPreconnect() override {
+        const MutexLock lock(_mutex);
+        if (_state == State::resumed) misuse("setPreconnect after resume");
+        _isPreconnect = true;
+    }
+
+    void setProxy(std::string proxyURL) override {
+        const MutexLock lock(_mutex);
+        if (_state == State::resumed) misuse("setProxy after resume");
+        _proxyURL = std::move(proxyURL);
+    }
+
+    /// The first call counts.
+    void complete(FakeAnswer answer) {
+        DataTaskCompletion completion;
+        bool drops = false;
+        {
+            const MutexLock lock(_mutex);
+            if (_state == State::completed) return;
+            _state = State::completed;
+            _timing = answer.timing;
+            completion = std::move(_completion);
+            drops = _isPreconnect;
+        }
+        _timer.cancel();
+        if (const auto session = _session.lock()) session->_release(*this);
+        if (answer.body.size() > _maxBodyBytes) answer = failed(TransportError::connectionLost, "the body is too long");
+        if (drops) answer.body.clear();
+        if (completion) _post(std::move(completion), std::move(answer));
+    }
+
+private:
+    enum class State { made, resumed, completed };
+
+    void _post(DataTaskCompletion completion, FakeAnswer answer) {
+        std::optional<URLResponse> response;
+        Body body;
+        if (!answer.error) {
+            response = URLResponse{_request.url, answer.isHTTP, 0, {}};
+            if (answer.isHTTP) response->statusCode = answer.statusCode;
+            if (answer.isHTTP) response->headers = std::move(answer.headers);
+            if (!answer.body.empty()) body = std::make_shared<std::string>(std::move(answer.body));
+        }
+        _delivery->async([queue = _delivery.get(), completion = std::move(completion), response = std::move(response),
+                          body = std::move(body), error = std::move(answer.error)]() mutable {
+            queue->assertCurrent();
+            completion(std::move(body), std::move(response), std::move(error));
+        });
+    }
+
+    // Constant after construction.
+    const std::weak_ptr<FakeURLSession> _session;
+    const std::shared_ptr<SerialQueue> _delivery;
+    const std::size_t _maxBodyBytes;
+    const URLRequest _request;
+
+    // Synchronised by themselves.
+    Timer _timer;
+
+    // Guarded by the mutex.
+    mutable Mutex _mutex;
+    State _state ORX_GUARDED_BY(_mutex) = State::made;
+    bool _isPreconnect ORX_GUARDED_BY(_mutex) = false;
+    std::optional<std::string> _proxyURL ORX_GUARDED_BY(_mutex);
+    std::map<std::string, double> _timing ORX_GUARDED_BY(_mutex);
+    DataTaskCompletion _completion ORX_GUARDED_BY(_mutex);
+};
+
+FakeURLSession::FakeURLSession(Dispatcher& dispatcher, URLSessionConfiguration configuration)
+    : _configuration(std::move(configuration)),
+      _delivery(std::make_shared<SerialQueue>(dispatcher, _configuration.label + ".delivery")) {}
+
+FakeURLSession::~FakeURLSession() {
+    std::vector<std::shared_ptr<FakeURLTask>> held;
+    {
+        const MutexLock lock(_mutex);
+        held.swap(_held);
+    }
+    for (const auto& task : held) task->complete(failed(TransportError::cancelled, "the session ended"));
+    _delivery->close();
+}
+
+std::shared_ptr<URLSessionTask> FakeURLSession::dataTask(URLRequest request, DataTaskCompletion completion) {
+    return std::make_shared<FakeURLTask>(shared_from_this(), std::move(request), std::move(completion));
+}
+
+bool FakeURLSession::purgeMemoryCache() {
+    const MutexLock lock(_mutex);
+    ++_purges;
+    return _configuration.cacheMemoryCapacity > 0;
+}
+
+void FakeURLSession::setScript(Script script) {
+    const MutexLock lock(_mutex);
+    _script = std::move(script);
+}
+
+void FakeURLSession::answer(FakeAnswer answer) {
+    std::shared_ptr<FakeURLTask> task;
+    {
+        const MutexLock lock(_mutex);
+        if (_held.empty()) misuse("an answer, but no request is held");
+        task = _held.front();
+    }
+    task->complete(std::move(answer));
+}
+
+std::size_t FakeURLSession::held() const {
+    const MutexLock lock(_mutex);
+    return _held.size();
+}
+
+std::vector<FakeURLSession::Sent> FakeURLSession::sent() const {
+    const MutexLock lock(_mutex);
+    return _sent;
+}
+
+std::size_t FakeURLSession::purges() const {
+    const MutexLock lock(_mutex);
+    return _purges;
+}
+
+void FakeURLSession::_send(const std::shared_ptr<FakeURLTask>& task, Sent sent) {
+    Script script;
+    {
+        const MutexLock lock(_mutex);
+        _sent.push_back(std::move(sent));
+        _held.push_back(task);
+        script = _script;
+    }
+    if (!script) return;
+    if (auto answer = script(task->originalRequest())) task->complete(*std::move(answer));
+}
+
+void FakeURLSession::_release(const FakeURLTask& task) {
+    const MutexLock lock(_mutex);
+    std::erase_if(_held, [&task](const auto& held) { return held.get() == &task; });
+}
+
+std::shared_ptr<URLSession> FakeURLSessionFactory::makeSession(URLSessionConfiguration configuration) {
+    auto session = std::make_shared<FakeURLSession>(_dispatcher, std::move(configuration));
+    const MutexLock lock(_mutex);
+    session->setScript(_script);
+    _sessions[session->configuration().label] = session;
+    return session;
+}
+
+void FakeURLSessionFactory::setScript(FakeURLSession::Script script) {
+    const MutexLock lock(_mutex);
+    _script = std::move(script);
+}
+
+std::shared_ptr<FakeURLSession> FakeURLSessionFactory::session(std::string_view label) const {
+    const MutexLock lock(_mutex);
+    const auto found = _sessions.find(label);
+    return found == _sessions.end() ? nullptr : found->second.lock();
+}
+
+}  // namespace orvex::platform

@@ -47,16 +47,19 @@ void makePath(const std::string& path) {
     }
 }
 
-Result<std::shared_ptr<LinuxDirectory>> openDomain(const std::optional<std::string>& base, std::string_view domain) {
+using WhenMissing = LinuxDirectory::WhenMissing;
+
+Result<std::shared_ptr<LinuxDirectory>> openDomain(const std::optional<std::string>& base, std::string_view domain,
+                                                   WhenMissing whenMissing) {
     if (!base) return failure(ENOENT, fmt::format("cannot open the directory {}: there is no home directory", domain));
-    makePath(*base);
+    if (whenMissing == WhenMissing::make) makePath(*base);
     const FileDescriptor parent(::open(base->c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!parent.valid()) return systemFailure(errno, fmt::format("open the directory {}", *base));
-    return LinuxDirectory::open(parent.get(), domain, fmt::format("{}/{}", *base, domain));
+    return LinuxDirectory::open(parent.get(), domain, fmt::format("{}/{}", *base, domain), whenMissing);
 }
 
 Result<std::shared_ptr<Directory>> openOwn(const std::optional<std::string>& base) {
-    auto opened = openDomain(base, ownDomain);
+    auto opened = openDomain(base, ownDomain, WhenMissing::make);
     if (!opened) return std::unexpected(opened.error());
     return std::shared_ptr<Directory>(std::move(*opened));
 }
@@ -80,18 +83,24 @@ Result<std::shared_ptr<Directory>> LinuxFileManager::stateDirectory() {
     return openOwn(basePath(_environment.stateHome, _environment.home, ".local/state"));
 }
 
-Result<std::shared_ptr<Directory>> LinuxFileManager::configurationDirectory() {
-    return openOwn(basePath(_environment.configHome, _environment.home, ".config"));
-}
+Result<std::shared_ptr<Directory>> LinuxFileManager::configurationDirectory() { return openOwn(_configurationBase()); }
 
 Result<std::shared_ptr<LinuxDirectory>> LinuxFileManager::configurationDirectory(std::string_view domain) {
-    return openDomain(basePath(_environment.configHome, _environment.home, ".config"), domain);
+    return openDomain(_configurationBase(), domain, WhenMissing::make);
+}
+
+Result<std::shared_ptr<LinuxDirectory>> LinuxFileManager::existingConfigurationDirectory(std::string_view domain) {
+    return openDomain(_configurationBase(), domain, WhenMissing::fail);
 }
 
 std::optional<std::string> LinuxFileManager::configurationPath(std::string_view domain) const {
-    const auto base = basePath(_environment.configHome, _environment.home, ".config");
+    const auto base = _configurationBase();
     if (!base) return std::nullopt;
     return fmt::format("{}/{}", *base, domain);
+}
+
+std::optional<std::string> LinuxFileManager::_configurationBase() const {
+    return basePath(_environment.configHome, _environment.home, ".config");
 }
 
 }  // namespace orvex::platform

@@ -33,10 +33,14 @@ public:
 
     /// The configuration directory of a settings domain: our own is "com.kelvar.orvexd".
     [[nodiscard]] Result<std::shared_ptr<LinuxDirectory>> configurationDirectory(std::string_view domain);
+    /// The same without making it: ENOENT when it is missing.
+    [[nodiscard]] Result<std::shared_ptr<LinuxDirectory>> existingConfigurationDirectory(std::string_view domain);
     /// Its path, whether it is there or not; none without a home.
     [[nodiscard]] std::optional<std::string> configurationPath(std::string_view domain) const;
 
 private:
+    [[nodiscard]] std::optional<std::string> _configurationBase() const;
+
     // Constant after construction.
     const Environment _environment;
 };

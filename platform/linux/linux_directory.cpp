@@ -83,9 +83,12 @@ struct LinuxDirectory::Place {
     std::string name;
 };
 
-Result<std::shared_ptr<LinuxDirectory>> LinuxDirectory::open(int parent, std::string_view name, std::string path) {
+Result<std::shared_ptr<LinuxDirectory>> LinuxDirectory::open(int parent, std::string_view name, std::string path,
+                                                             WhenMissing whenMissing) {
     const auto failed = [&](int code) { return systemFailure(code, fmt::format("open the directory {}", path)); };
-    if (::mkdirat(parent, std::string(name).c_str(), directoryMode) != 0 && errno != EEXIST) return failed(errno);
+    if (whenMissing == WhenMissing::make && ::mkdirat(parent, std::string(name).c_str(), directoryMode) != 0 &&
+        errno != EEXIST)
+        return failed(errno);
     auto handle = openBeneath(parent, name, O_RDONLY | O_DIRECTORY);
     if (!handle) return failed(handle.error().code);
     struct stat status{};
@@ -199,7 +202,7 @@ Result<std::vector<std::string>> LinuxDirectory::list(std::string_view name) con
 Result<std::shared_ptr<Directory>> LinuxDirectory::directory(std::string_view name) {
     const auto place = _place(name);
     if (!place) return _failed(place.error().code, "open the directory", name);
-    auto opened = open(place->directory.get(), place->name, fmt::format("{}/{}", _path, name));
+    auto opened = open(place->directory.get(), place->name, fmt::format("{}/{}", _path, name), WhenMissing::make);
     if (!opened) return std::unexpected(opened.error());
     return std::shared_ptr<Directory>(std::move(*opened));
 }

@@ -10,11 +10,14 @@ namespace orvex::platform {
 /// once it has been removed: ask the file manager again.
 class LinuxDirectory final : public Directory {
 public:
+    enum class WhenMissing { make, fail };
+
     /// Takes an open directory. `path` is what logs call it.
     LinuxDirectory(FileDescriptor handle, std::string path) : _handle(std::move(handle)), _path(std::move(path)) {}
 
-    /// The directory `name` in `parent`, made when missing. It must be our own uid's; its mode is made 0700.
-    static Result<std::shared_ptr<LinuxDirectory>> open(int parent, std::string_view name, std::string path);
+    /// The directory `name` in `parent`. It must be our own uid's; its mode is made 0700.
+    static Result<std::shared_ptr<LinuxDirectory>> open(int parent, std::string_view name, std::string path,
+                                                        WhenMissing whenMissing);
 
     [[nodiscard]] std::string path() const override { return _path; }
     [[nodiscard]] Result<std::string> read(std::string_view name, std::size_t maxBytes) const override;

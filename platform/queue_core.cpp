@@ -78,6 +78,7 @@ void QueueCore::leave(QueueAccess access) {
     {
         const MutexLock lock(_mutex);
         _turns = access == QueueAccess::barrier ? 0 : _turns - 1;
+        if (_line.empty() && !_self) return;
         if (!_line.empty()) next = _passOn();
         if (_self && _turns == 0 && _line.empty()) last = std::move(_self);
     }

@@ -7,10 +7,6 @@
 namespace orvex::platform {
 namespace {
 
-bool acceptable(std::string_view name) {
-    return !name.empty() && name.size() <= Counters::maxNameBytes && !hasControlCharacter(name) && isValidUTF8(name);
-}
-
 std::int64_t saturatingSum(std::int64_t a, std::int64_t b) {
     std::int64_t sum = 0;
     if (!__builtin_add_overflow(a, b, &sum)) return sum;
@@ -18,6 +14,10 @@ std::int64_t saturatingSum(std::int64_t a, std::int64_t b) {
 }
 
 }  // namespace
+
+bool Counters::isAcceptableName(std::string_view name) {
+    return !name.empty() && name.size() <= maxNameBytes && !hasControlCharacter(name) && isValidUTF8(name);
+}
 
 void Counters::add(std::string_view name, std::int64_t value) {
     _change([&]() ORX_REQUIRES(_mutex) {
@@ -58,7 +58,7 @@ std::int64_t& Counters::_slot(std::string_view name) {
     if (const auto found = _values.find(name); found != _values.end()) return found->second;
     // One place is kept for "other", so that there are never more than `maxNames`.
     const bool room = _values.size() + (_values.contains(otherName) ? 0 : 1) < maxNames;
-    return _values[room && acceptable(name) ? std::string(name) : std::string(otherName)];
+    return _values[room && isAcceptableName(name) ? std::string(name) : std::string(otherName)];
 }
 
 }  // namespace orvex::platform

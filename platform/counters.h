@@ -22,6 +22,8 @@ public:
     static constexpr std::size_t maxNameBytes = 256;
     static constexpr std::string_view otherName = "other";
 
+    [[nodiscard]] static bool isAcceptableName(std::string_view name);
+
     void add(std::string_view name, std::int64_t value = 1);
     void set(std::string_view name, std::int64_t value);
     void clear(std::string_view name);

@@ -1,0 +1,99 @@
+#pragma once
+
+#include <cstddef>
+#include <initializer_list>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/file_manager.h"
+#include "platform/thread_annotations.h"
+
+namespace orvex::platform {
+
+enum class DirectoryFault {
+    writeFails,   ///< of `replace`: no byte is written, ENOSPC
+    writeTears,   ///< of `replace`: half of the bytes stay behind in a temporary file, as after a crash, EIO
+    syncFails,    ///< of `replace` and `rename`: the change is seen but not durable, EIO
+    renameFails,  ///< of `replace` and `rename`: nothing has changed, EIO
+};
+
+/// Which operations of a `FaultyDirectory` fail. A test that injects a fault also checks that `injected` counted it.
+///
+/// Threading: callable from any thread.
+class FaultPlan {
+public:
+    /// The `nth` operation from now on (1 is the next) that can fail like that does. Several may wait at a time.
+    void inject(DirectoryFault fault, std::size_t nth = 1);
+    [[nodiscard]] std::size_t injected() const;
+
+    /// The power is cut: each change whose sync failed is undone, unless a later sync of its directory made it durable.
+    void loseUnsynced();
+
+private:
+    friend class FaultyDirectory;
+    struct Waiting {
+        DirectoryFault fault;
+        std::size_t remaining;
+    };
+    struct Unsynced {
+        std::shared_ptr<Directory> directory;
+        std::string name;
+        std::optional<std::string> before;  ///< none: there was no file
+    };
+
+    /// Counts one operation that can fail in these ways.
+    std::optional<DirectoryFault> _next(std::initializer_list<DirectoryFault> possible);
+    void _keep(std::vector<Unsynced> changes);
+    void _synced(const Directory& directory);
+
+    mutable Mutex _mutex;
+    std::vector<Waiting> _waiting ORX_GUARDED_BY(_mutex);
+    std::size_t _injected ORX_GUARDED_BY(_mutex) = 0;
+    std::vector<Unsynced> _unsynced ORX_GUARDED_BY(_mutex);  ///< in the order of the changes
+};
+
+/// Any directory, with faults. Directories below it share its plan.
+class FaultyDirectory final : public Directory {
+public:
+    FaultyDirectory(std::shared_ptr<Directory> inner, std::shared_ptr<FaultPlan> plan)
+        : _inner(std::move(inner)),
+          _plan(std::move(plan)) {}
+
+    [[nodiscard]] std::string path() const override { return _inner->path(); }
+    [[nodiscard]] Result<std::string> read(std::string_view name, std::size_t maxBytes) const override;
+    [[nodiscard]] Result<void> replace(std::string_view name, std::string_view bytes) override;
+    [[nodiscard]] Result<void> remove(std::string_view name) override;
+    [[nodiscard]] Result<void> rename(std::string_view from, std::string_view to) override;
+    [[nodiscard]] Result<void> makeDirectory(std::string_view name) override;
+    [[nodiscard]] Result<FileAttributes> attributes(std::string_view name) const override;
+    [[nodiscard]] Result<std::vector<std::string>> list(std::string_view name) const override;
+    [[nodiscard]] Result<std::shared_ptr<Directory>> directory(std::string_view name) override;
+
+private:
+    [[nodiscard]] FaultPlan::Unsynced _asItIs(std::string_view name) const;
+
+    // Constant after construction.
+    const std::shared_ptr<Directory> _inner;
+    const std::shared_ptr<FaultPlan> _plan;
+};
+
+/// A file manager whose directories are faulty by one plan.
+class FaultyFileManager final : public FileManager {
+public:
+    explicit FaultyFileManager(FileManager& inner) : _inner(inner) {}
+
+    [[nodiscard]] FaultPlan& plan() { return *_plan; }
+    [[nodiscard]] Result<std::shared_ptr<Directory>> cachesDirectory() override;
+    [[nodiscard]] Result<std::shared_ptr<Directory>> stateDirectory() override;
+    [[nodiscard]] Result<std::shared_ptr<Directory>> configurationDirectory() override;
+
+private:
+    [[nodiscard]] Result<std::shared_ptr<Directory>> _wrap(Result<std::shared_ptr<Directory>> inner);
+
+    FileManager& _inner;
+    const std::shared_ptr<FaultPlan> _plan = std::make_shared<FaultPlan>();
+};
+
+}  // namespace orvex::platform

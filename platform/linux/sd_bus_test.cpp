@@ -34,11 +34,11 @@ protected:
     void serve(std::vector<BusMember> methods, BusCallHandler handler) {
         ASSERT_TRUE(service->exportObject(path, {{interface, std::move(methods), {}}}, std::move(handler)));
     }
-    std::future<Answer> start(SdBus& client, std::string member, std::string signature, BusArguments arguments,
+    std::future<Answer> start(SdBus& from, std::string member, std::string signature, BusArguments arguments,
                               std::string of = interface, std::chrono::nanoseconds timeout = 60s) {
         auto promise = std::make_shared<std::promise<Answer>>();
-        client.call(service->uniqueName(), path, std::move(of), std::move(member), std::move(signature),
-                    std::move(arguments), timeout, [promise](Answer answer) { promise->set_value(std::move(answer)); });
+        from.call(service->uniqueName(), path, std::move(of), std::move(member), std::move(signature),
+                  std::move(arguments), timeout, [promise](Answer answer) { promise->set_value(std::move(answer)); });
         return promise->get_future();
     }
     Answer call(std::string member, std::string signature, BusArguments arguments, std::string of = interface) {

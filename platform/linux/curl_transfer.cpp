@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <limits>
 
-// Each hop sets the handle up from nothing. That costs a few microseconds and leaves no option behind that the next
-// request did not ask for.
+// Each hop sets a handle up that is new or reset. That costs a few microseconds and leaves no option behind that the
+// next request did not ask for.
 
 namespace orvex::platform {
 namespace {
@@ -105,8 +105,10 @@ std::optional<CurlOutcome> CurlTransfer::next(CURLcode code) {
     if (isRedirect(status) &&
         curl_easy_header(_handle.get(), "Location", 0, CURLH_HEADER, -1, &location) == CURLHE_OK) {
         auto ended = _follow(location->value);
-        if (!ended) _rewriteMethod(status);
-        return ended ? std::move(ended) : _prepare();
+        if (ended) return ended;
+        _rewriteMethod(status);
+        curl_easy_reset(_handle.get());
+        return _prepare();
     }
     Body data = _body->empty() ? nullptr : std::move(_body);
     return CurlOutcome{.data = std::move(data), .response = _response(), .timing = _timing};
@@ -204,7 +206,6 @@ void CurlTransfer::_set(CURLoption option, Value value) {
 }
 
 CURLcode CurlTransfer::_setUp() {
-    curl_easy_reset(_handle.get());
     _setUpResult = CURLE_OK;
     _set(CURLOPT_URL, _url.absoluteString().c_str());
     _set(CURLOPT_PRIVATE, this);

@@ -12,7 +12,7 @@ namespace orvex::platform {
 std::uint32_t ownUserIdentifier();
 
 /// The path of the program that a process runs, without the " (deleted)" of one that was replaced while it runs. Fails
-/// with the system's error number when the process is gone or is not ours to ask. Result<std::string>
-/// executablePath(std::int32_t processIdentifier);
+/// with the system's error number when the process is gone or is not ours to ask.
+Result<std::string> executablePath(std::int32_t processIdentifier);
 
 }  // namespace orvex::platform

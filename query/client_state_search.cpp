@@ -2,6 +2,7 @@
 #include <boost/json/value.hpp>
 
 #include "core/client_name.h"
+#include "core/http_description.h"
 #include "core/json.h"
 #include "core/orx_bag.h"
 #include "daemon/assembly.h"
@@ -31,12 +32,6 @@ FieldMask fieldMaskFor(std::string_view userAgent) {
 }
 
 ORXError clientError(const platform::TransportError& error) { return {kORXURLErrorDomain, error.code, error.reason}; }
-
-std::string headerList(const platform::HTTPHeaders& headers) {
-    std::string text;
-    for (const auto& [name, value] : headers) text += (text.empty() ? "" : ", ") + name + ": " + value;
-    return text;
-}
 
 }  // namespace
 
@@ -74,8 +69,8 @@ void ClientState::search(ORXSearchRequest request, platform::MonotonicTime arriv
         return;
     }
     if (protocolLog().enabled(platform::LogLevel::standard)) {
-        protocolLog().log("request: {} header: {}", platform::privately(httpRequest->url),
-                          platform::privately(headerList(httpRequest->headers)));
+        protocolLog().log("request: {} header: {}", describedURL(httpRequest->url),
+                          describedHeaders(httpRequest->headers));
     }
     _dispatchSearch(std::move(request), *std::move(httpRequest), bound->userAgent, std::move(reply));
 }
@@ -126,9 +121,7 @@ void ClientState::_finishSearch(SearchOnItsWay search, platform::Body data,
     searchLog().log("Got network response for (id, query): ({}, {})", search.queryId,
                     platform::privately(search.queryString));
     if (protocolLog().enabled(platform::LogLevel::standard)) {
-        protocolLog().log("resp: {}", response
-                                          ? std::to_string(response->statusCode) + " " + headerList(response->headers)
-                                          : std::string("(null)"));
+        protocolLog().log("resp: {}", describedResponse(response));
     }
     if (!data || error) {
         const auto toClient = error ? std::optional(clientError(*error)) : std::nullopt;
@@ -137,7 +130,7 @@ void ClientState::_finishSearch(SearchOnItsWay search, platform::Body data,
         return;
     }
     if (!response || !response->isHTTP) {
-        searchLog().error("not http response? {}", response ? response->url : "(null)");
+        searchLog().error("not http response? {}", response ? describedURL(response->url) : "(null)");
         search.reply(search.queryId, std::nullopt, ORXError(ORXErrorCode::internal, "invalid response class"));
         return;
     }

@@ -1,0 +1,116 @@
+#pragma once
+
+#include <boost/json/serialize.hpp>
+#include <boost/json/value.hpp>
+#include <string>
+
+#include "daemon/assembly.h"
+#include "daemon/orvex_service.h"
+#include "daemon/start_up.h"
+#include "platform/background_activity_scheduler.h"
+#include "platform/counters.h"
+#include "platform/fakes/fake_bus.h"
+#include "platform/fakes/fake_device_information.h"
+#include "platform/fakes/fake_file_manager.h"
+#include "platform/fakes/fake_locale.h"
+#include "platform/fakes/fake_url_session.h"
+#include "platform/fakes/fake_user_defaults.h"
+#include "platform/fakes/manual_dispatcher.h"
+#include "platform/fakes/recording_log.h"
+#include "platform/notification_center.h"
+#include "platform/process_identity.h"
+#include "platform/transactions.h"
+
+namespace orvex {
+
+/// The whole daemon, its real components on a platform of fakes, as tests talk to it: over the bus, with the test as
+/// the server, in time that stands still until it is moved.
+class DaemonWorld {
+public:
+    using Outcome = std::shared_ptr<const platform::FakeBus::Outcome>;
+
+    /// A bag with a search endpoint, the kind of bag that most tests want.
+    static constexpr std::string_view plainBag =
+        R"({"version": "7", "search_url": "https://search.example/search", "warm_url": "https://search.example/warm"})";
+
+    DaemonWorld() {
+        defaults.store("download_resources", platform::PropertyArray{});  // not the first launch
+        serveBag(std::string(plainBag));
+    }
+
+    /// Starts the daemon; what is set before counts for its start.
+    void start() {
+        service = assemble(assembly);
+        if (!service->exportObject()) std::abort();
+        beginService(assembly);
+        time.runPending();
+    }
+
+    /// What the bag endpoint answers from now on; none: it does not answer. Queries are always held.
+    void serveBag(std::optional<std::string> body, std::int64_t status = 200) {
+        const auto script = [body = std::move(body),
+                             status](const platform::URLRequest& request) -> std::optional<platform::FakeAnswer> {
+            if (request.url.find("/bag") == std::string::npos || !body) return std::nullopt;
+            return platform::FakeAnswer{.statusCode = status, .headers = {}, .body = *body, .error = {}, .timing = {}};
+        };
+        sessions.setScript(script);
+        if (const auto session = sessions.session("com.kelvar.orvexd.bagSession")) session->setScript(script);
+    }
+    [[nodiscard]] std::size_t bagFetches() const {
+        const auto session = sessions.session("com.kelvar.orvexd.bagSession");
+        return session ? session->sent().size() : 0;
+    }
+
+    Outcome call(const std::string& client, std::string_view interface, std::string_view member,
+                 platform::BusArguments arguments) {
+        auto outcome = bus.call(client, std::string(interface), std::string(member), std::move(arguments));
+        time.runPending();
+        return outcome;
+    }
+    Outcome callDaemon(const std::string& client, std::string_view member, platform::BusArguments arguments = {}) {
+        return call(client, "com.kelvar.orvexd.Daemon", member, std::move(arguments));
+    }
+    Outcome configure(const std::string& client, platform::BusValue identifier = "com.kelvar.lumisk",
+                      platform::BusValue userAgent = "Lumisk/1") {
+        platform::BusDictionary configuration;
+        configuration.set("identifier", std::move(identifier)).set("user_agent", std::move(userAgent));
+        return callDaemon(client, "Configure", {std::move(configuration)});
+    }
+    Outcome search(const std::string& client, const std::string& text, platform::BusDictionary entries = {}) {
+        entries.set("query_string", text);
+        return callDaemon(client, "Request", {"search", std::move(entries)});
+    }
+    platform::FakeURLSession& server() { return *sessions.session("com.kelvar.orvexd.urlSession"); }
+    void answer(platform::FakeAnswer answer) {
+        server().answer(std::move(answer));
+        time.runPending();
+    }
+
+    platform::RecordingLog log;
+    platform::ManualDispatcher time;
+    platform::FakeUserDefaults defaults;
+    platform::FakeFileManager files;
+    platform::NotificationCenter notifications;
+    platform::FakeURLSessionFactory sessions{time};
+    platform::Counters counters;
+    std::shared_ptr<platform::Transactions> transactions = std::make_shared<platform::Transactions>(time);
+    platform::FakeLocale locale;
+    platform::FakeDeviceInformation device;
+    platform::DispatcherActivityScheduler activities{time, counters};
+    platform::FakeBus bus;
+    Assembly assembly{{.dispatcher = time,
+                       .userDefaults = defaults,
+                       .fileManager = files,
+                       .notificationCenter = notifications,
+                       .urlSessions = sessions,
+                       .counters = counters,
+                       .transactions = transactions,
+                       .locale = locale,
+                       .device = device,
+                       .activities = activities,
+                       .bus = bus,
+                       .certificateAuthorityFile = {}}};
+    std::shared_ptr<OrvexService> service;
+};
+
+}  // namespace orvex

@@ -1,0 +1,157 @@
+#include "daemon/orvex_service.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "daemon/call_limit.h"
+#include "daemon/client_connection.h"
+#include "daemon/daemon_world_test.h"
+
+namespace orvex {
+namespace {
+
+using namespace std::chrono_literals;
+using platform::BusDictionary;
+using platform::LogLevel;
+
+class OrvexServiceTest : public testing::Test {
+protected:
+    static constexpr std::string_view launchEvents = "com.kelvar.orvexd.LaunchEvents";
+    static constexpr std::string_view diagnostics = "com.kelvar.orvexd.Diagnostics";
+
+    BusDictionary status() {
+        return *world.call(":1.9", diagnostics, "Status", {})->arguments->at(0).as<BusDictionary>();
+    }
+
+    DaemonWorld world;
+};
+
+TEST_F(OrvexServiceTest, AConnectionIsAClientThatCallsTheClientInterface) {
+    world.start();
+    EXPECT_TRUE(world.call(":1.1", diagnostics, "Counters", {})->arguments);
+    EXPECT_TRUE(world.call(":1.1", launchEvents, "SessionEvents", {"x"})->arguments);
+    EXPECT_TRUE(world.service->getClientConnections().empty());
+    (void)world.callDaemon(":1.1", "ListSessions");
+    EXPECT_EQ(world.service->getClientConnections().size(), 1u);
+    EXPECT_EQ(world.counters.value("com.kelvar.orvexd.clientconnection"), 1);
+    world.bus.vanish(":1.1");
+    world.time.runPending();
+    EXPECT_TRUE(world.service->getClientConnections().empty());
+    EXPECT_TRUE(world.log.contains(LogLevel::standard, "Orvex_Session", "session not flushed on invalidation"));
+}
+
+TEST_F(OrvexServiceTest, AnotherUsersProgramIsDenied) {
+    world.start();
+    world.bus.setCredentials(":1.1", {.processIdentifier = 1, .userIdentifier = platform::ownUserIdentifier() + 1});
+    world.bus.setCredentials(":1.2", {.processIdentifier = 1, .userIdentifier = std::nullopt});
+    EXPECT_EQ(world.configure(":1.1")->errorName(), platform::bus_error::accessDenied);
+    EXPECT_EQ(world.call(":1.2", diagnostics, "Status", {})->errorName(), platform::bus_error::accessDenied);
+    EXPECT_EQ(world.counters.value("com.kelvar.orvexd.calls.denied"), 2);
+}
+
+TEST_F(OrvexServiceTest, SeveralConnectionsOfOneProcessAreReportedAndServed) {
+    world.start();
+    const std::int32_t pid = std::stoi(std::filesystem::read_symlink("/proc/self").string());
+    for (const auto* client : {":1.1", ":1.2"}) {
+        world.bus.setCredentials(client, {.processIdentifier = pid, .userIdentifier = platform::ownUserIdentifier()});
+        EXPECT_TRUE(world.configure(client)->arguments);
+    }
+    EXPECT_TRUE(world.log.contains(LogLevel::error, "Orvex_Connection",
+                                   "too many connections 2 from pid " + std::to_string(pid)));
+    EXPECT_TRUE(world.log.contains(LogLevel::standard, "Orvex_Connection",
+                                   "new connection from daemon_test (" + std::to_string(pid) + ")"));
+    world.bus.vanish(":1.2");
+    world.time.runPending();
+    EXPECT_EQ(world.counters.value("com.kelvar.orvexd.lumisk.xcpinvalidation"), 1);
+}
+
+TEST_F(OrvexServiceTest, OneCallTooManyIsRefusedAndTheNextGoodOneIsServed) {
+    world.start();
+    ASSERT_TRUE(world.configure(":1.1")->arguments);
+    std::vector<DaemonWorld::Outcome> held;
+    for (std::size_t i = 0; i < CallLimit::maxCallsInFlight; ++i) held.push_back(world.search(":1.1", "tree"));
+    EXPECT_EQ(world.call(":1.1", diagnostics, "Counters", {})->errorName(), platform::bus_error::limitsExceeded);
+    EXPECT_TRUE(world.call(":1.2", diagnostics, "Counters", {})->arguments);
+    world.answer({.headers = {}, .body = "[]", .error = {}, .timing = {}});
+    EXPECT_TRUE(world.call(":1.1", diagnostics, "Counters", {})->arguments);
+    EXPECT_EQ(world.service->callsInFlight(), CallLimit::maxCallsInFlight - 1);
+}
+
+TEST_F(OrvexServiceTest, CallsOfAClientThatLeftAreDroppedBeforeTheyAreSent) {
+    world.start();
+    ASSERT_TRUE(world.configure(":1.1")->arguments);
+    BusDictionary request;
+    request.set("query_string", "tree");
+    (void)world.bus.call(":1.1", "com.kelvar.orvexd.Daemon", "Request", {"search", request});
+    world.bus.vanish(":1.1");
+    world.time.runPending();
+    EXPECT_EQ(world.counters.value("com.kelvar.orvexd.calls.dropped.clientgone"), 1);
+    EXPECT_EQ(world.service->callsInFlight(), 0u);
+}
+
+TEST_F(OrvexServiceTest, TheStateOfAClientOutlivesItsConnections) {
+    world.start();
+    ASSERT_TRUE(world.configure(":1.1", "a", "A/1")->arguments);
+    world.bus.vanish(":1.1");
+    world.time.runPending();
+    EXPECT_EQ(world.callDaemon(":1.2", "ListSessions")->arguments->at(0).as<platform::BusArray>()->items.size(), 1u);
+}
+
+TEST_F(OrvexServiceTest, ALaunchEventWithoutAHandlerIsLogged) {
+    world.start();
+    EXPECT_TRUE(world.call(":1.1", launchEvents, "NotificationMatched", {"com.example.other"})->arguments);
+    EXPECT_TRUE(world.log.contains(LogLevel::info, "-", "launch event for com.example.other"));
+    EXPECT_TRUE(world.call(":1.1", launchEvents, "RunActivity", {"com.kelvar.orvexd.flusher.background"})->arguments);
+    EXPECT_TRUE(world.log.contains(LogLevel::debug, "-", "Flushing Orvex feedback."));
+    EXPECT_TRUE(world.call(":1.1", launchEvents, "RunActivity", {"com.kelvar.orvexd.dp.flush"})->arguments);
+    EXPECT_TRUE(world.log.contains(LogLevel::debug, "-", "Flushing custom feedback."));
+    EXPECT_EQ(world.call(":1.1", launchEvents, "RunActivity", {"x"})->errorName(), platform::bus_error::invalidArgs);
+}
+
+TEST_F(OrvexServiceTest, ADisabledFlushBailsOutEveryTime) {
+    world.defaults.store("ORXFeedbackFlushDisabled", true);
+    world.start();
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_TRUE(
+            world.call(":1.1", launchEvents, "RunActivity", {"com.kelvar.orvexd.flusher.background"})->arguments);
+    }
+    EXPECT_TRUE(world.log.contains(LogLevel::debug, "-", "Flusher bailing because periodic flush is disabled."));
+    EXPECT_FALSE(world.log.contains(LogLevel::debug, "-", "Flushing Orvex feedback."));
+}
+
+TEST_F(OrvexServiceTest, TheStatusTellsBagConnectionsAndTransactions) {
+    world.start();
+    ASSERT_TRUE(world.configure(":1.1")->arguments);
+    const auto told = status();
+    EXPECT_EQ(*told.find("bag_version")->as<std::string>(), "7");
+    EXPECT_EQ(*told.find("connections")->as<std::uint32_t>(), 1u);
+    EXPECT_EQ(*told.find("bag_expires")->as<double>(), platform::secondsSince1970(world.time.wallNow() + 4h));
+    EXPECT_EQ(told.find("transactions")->as<platform::BusArray>()->items.size(), 1u);
+    EXPECT_EQ(*told.find("query_cache_cost")->as<std::uint64_t>(), 0u);
+}
+
+TEST_F(OrvexServiceTest, WhatNoComponentAnswersIsAnsweredSo) {
+    world.start();
+    EXPECT_EQ(world.call(":1.1", diagnostics, "Transfers", {})->errorName(), platform::bus_error::noReply);
+    EXPECT_EQ(world.call(":1.1", diagnostics, "Erase", {"all"})->errorName(), platform::bus_error::noReply);
+    EXPECT_EQ(world.call(":1.1", diagnostics, "Erase", {"x"})->errorName(), platform::bus_error::invalidArgs);
+}
+
+TEST_F(OrvexServiceTest, LeavingWaitsForTheAnswersThatAreOwed) {
+    world.start();
+    world.bus.addService("org.freedesktop.DBus", [](platform::BusCall call) { call.reply.answer({"id"}); });
+    ASSERT_TRUE(world.configure(":1.1")->arguments);
+    ASSERT_TRUE(world.bus.requestName("com.kelvar.orvexd"));
+    const auto outcome = world.search(":1.1", "tree");
+    bool gone = false;
+    world.service->leave([&] { gone = true; });
+    EXPECT_FALSE(world.bus.owns("com.kelvar.orvexd"));
+    EXPECT_FALSE(gone);
+    world.answer({.headers = {}, .body = "[]", .error = {}, .timing = {}});
+    EXPECT_TRUE(outcome->arguments);
+    EXPECT_TRUE(gone);
+}
+
+}  // namespace
+}  // namespace orvex

@@ -1,0 +1,175 @@
+#include "core/orx_request.h"
+#include "network/network_fixture_test.h"
+
+namespace orvex {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+using testing::Pair;
+
+class FactoryTest : public NetworkFixture {
+protected:
+    ORXNetworkRequestFactory& factory() {
+        if (!assembly.requestFactory()) makeFactory();
+        return *assembly.requestFactory();
+    }
+    std::shared_ptr<OrvexBagController> controller() {
+        factory();
+        return OrvexBagController::create(assembly);
+    }
+    static std::shared_ptr<ORXBag> bag(std::string_view json = R"({"search_url": "https://a.example/s"})") {
+        return std::make_shared<ORXBag>(
+            std::make_shared<const boost::json::object>(parseJSON(json, kBagJSONDepth).value().as_object()),
+            "lumisk/1");
+    }
+    static ORXSearchRequest query(std::string text, std::uint32_t triggerEvent = 9) {
+        ORXSearchRequest request;
+        request.queryString = std::move(text);
+        request.triggerEvent = triggerEvent;
+        return request;
+    }
+    std::string urlOf(const ORXSearchRequest& request) {
+        return factory().searchRequest(request, *bag(), "GUID").value().url;
+    }
+};
+
+TEST_F(FactoryTest, ASearchTellsQueryContextAndClient) {
+    auto request = query("weather in K\xc3\xb6ln", 21);
+    request.scale = 2;
+    request.keyboardInputMode = "de";
+    request.l2Version = "7";
+    request.queryItems = {{"x", "1"}};
+    const auto built = factory().searchRequest(request, *bag(), "GUID").value();
+    EXPECT_EQ(built.url,
+              "https://a.example/s?24h=1&alwaysSendTophit=off&calendar=gregorian&card=1&cc=DE&esl=de-DE&kb_ime=de&"
+              "key=tabbycat5208&l2=7&locale=de_DE&q=weather%20in%20K%C3%B6ln&suggest_queries=withtop&temp=C&"
+              "time_zone=Europe%2FBerlin&units=SI&x=1");
+    EXPECT_THAT(built.headers,
+                ElementsAre(Pair("X-Kelvar-Languages", R"(["de-DE","en-GB"])"), Pair("X-Kelvar-UserGuid", "GUID"),
+                            Pair("User-Agent", "lumisk/1"), Pair("X-Kelvar-UI-Scale", "2.0")));
+    EXPECT_EQ(built.timeout, std::chrono::seconds(10));
+    EXPECT_EQ(built.method, "GET");
+}
+
+TEST_F(FactoryTest, AnEmptyContextAndQuerySendLittle) {
+    locale.set({});
+    const auto built = factory().searchRequest(query(""), *bag(), "GUID").value();
+    EXPECT_EQ(built.url, "https://a.example/s?alwaysSendTophit=off&card=1&key=tabbycat5208&locale=&q=&units=SI");
+    EXPECT_EQ(platform::headerValue(built.headers, "X-Kelvar-UI-Scale"), std::nullopt);
+}
+
+TEST_F(FactoryTest, TheTriggerEventChoosesTheKindOfQuery) {
+    const std::map<std::uint32_t, std::string> kinds = {{22, "&qtype=explicit"},
+                                                        {23, "&qtype=explicit"},
+                                                        {8, "&qtype=suggested"},
+                                                        {10, "&qtype=suggested"},
+                                                        {24, "&qtype=suggest_with_results"},
+                                                        {21, "&suggest_queries=withtop"}};
+    for (const auto& [event, item] : kinds) EXPECT_THAT(urlOf(query("a", event)), HasSubstr(item)) << event;
+    EXPECT_THAT(urlOf(query("a", 21)), Not(HasSubstr("qtype")));
+    EXPECT_THAT(urlOf(query("a", 9)), Not(testing::AnyOf(HasSubstr("qtype"), HasSubstr("suggest_queries"))));
+}
+
+TEST_F(FactoryTest, TheClientsItemsWinOverOursAndDebugItemsOverTheirs) {
+    userDefaults.store("ORXDebugParameters", "a=1&q=debug");
+    auto request = query("typed");
+    request.queryItems = {{"locale", "xx"}, {"a", "client"}, {"key", "mine"}, {"", "&"}};
+    const auto url = urlOf(request);
+    EXPECT_THAT(url, HasSubstr("locale=xx"));
+    EXPECT_THAT(url, HasSubstr("a=1&"));
+    EXPECT_THAT(url, HasSubstr("key=mine"));
+    EXPECT_THAT(url, HasSubstr("q=debug"));
+    EXPECT_THAT(url, HasSubstr("?=%26&"));
+}
+
+TEST_F(FactoryTest, WithoutAnEndpointThereIsNoRequest) {
+    EXPECT_FALSE(factory().searchRequest(query("a"), *bag("{}"), "GUID"));
+    EXPECT_FALSE(factory().warmRequest("http://a.example/warm"));
+}
+
+TEST_F(FactoryTest, TheBagsTimeoutHoldsForQueriesWhateverItSays) {
+    const auto timeoutOf = [&](std::string_view seconds) {
+        const auto json =
+            R"({"search_url": "https://a.example/s", "timeout_interval_for_request": )" + std::string(seconds) + "}";
+        return factory().searchRequest(query("a"), *bag(json), "GUID").value().timeout;
+    };
+    EXPECT_EQ(timeoutOf("0.5"), std::chrono::milliseconds(500));
+    EXPECT_EQ(timeoutOf("0"), std::nullopt);
+    EXPECT_GT(timeoutOf("1e300"), std::chrono::hours(24));
+}
+
+TEST_F(FactoryTest, AWarmUpCarriesNothing) {
+    const auto request = factory().warmRequest("https://a.example/warm").value();
+    EXPECT_EQ(request.url, "https://a.example/warm");
+    EXPECT_TRUE(request.headers.empty());
+    EXPECT_EQ(request.cachePolicy, platform::CachePolicy::reloadIgnoringLocalCache);
+}
+
+TEST_F(FactoryTest, TheBagIsFetchedWithKeyAndAgentButToldApartWithoutThem) {
+    userDefaults.store("ORXUseCindora", true);
+    const auto bags = controller();
+    const auto fetch = factory().bagFetchRequest(*bags, "agent/1", "12").value();
+    EXPECT_THAT(fetch.url,
+                testing::EndsWith("/bag?cc=DE&cindora=1&esl=de-DE&key=tabbycat5208&locale=de_DE&version=12"));
+    EXPECT_THAT(fetch.headers,
+                ElementsAre(Pair("X-Kelvar-Languages", R"(["de-DE","en-GB"])"), Pair("User-Agent", "agent/1")));
+    EXPECT_EQ(fetch.cachePolicy, platform::CachePolicy::reloadIgnoringLocalCache);
+
+    const auto cache = factory().bagCacheRequest(*bags, "agent/1", std::nullopt).value();
+    EXPECT_THAT(cache.url, testing::EndsWith("/bag?agent=agent%2F1&cc=DE&cindora=1&esl=de-DE&locale=de_DE"));
+    EXPECT_TRUE(cache.headers.empty());
+}
+
+TEST_F(FactoryTest, ALocaleChangeIsInTheNextRequestAndAsksForABagAfterwards) {
+    auto& requests = factory();
+    struct Observer {
+        int heard = 0;
+    };
+    const auto observer = std::make_shared<Observer>();
+    std::string localeThen;
+    notifications.observe<ORXBagRefreshRequiredNotification>(observer, [&](Observer& self, const auto&) {
+        ++self.heard;
+        localeThen = urlOf(query("a"));
+    });
+    const auto generation = requests.contextGeneration();
+    auto settings = locale.current();
+    settings.identifier = "fr_FR";
+    locale.set(settings);
+    EXPECT_EQ(observer->heard, 0);
+    time.runPending();
+    EXPECT_EQ(observer->heard, 1);
+    EXPECT_THAT(localeThen, HasSubstr("locale=fr_FR"));
+    EXPECT_GT(requests.contextGeneration(), generation);
+
+    settings.timeZoneName = "Europe/Paris";
+    locale.set(settings);
+    time.runPending();
+    EXPECT_EQ(observer->heard, 1);
+    EXPECT_THAT(urlOf(query("a")), HasSubstr("time_zone=Europe%2FParis"));
+}
+
+TEST_F(FactoryTest, AnAgentWithALineEndNeverReachesTheWire) {
+    const auto bags = controller();
+    const auto request = factory().bagFetchRequest(*bags, "agent\r\nX-Evil: 1", std::nullopt).value();
+    EXPECT_EQ(platform::headerValue(request.headers, "User-Agent"), std::nullopt);
+    EXPECT_EQ(counters.value("com.kelvar.orvexd.request.refusedheaders"), 1);
+}
+
+TEST_F(FactoryTest, TheDaemonsAgentTellsTheDevice) {
+    EXPECT_THAT(ORXNetworkRequestFactory::createUserAgentString(device, "Lumisk/1"),
+                testing::MatchesRegex("orvexd/[0-9.]+ \\(Machine1,1; Test System 1.0 1A1\\) Lumisk/1"));
+    EXPECT_THAT(ORXNetworkRequestFactory::createUserAgentString(device, ""),
+                testing::MatchesRegex("(orvexd/[0-9.]+) \\(Machine1,1; Test System 1.0 1A1\\) orvexd/[0-9.]+"));
+}
+
+TEST_F(FactoryTest, EveryEntryOfTheVocabularyExplainsItself) {
+    for (const auto& entry : requestVocabulary()) {
+        EXPECT_FALSE(entry.source.empty() || entry.purpose.empty()) << entry.name;
+        EXPECT_NE(entry.value == nullptr, entry.add == nullptr) << entry.name;
+    }
+}
+
+}  // namespace
+}  // namespace orvex

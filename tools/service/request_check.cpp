@@ -7,7 +7,6 @@
 #include <cctype>
 #include <initializer_list>
 #include <utility>
-#include <vector>
 
 #include "platform/text.h"
 #include "platform/url.h"
@@ -94,20 +93,20 @@ Finding hasItemsOfItsKind(Endpoint endpoint, const ServerRequest& request) {
 }
 
 Finding hasGoodValues(const ServerRequest& request) {
-    const std::pair<std::string_view, Names> choices[] = {
-        {"key", {apiKey}},
-        {"card", {"1"}},
-        {"cindora", {"0", "1"}},
-        {"alwaysSendTophit", {"on", "off"}},
-        {"24h", {"1"}},
-        {"rm", {"1", "2", "3"}},
-        {"mode", {"managed"}},
-        {"ltype", {"hint", "explicit", "default"}},
-        {"units", {"SI", "US", "UK"}},
-        {"du_enabled", {"1"}},
+    Finding findings[] = {
+        isOneOf(request, "key", {apiKey}),
+        isOneOf(request, "card", {"1"}),
+        isOneOf(request, "cindora", {"0", "1"}),
+        isOneOf(request, "alwaysSendTophit", {"on", "off"}),
+        isOneOf(request, "24h", {"1"}),
+        isOneOf(request, "rm", {"1", "2", "3"}),
+        isOneOf(request, "mode", {"managed"}),
+        isOneOf(request, "ltype", {"hint", "explicit", "default"}),
+        isOneOf(request, "units", {"SI", "US", "UK"}),
+        isOneOf(request, "du_enabled", {"1"}),
     };
-    for (const auto& [name, values] : choices)
-        if (auto wrong = isOneOf(request, name, values)) return wrong;
+    for (Finding& finding : findings)
+        if (finding) return std::move(finding);
     return {};
 }
 

@@ -38,23 +38,15 @@ const json::array* listMember(const json::object& object, std::string_view name)
     return member != nullptr ? member->if_array() : nullptr;
 }
 
-void addSuggestions(std::string& page, const json::object& resultSet) {
-    const auto* suggestions = listMember(resultSet, "suggestions");
-    if (suggestions == nullptr) return;
-    for (const auto& element : *suggestions) {
-        const auto* suggestion = element.if_object();
-        if (suggestion == nullptr) continue;
-        page += fmt::format("  {}\n", shownMember(*suggestion, "suggestion"));
-    }
-}
-
 void addCards(std::string& page, const json::object& resultSet) {
-    const auto* cards = listMember(resultSet, "cards");
+    const auto* cards = listMember(resultSet, "results");
     if (cards == nullptr) return;
     for (const auto& element : *cards) {
         const auto* card = element.if_object();
         if (card == nullptr) continue;
-        page += fmt::format("\n  {}\n    {}\n    {}\n", shownMember(*card, "title"), shownMember(*card, "text"),
+        const std::string subtitle = shownMember(*card, "subtitle");
+        page += fmt::format("\n  {}{}\n    {}\n    {}\n", shownMember(*card, "title"),
+                            subtitle.empty() ? "" : " (" + subtitle + ")", shownMember(*card, "text"),
                             shownMember(*card, "url"));
     }
 }
@@ -106,7 +98,8 @@ std::string replyPage(const json::object& reply, double milliseconds) {
     const auto* resultSets = data != nullptr ? data->if_array() : nullptr;
     if (resultSets != nullptr) {
         for (const auto& element : *resultSets) {
-            if (const auto* resultSet = element.if_object()) addSuggestions(page, *resultSet);
+            const auto* resultSet = element.if_object();
+            if (resultSet != nullptr) page += "  " + shownMember(*resultSet, "suggestion") + "\n";
         }
         for (const auto& element : *resultSets) {
             if (const auto* resultSet = element.if_object()) addCards(page, *resultSet);

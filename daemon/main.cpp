@@ -1,0 +1,150 @@
+#include <systemd/sd-daemon.h>
+
+#include <charconv>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <optional>
+
+#include "core/constants.h"
+#include "daemon/assembly.h"
+#include "daemon/command_line.h"
+#include "daemon/idle_exit.h"
+#include "daemon/orvex_service.h"
+#include "daemon/start_up.h"
+#include "platform/background_activity_scheduler.h"
+#include "platform/counters.h"
+#include "platform/linux/counter_file.h"
+#include "platform/linux/curl_session.h"
+#include "platform/linux/device_information.h"
+#include "platform/linux/file_manager.h"
+#include "platform/linux/file_watcher.h"
+#include "platform/linux/icu_locale.h"
+#include "platform/linux/log_sinks.h"
+#include "platform/linux/process.h"
+#include "platform/linux/sd_bus.h"
+#include "platform/linux/thread_dispatcher.h"
+#include "platform/linux/user_defaults.h"
+#include "platform/notification_center.h"
+#include "platform/transactions.h"
+
+// The one place that knows which platform this is. It makes the services, hands them to the assembly, and leaves
+// through `exitNow`: nothing is torn down, since every component keeps on disk what must last as it changes.
+
+namespace {
+
+using namespace orvex;
+
+constexpr int stopped = 0;
+constexpr int wrongUsage = 2;
+constexpr int notAlone = 3;  // or no bus
+
+/// Ends a start that cannot go on.
+[[noreturn]] void giveUp(int status, const std::string& why) {
+    std::fprintf(stderr, "orvexd: %s\n", why.c_str());
+    platform::exitNow(status);
+}
+
+CommandLine readCommandLine(int argc, char** argv) {
+    auto commandLine = parseCommandLine(argc, argv);
+    if (commandLine) return *std::move(commandLine);
+    std::fputs(commandLine.error().text.c_str(), commandLine.error().status == 0 ? stdout : stderr);
+    std::fflush(stdout);
+    platform::exitNow(commandLine.error().status);
+}
+
+void startLog(const CommandLine& commandLine) {
+    auto sink = platform::makeLogSink(commandLine.logFormat);
+    if (!sink) giveUp(wrongUsage, sink.error().text);
+    platform::installLogSink(*std::move(sink), commandLine.logLevel);
+}
+
+/// The lock of the state directory. Without a state directory there is nothing to share, and the bus name alone
+/// decides.
+std::optional<platform::LockFile> lockState(platform::FileManager& files) {
+    auto state = files.stateDirectory();
+    if (!state) {
+        platform::defaultLogger().error("no state directory, nothing will be kept: {}", state.error().text);
+        return std::nullopt;
+    }
+    auto lock = platform::LockFile::take(std::filesystem::path((*state)->path()) / "lock");
+    if (!lock && lock.error().code == EWOULDBLOCK) giveUp(notAlone, "another orvexd is running");
+    if (!lock) platform::defaultLogger().error("cannot lock the state directory: {}", lock.error().text);
+    return lock ? std::optional(*std::move(lock)) : std::nullopt;
+}
+
+double desktopScale() {
+    const char* text = std::getenv("GDK_SCALE");
+    double scale = 0;
+    if (text != nullptr) std::from_chars(text, text + std::char_traits<char>::length(text), scale);
+    return scale > 0 && scale <= 16 ? scale : 1.0;
+}
+
+std::unique_ptr<platform::SdBus> connectToBus(const std::string& address) {
+    auto bus = platform::SdBus::create({.address = address});
+    if (!bus) giveUp(notAlone, "no bus: " + bus.error().text);
+    return *std::move(bus);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    platform::prepareProcess();
+    const CommandLine commandLine = readCommandLine(argc, argv);
+    startLog(commandLine);
+
+    platform::LinuxFileManager files(platform::LinuxFileManager::Environment::ofProcess());
+    const auto lock = lockState(files);
+    platform::ThreadDispatcher dispatcher;
+    platform::FileWatcher watcher;
+    platform::LinuxUserDefaults userDefaults(files, watcher);
+    userDefaults.registerDefaults({{"ORXScreenScale", desktopScale()}});
+    for (const auto& [key, value] : commandLine.defaults) userDefaults.overrideForThisRun(key, value);
+    platform::Counters counters;
+    const auto counterFile = platform::CounterFile::create(dispatcher, files, counters);
+    platform::NotificationCenter notificationCenter;
+    platform::CurlSessionFactory urlSessions;
+    const auto transactions = std::make_shared<platform::Transactions>(dispatcher);
+    platform::IcuLocale locale;
+    platform::LinuxDeviceInformation device;
+    platform::DispatcherActivityScheduler activities(dispatcher, counters);
+    const auto bus = connectToBus(commandLine.busAddress);
+
+    Assembly assembly({.dispatcher = dispatcher,
+                       .userDefaults = userDefaults,
+                       .fileManager = files,
+                       .notificationCenter = notificationCenter,
+                       .urlSessions = urlSessions,
+                       .counters = counters,
+                       .transactions = transactions,
+                       .locale = locale,
+                       .device = device,
+                       .activities = activities,
+                       .bus = *bus,
+                       .certificateAuthorityFile = commandLine.certificateAuthorityFile});
+    const auto service = assemble(assembly);
+    if (const auto exported = service->exportObject(); !exported) giveUp(notAlone, exported.error().text);
+    dispatcher.start();
+    if (const auto named = bus->requestName(std::string(kORXBusName)); !named) giveUp(notAlone, named.error().text);
+    beginService(assembly);
+
+    bus->setDisconnectHandler([&] { dispatcher.stopMain(stopped); });
+    const auto signals = platform::SignalSource::create(dispatcher, [&](int signal) {
+        platform::defaultLogger().debug("{}", signal == SIGINT ? "SIGINT" : "SIGTERM");
+        dispatcher.stopMain(stopped);
+    });
+    if (!signals) giveUp(1, signals.error().text);
+    std::optional<IdleExit> idleExit;
+    if (commandLine.idleExit.count() > 0) {
+        idleExit.emplace(
+            assembly, commandLine.idleExit, [&] { return service->callsInFlight(); },
+            [&] {
+                sd_notify(0, "STOPPING=1");
+                service->leave([&] { dispatcher.stopMain(stopped); });
+            });
+    }
+    const int status = dispatcher.runMain();
+    counterFile->close();
+    bus->flush(std::chrono::seconds(1));
+    platform::exitNow(status);
+}

@@ -10,7 +10,7 @@
 #include "daemon/assembly.h"
 #include "network/orvex_bag_controller.h"
 #include "network/orx_network_request_factory.h"
-#include "platform/background_activity.h"
+#include "platform/background_activity_scheduler.h"
 #include "platform/counters.h"
 #include "platform/fakes/fake_bus.h"
 #include "platform/fakes/fake_device_information.h"
@@ -28,11 +28,6 @@ namespace orvex {
 /// The assembly of fakes that the components of this folder are tested in. A German device in Berlin.
 class NetworkFixture : public testing::Test {
 protected:
-    struct NoActivities final : platform::BackgroundActivityScheduler {
-        void checkIn(std::string, Handler) override {}
-        void run(std::string_view, std::move_only_function<void(platform::Result<void>)>) override {}
-    };
-
     void makeFactory() { assembly.setRequestFactory(ORXNetworkRequestFactory::create(assembly)); }
 
     platform::ManualDispatcher time;
@@ -44,7 +39,7 @@ protected:
     std::shared_ptr<platform::Transactions> transactions = std::make_shared<platform::Transactions>(time);
     platform::FakeLocale locale;
     platform::FakeDeviceInformation device;
-    NoActivities activities;
+    platform::DispatcherActivityScheduler activities{time, counters};
     platform::FakeBus bus;
     platform::RecordingLog log;
     Assembly assembly{{.dispatcher = time,

@@ -5,7 +5,7 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   # g++ 12 reports these of libstdc++'s own code once it is inlined.
   add_compile_options(-Wno-maybe-uninitialized -Wno-restrict)
 else()
-  add_compile_options(-Wshadow -Wno-missing-field-initializers -Wno-missing-designated-field-initializers)
+  add_compile_options(-Wno-missing-field-initializers -Wno-missing-designated-field-initializers)
   add_compile_options(-Wthread-safety -Werror=thread-safety)
 endif()
 if(ORVEX_SANITIZE)

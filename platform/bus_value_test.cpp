@@ -88,7 +88,7 @@ TEST_F(BusReplyTest, WhoeverHoldsItLastAnswersAndADroppedOneSaysSo) {
     {
         auto mine = reply();
         auto theirs = std::move(mine);
-        EXPECT_FALSE(mine.pending());
+        EXPECT_FALSE(mine.pending());  // NOLINT(bugprone-use-after-move): that is the question
         mine = reply();
         theirs = std::move(mine);  // what it held is given up
         EXPECT_EQ(answers.size(), 2u);

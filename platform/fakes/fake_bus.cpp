@@ -96,7 +96,7 @@ std::shared_ptr<FakeBus::Object> FakeBus::_objectWith(const std::string& path, c
 }
 
 std::shared_ptr<const FakeBus::Outcome> FakeBus::call(std::string sender, std::string interface, std::string member,
-                                                      BusArguments arguments, std::string path) {
+                                                      BusArguments arguments, const std::string& path) {
     if (_vanished.contains(sender)) police("the client " + sender + " calls, though it has vanished");
     auto outcome = std::make_shared<Outcome>();
     const auto object = _objectWith(path, interface);

@@ -46,7 +46,7 @@ public:
 
     /// Calls an exported object as the client `sender` would; an empty `path` means the only object with `interface`.
     std::shared_ptr<const Outcome> call(std::string sender, std::string interface, std::string member,
-                                        BusArguments arguments, std::string path = {});
+                                        BusArguments arguments, const std::string& path = {});
     void setCredentials(std::string sender, Credentials credentials);
     void vanish(const std::string& client);
     /// The signals that `client` got since the last time, in order; "" for those to whoever listens.

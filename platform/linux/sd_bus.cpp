@@ -51,7 +51,7 @@ struct SdBus::Subscription {
     SdHandle<sd_bus_slot> slot;
 };
 
-Result<std::unique_ptr<SdBus>> SdBus::create(Options options) {
+Result<std::unique_ptr<SdBus>> SdBus::create(const Options& options) {
     auto thread = EventThread::create("bus");
     if (!thread) return std::unexpected(thread.error());
 

@@ -37,7 +37,7 @@ public:
     };
 
     /// Connects, and waits until the bus has taken us in.
-    [[nodiscard]] static Result<std::unique_ptr<SdBus>> create(Options options);
+    [[nodiscard]] static Result<std::unique_ptr<SdBus>> create(const Options& options);
     ~SdBus() override;
     SdBus(const SdBus&) = delete;
     SdBus& operator=(const SdBus&) = delete;

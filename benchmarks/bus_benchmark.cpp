@@ -32,7 +32,7 @@ constexpr int rounds = 5000;
 /// Answers `Inline` on the bus thread and `Handed` on another one, as a connection's queue would.
 [[noreturn]] void serve(const std::string& address) {
     auto bus = SdBus::create({.address = address});
-    if (!bus) std::exit(1);
+    if (!bus) std::_Exit(1);
     const auto body = BusBytes::of(std::string(4096, 'x'));
     const auto answer = [body](BusCall& call) {
         call.reply.answer({*call.arguments[1].as<BusDictionary>()->find("query_id")->as<std::uint64_t>(),
@@ -64,7 +64,7 @@ constexpr int rounds = 5000;
             }
             came.release();
         });
-    if (!exported || !(*bus)->requestName(name)) std::exit(1);
+    if (!exported || !(*bus)->requestName(name)) std::_Exit(1);
     for (;;) ::pause();
 }
 
@@ -81,7 +81,7 @@ double timeCall(sd_bus* bus, const char* member) {
     sd_bus_message_unref(answer);
     if (r < 0) {
         fmt::print(stderr, "{} failed: {}\n", member, r);
-        std::exit(1);
+        std::_Exit(1);
     }
     return took.count();
 }

@@ -57,7 +57,7 @@ public:
     virtual ~Setting() = default;
     virtual Bus& service() = 0;
     virtual std::string addClient() = 0;  ///< its unique name
-    virtual Answer call(const std::string& client, std::string at, std::string member, std::string signature,
+    virtual Answer call(const std::string& client, const std::string& at, std::string member, std::string signature,
                         BusArguments arguments) = 0;
     virtual std::string nextSignal(const std::string& client) = 0;  ///< the member's name
     virtual bool hasSignal(const std::string& client) = 0;
@@ -73,10 +73,10 @@ class FakeSetting final : public Setting {
 public:
     Bus& service() override { return _bus; }
     std::string addClient() override { return ":1." + std::to_string(++_clients); }
-    Answer call(const std::string& client, std::string at, std::string member, std::string signature,
+    Answer call(const std::string& client, const std::string& at, std::string member, std::string signature,
                 BusArguments arguments) override {
         EXPECT_TRUE(fits(signature, arguments));
-        const auto outcome = _bus.call(client, interface, std::move(member), std::move(arguments), std::move(at));
+        const auto outcome = _bus.call(client, interface, std::move(member), std::move(arguments), at);
         if (outcome->error) return std::unexpected(*outcome->error);
         return outcome->arguments.value();
     }
@@ -121,9 +121,9 @@ public:
         EXPECT_TRUE(_ping(*client.bus));  // behind it the subscriptions are in force
         return unique;
     }
-    Answer call(const std::string& client, std::string at, std::string member, std::string signature,
+    Answer call(const std::string& client, const std::string& at, std::string member, std::string signature,
                 BusArguments arguments) override {
-        return _call(*_clients.at(client).bus, _service->uniqueName(), std::move(at), interface, std::move(member),
+        return _call(*_clients.at(client).bus, _service->uniqueName(), at, interface, std::move(member),
                      std::move(signature), std::move(arguments));
     }
     std::string nextSignal(const std::string& client) override { return _clients.at(client).signals->take(); }

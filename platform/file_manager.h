@@ -87,6 +87,10 @@ public:
     [[nodiscard]] virtual Result<std::shared_ptr<Directory>> configurationDirectory() = 0;
 };
 
+/// The operating system's directories, all of them below `home` whatever the environment says. Defined in
+/// platform/linux.
+[[nodiscard]] std::unique_ptr<FileManager> fileManagerBelow(std::string home);
+
 /// Whether `name` is one that a `Directory` takes: relative, no empty part, no `.` or `..`, no zero byte, parts of at
 /// most 255 bytes.
 [[nodiscard]] bool isAcceptablePath(std::string_view name);

@@ -16,6 +16,13 @@ namespace orvex::platform {
 /// Full lower-casing (ICU), for any language alike. Malformed bytes stay as they are. Less than 2 GiB.
 [[nodiscard]] std::string lowercased(std::string_view utf8);
 
+/// Without the marks that are diacritics (accents, vowel points, tone marks), wherever they stand in the text; marks
+/// that spell, such as Thai and Indic vowels, stay. The rest comes back canonically composed. Less than 1 GiB.
+[[nodiscard]] std::string withoutDiacritics(std::string_view utf8);
+
+/// Unicode's compatibility decomposition (NFKD, UAX #15); malformed bytes become U+FFFD. Less than 1 GiB.
+[[nodiscard]] std::string compatibilityDecomposed(std::string_view utf8);
+
 /// Runs of ASCII digits compare as integers of any length, the rest by UTF-16 code unit. <0, 0 or >0.
 [[nodiscard]] int compareNumerically(std::string_view a, std::string_view b);
 

@@ -115,5 +115,21 @@ TEST(Text, EscapedTextIsCutBetweenCharacters) {
     EXPECT_EQ(escaped("", 0), "");
 }
 
+TEST(Text, MarksThatAreDiacriticsGoAndMarksThatSpellStay) {
+    EXPECT_EQ(withoutDiacritics("Crème brûlée, n\u0303andu\u0301"), "Creme brulee, nandu");
+    EXPECT_EQ(withoutDiacritics("Việt"), "Viet");
+    EXPECT_EQ(withoutDiacritics("กินข้าวมั่ว"), "กินขาวมัว");  // tone marks go, vowels stay
+    EXPECT_EQ(withoutDiacritics("हिन्दी"), "हिनदी");      // the virama goes, vowels stay
+    EXPECT_EQ(withoutDiacritics("한글^`"), "한글^`");
+    EXPECT_EQ(withoutDiacritics("a\xFF"), "a\uFFFD");
+    EXPECT_EQ(withoutDiacritics(std::string_view("é\0é", 5)), std::string_view("e\0e", 3));
+}
+
+TEST(Text, CompatibilityFormsAreTakenApart) {
+    EXPECT_EQ(compatibilityDecomposed("ﬁ①Ａ²"), "fi1A2");
+    EXPECT_EQ(compatibilityDecomposed("é"), "e\u0301");
+    EXPECT_EQ(compatibilityDecomposed("plain"), "plain");
+}
+
 }  // namespace
 }  // namespace orvex::platform

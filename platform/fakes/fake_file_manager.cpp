@@ -156,11 +156,16 @@ private:
 
 FakeFileManager::FakeFileManager() : _tree(std::make_shared<Tree>()) {}
 
-Result<std::shared_ptr<Directory>> FakeFileManager::cachesDirectory() { return _top("/caches/com.kelvar.orvexd"); }
+Result<std::shared_ptr<Directory>> FakeFileManager::cachesDirectory() {
+    FileManager* other = _caches;
+    return other != nullptr ? other->cachesDirectory() : _top("/caches/com.kelvar.orvexd");
+}
 Result<std::shared_ptr<Directory>> FakeFileManager::stateDirectory() { return _top("/state/com.kelvar.orvexd"); }
 Result<std::shared_ptr<Directory>> FakeFileManager::configurationDirectory() {
     return _top("/configuration/com.kelvar.orvexd");
 }
+
+void FakeFileManager::serveCachesFrom(FileManager& fileManager) { _caches = &fileManager; }
 
 void FakeFileManager::setAvailable(bool available) {
     const MutexLock lock(_tree->mutex);

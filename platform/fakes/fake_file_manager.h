@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <memory>
 
@@ -20,6 +21,9 @@ public:
 
     /// While false, every directory that is asked for fails with EACCES; handles that were given out go on.
     void setAvailable(bool available);
+    /// From now on the caches directory is that of `fileManager`: for a component whose file is opened by its path, as
+    /// SQLite does it.
+    void serveCachesFrom(FileManager& fileManager);
     /// The time stamp of what is written from now on; at first 1970.
     void setTime(WallTime time);
 
@@ -41,6 +45,7 @@ private:
     [[nodiscard]] Result<std::shared_ptr<Directory>> _top(std::string path);
 
     const std::shared_ptr<Tree> _tree;
+    std::atomic<FileManager*> _caches = nullptr;
 };
 
 }  // namespace orvex::platform

@@ -99,6 +99,11 @@ std::optional<std::string> LinuxFileManager::configurationPath(std::string_view 
     return fmt::format("{}/{}", *base, domain);
 }
 
+std::unique_ptr<FileManager> fileManagerBelow(std::string home) {
+    return std::make_unique<LinuxFileManager>(
+        LinuxFileManager::Environment{.home = std::move(home), .cacheHome = {}, .stateHome = {}, .configHome = {}});
+}
+
 std::optional<std::string> LinuxFileManager::_configurationBase() const {
     return basePath(_environment.configHome, _environment.home, ".config");
 }

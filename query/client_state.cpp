@@ -86,7 +86,7 @@ void ClientState::updateClient(std::string userAgent) {
         _userAgent = userAgent;
         held = _bag;
     }
-    if (held) _bind(std::move(held));
+    if (held) _bind(held, held);
     sessionLog().error("userAgent changed to {}", userAgent);
 }
 
@@ -99,7 +99,7 @@ void ClientState::bag(std::string_view userAgent, platform::MonotonicTime arriva
             toRebind = _bag;
         }
     }
-    if (toRebind) _bind(std::move(toRebind));
+    if (toRebind) _bind(toRebind, toRebind);
     if (!this->userAgent()) {
         reply(nullptr, ORXError(ORXErrorCode::timeout, "no UserAgent"));
     } else if (!_ensureBag(arrival)) {
@@ -109,11 +109,12 @@ void ClientState::bag(std::string_view userAgent, platform::MonotonicTime arriva
     }
 }
 
-void ClientState::_bind(std::shared_ptr<const ORXBag> bag) {
+void ClientState::_bind(const HeldBag& bag, const std::optional<HeldBag>& inPlaceOf) {
     for (;;) {
         const auto agent = userAgent();
         auto view = std::make_shared<const ORXBag>(bag->rawBag(), agent.value_or(""));
         const platform::MutexLock lock(_mutex);
+        if (inPlaceOf && _bag != *inPlaceOf) return;
         if (_userAgent != agent) continue;  // it changed while the view was made
         _bag = std::move(view);
         return;
@@ -141,7 +142,7 @@ bool ClientState::_ensureBag(platform::MonotonicTime arrival) {
     }
     cachingLog().info("Warming bag cache for agent: {}", platform::orNull(userAgent()));
     if (const auto& controller = _assembly.bagController()) {
-        if (auto current = controller->currentBag()) _bind(std::move(current));
+        if (const auto current = controller->currentBag()) _bind(current, HeldBag());
     }
     if (!bag()) {
         _markNetworkRequest();
@@ -159,7 +160,7 @@ bool ClientState::_isProbablyFirstLaunchEver() const {
 }
 
 void ClientState::_bagChanged(const ORXBagChangeNotification& notification) {
-    if (notification.bag) _bind(notification.bag);
+    if (notification.bag) _bind(notification.bag, std::nullopt);
     std::vector<std::shared_ptr<platform::Semaphore>> waiters;
     {
         const platform::MutexLock lock(_mutex);

@@ -77,7 +77,9 @@ private:
     [[nodiscard]] bool _ensureBag(platform::MonotonicTime arrival);
     [[nodiscard]] bool _isProbablyFirstLaunchEver() const;
     void _bagChanged(const ORXBagChangeNotification& notification);
-    void _bind(std::shared_ptr<const ORXBag> bag);
+    using HeldBag = std::shared_ptr<const ORXBag>;
+    /// Holds `bag` as the agent sees it. With `inPlaceOf`, only while that one is held: a newer one stays.
+    void _bind(const HeldBag& bag, const std::optional<HeldBag>& inPlaceOf);
     void _markNetworkRequest();
     [[nodiscard]] std::string _currentUserGUID() const;
     [[nodiscard]] std::optional<BoundBag> _boundBag() const;

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "daemon/client_state_manager.h"
 #include "daemon/daemon_world_test.h"
 #include "query/client_state.h"
 
@@ -186,6 +187,35 @@ TEST_F(SearchRoadTest, AnOlderQueryIsAnsweredThoughANewerOneCame) {
     world.answer({.headers = {}, .body = "2", .error = {}, .timing = {}});
     EXPECT_EQ(reply(older).find("data")->as<platform::BusBytes>()->view(), "1");
     EXPECT_EQ(reply(newer).find("data")->as<platform::BusBytes>()->view(), "2");
+}
+
+TEST_F(SearchRoadTest, AConnectionIsWarmedAtMostOnceInThirtySeconds) {
+    const auto warm = [this] {
+        (*world.assembly.clientStateManager()->stateForClientIdentifier("com.kelvar.lumisk"))->warm();
+        world.time.runPending();
+    };
+    const auto told = [this](std::string_view why) {
+        return world.log.contains(LogLevel::standard, "Orvex_Search", why);
+    };
+    world.serveBag(std::nullopt);
+    world.start();
+    warm();
+    EXPECT_TRUE(told("warm not required, bag fetch in process"));
+    world.sessions.session("com.kelvar.orvexd.bagSession")
+        ->answer({.headers = {}, .body = std::string(DaemonWorld::plainBag), .error = {}, .timing = {}});
+    world.time.runPending();
+    warm();
+    ASSERT_EQ(world.server().sent().size(), 1u);
+    EXPECT_EQ(world.server().sent()[0].request.url, "https://search.example/warm");
+    world.answer({.statusCode = 204, .headers = {}, .body = {}, .error = {}, .timing = {}});
+    EXPECT_TRUE(told("Status for warm request: (204) error: ((null))"));
+    world.time.advance(29s);
+    warm();
+    EXPECT_TRUE(told("warm not required, connection still warm"));
+    EXPECT_EQ(world.server().sent().size(), 1u);
+    world.time.advance(1s);
+    warm();
+    EXPECT_EQ(world.server().sent().size(), 2u);
 }
 
 TEST_F(SearchRoadTest, MissingInputModeAndScaleAreFilledIn) {

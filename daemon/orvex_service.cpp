@@ -38,7 +38,11 @@ OrvexService::OrvexService(Assembly& assembly)
     _diagnostics = std::make_unique<Diagnostics>(assembly, [this] { return getClientConnections().size(); });
 }
 
-OrvexService::~OrvexService() { _queue.close(); }
+OrvexService::~OrvexService() {
+    _diagnostics.reset();  // what it still has to answer asks for the connections
+    _launchEvents.reset();
+    _queue.close();
+}
 
 platform::Result<void> OrvexService::exportObject() {
     return _assembly.bus().exportObject(std::string(kORXObjectPath), orvexdInterfaces(),

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include "daemon/call_limit.h"
@@ -88,6 +89,35 @@ TEST_F(OrvexServiceTest, CallsOfAClientThatLeftAreDroppedBeforeTheyAreSent) {
     world.time.runPending();
     EXPECT_EQ(world.counters.value("com.kelvar.orvexd.calls.dropped.clientgone"), 1);
     EXPECT_EQ(world.service->callsInFlight(), 0u);
+}
+
+TEST_F(OrvexServiceTest, TheLastClientThatLeavesPurgesTheURLCacheOfASessionThatWasUsed) {
+    const auto purges = [this] {
+        return std::ranges::count(world.log.lines(), "purging url cache", &platform::RecordingLog::Line::text);
+    };
+    const auto leave = [this](const std::string& client) {
+        world.bus.vanish(client);
+        world.time.runPending();
+    };
+    world.start();
+    ASSERT_TRUE(world.configure(":1.1")->arguments);
+    leave(":1.1");
+    EXPECT_EQ(world.sessions.session("com.kelvar.orvexd.urlSession"), nullptr);
+    ASSERT_TRUE(world.configure(":1.2")->arguments);
+    ASSERT_TRUE(world.configure(":1.3")->arguments);
+    (void)world.search(":1.3", "tree");
+    leave(":1.3");
+    EXPECT_EQ(purges(), 0);
+    leave(":1.2");
+    EXPECT_EQ(purges(), 1);
+    EXPECT_EQ(world.server().purges(), 1u);
+}
+
+TEST_F(OrvexServiceTest, AStatusThatIsAskedForAsTheServiceEndsIsAnswered) {
+    world.start();
+    const auto outcome = world.bus.call(":1.1", std::string(diagnostics), "Status", {});
+    world.service.reset();
+    EXPECT_TRUE(outcome->arguments);
 }
 
 TEST_F(OrvexServiceTest, TheStateOfAClientOutlivesItsConnections) {

@@ -15,7 +15,7 @@ constexpr std::string_view agentKey = "agent";
 
 const platform::Logger& sessionLog() { return OrvexLogForCategory(OrvexLoggingCategory::session); }
 
-/// The text under `key`; none when it is missing, empty or of another type.
+/// The text under `key`; none when it is missing or of another type.
 const std::string* textIn(const platform::PropertyDictionary& dictionary, std::string_view key) {
     const auto found = dictionary.find(key);
     return found == dictionary.end() ? nullptr : found->second.as<std::string>();
@@ -65,7 +65,11 @@ void ClientStateManager::_loadState() {
     for (const auto& element : *elements) {
         const auto* session = element.as<platform::PropertyDictionary>();
         const std::string* identifier = session != nullptr ? textIn(*session, identifierKey) : nullptr;
-        if (identifier == nullptr || identifier->empty() || _stateCache.size() >= maxStates) continue;
+        if (identifier == nullptr || identifier->empty()) continue;
+        if (_stateCache.size() >= maxStates && !_stateCache.contains(*identifier)) {
+            _assembly.counters().add("com.kelvar.orvexd.clientstates.refused");
+            continue;
+        }
         auto state = ClientState::create(*identifier, _assembly);
         if (const std::string* agent = textIn(*session, agentKey)) state->setUserAgent(*agent);
         _stateCache.insert_or_assign(*identifier, std::move(state));

@@ -10,8 +10,8 @@
 #include "daemon/bus_dictionaries.h"
 #include "daemon/client_state_manager.h"
 #include "daemon/orvex_logging.h"
+#include "network/orx_network_request_factory.h"
 #include "platform/counters.h"
-#include "platform/device_information.h"
 #include "platform/notification_center.h"
 #include "platform/text.h"
 #include "query/client_state.h"
@@ -120,6 +120,8 @@ void ClientConnection::_idleTimerFired() {
     }
     connectionLog().debug("timing out idle xpc transaction");
     _closeTransaction(Ending::immediately);
+    // A call that came while this was under way took the transaction for open.
+    if (_lastCall.load() + idleTime > _assembly.dispatcher().now()) _openOrExtendTransaction();
 }
 
 void ClientConnection::_closeTransaction(Ending ending) {
@@ -136,27 +138,29 @@ void ClientConnection::_closeTransaction(Ending ending) {
 
 // The state.
 
-void ClientConnection::_ensureState() {
+ClientConnection::Binding ClientConnection::_ensureState() {
     if (!_configuration) {
         sessionLog().fault("configuration must not be nil");
-        return;
+        return Binding::unbound;
     }
     if (_configuration->identifier.empty()) {
         sessionLog().fault("configuration requires identifier");
-        return;
+        return Binding::unbound;
     }
     if (const auto bound = state()) {
         if (bound->identifier() != _configuration->identifier) sessionLog().fault("session identifier must match");
-        return;
+        return Binding::bound;
     }
     const auto& manager = _assembly.clientStateManager();
-    auto found = manager ? manager->stateForClientIdentifier(_configuration->identifier)
-                         : std::unexpected(ClientStateManager::Refusal::emptyIdentifier);
-    if (!found) return;
+    if (!manager) return Binding::unbound;
+    auto found = manager->stateForClientIdentifier(_configuration->identifier);
+    if (!found) {
+        const bool tooMany = found.error() == ClientStateManager::Refusal::tooManyStates;
+        return tooMany ? Binding::tooManyStates : Binding::unbound;
+    }
     std::string userAgent;
     if (!_configuration->userAgent.empty()) {
-        userAgent = fmt::format("{} ({}) {}", kORXOrvexdNameVersion(), platform::deviceDescription(_assembly.device()),
-                                _configuration->userAgent);
+        userAgent = ORXNetworkRequestFactory::createUserAgentString(_assembly.device(), _configuration->userAgent);
     }
     if (_configuration->identifier == "orvex_tool") (*found)->updateClient(userAgent);
     if (auto known = (*found)->configuration()) {
@@ -166,11 +170,12 @@ void ClientConnection::_ensureState() {
     }
     if (userAgent.empty()) {
         sessionLog().fault("configuration requires userAgent");
-        return;
+        return Binding::unbound;
     }
     _userAgent = std::move(userAgent);
     const platform::MutexLock lock(_mutex);
     _state = *std::move(found);
+    return Binding::bound;
 }
 
 // What the client is told unasked.

@@ -87,9 +87,10 @@ private:
     void _updateParameters(Call& call) ORX_REQUIRES(_queue);
     void _getImageMap(Call& call) ORX_REQUIRES(_queue);
 
-    void _ensureState() ORX_REQUIRES(_queue);
+    enum class Binding { bound, unbound, tooManyStates };
+    Binding _ensureState() ORX_REQUIRES(_queue);
     [[nodiscard]] bool _isAcceptable(const ORXSessionConfiguration& configuration) const;
-    void _refuseConfiguration(platform::BusReply& reply) ORX_REQUIRES(_queue);
+    void _refuseConfiguration(platform::BusReply& reply, Binding binding) ORX_REQUIRES(_queue);
     void _sendFirstBag(platform::MonotonicTime arrival) ORX_REQUIRES(_queue);
     void _fillIn(ORXRequest& request) const;
     void _search(ORXSearchRequest request, Call& call) ORX_REQUIRES(_queue);

@@ -6,6 +6,7 @@
 
 #include "core/constants.h"
 #include "core/notifications.h"
+#include "daemon/client_state_manager.h"
 #include "daemon/daemon_world_test.h"
 
 namespace orvex {
@@ -69,6 +70,29 @@ TEST_F(ClientConnectionTest, ABadConfigurationIsRefusedAndForgottenWithoutAState
     EXPECT_TRUE(world.configure(":1.1", std::string(256, 'x'), std::string(1024, 'a'))->arguments.has_value());
 }
 
+TEST_F(ClientConnectionTest, ARefusedClientIsForgottenBeforeItIsTold) {
+    std::vector<std::string> order;
+    const auto connection = ClientConnection::create(world.assembly, {{":1.1", 0, std::nullopt}, "client"},
+                                                     [&] { order.emplace_back("forgotten"); });
+    platform::BusCall call;
+    call.member = "Configure";
+    call.arguments = {BusDictionary{}};
+    call.reply = platform::BusReply([&](auto) { order.emplace_back("told"); });
+    connection->receive(std::move(call));
+    world.time.runPending();
+    EXPECT_EQ(order, (std::vector<std::string>{"forgotten", "told"}));
+}
+
+TEST_F(ClientConnectionTest, OneClientIdentifierTooManyIsBeyondALimit) {
+    world.start();
+    for (std::size_t i = 0; i < ClientStateManager::maxStates; ++i) {
+        ASSERT_TRUE(world.assembly.clientStateManager()->stateForClientIdentifier(std::to_string(i)));
+    }
+    EXPECT_EQ(world.configure(":1.1", "one more")->errorName(), platform::bus_error::limitsExceeded);
+    EXPECT_TRUE(world.service->getClientConnections().empty());
+    EXPECT_TRUE(world.configure(":1.1", "7")->arguments);
+}
+
 TEST_F(ClientConnectionTest, EntriesOfAWrongTypeAreNamed) {
     world.start();
     const auto outcome = world.configure(":1.1", std::uint32_t{5});
@@ -116,6 +140,7 @@ TEST_F(ClientConnectionTest, WithAStateAnEmptyPayloadIsFineAndAnyOtherHasNobodyT
     };
     EXPECT_TRUE(payload("")->arguments);
     EXPECT_EQ(payload("x")->errorName(), internalError);
+    EXPECT_EQ(payload(std::string(1u << 20, 'x'))->errorName(), internalError);
     EXPECT_EQ(payload(std::string((1u << 20) + 1, 'x'))->errorName(), platform::bus_error::limitsExceeded);
 }
 

@@ -41,6 +41,14 @@ bool refusedNumber(const platform::BusArguments& arguments, const std::vector<st
     return false;
 }
 
+/// The main screen's scale; 1 where what is stored is not one.
+double screenScale(const platform::UserDefaults& userDefaults) {
+    const auto stored = userDefaults.object("ORXScreenScale");
+    const double* fraction = stored ? stored->as<double>() : nullptr;
+    const double scale = fraction != nullptr ? *fraction : static_cast<double>(userDefaults.integer("ORXScreenScale"));
+    return std::isfinite(scale) && scale > 0 ? scale : 1.0;
+}
+
 bool refusedSize(std::size_t size, platform::BusReply& reply) {
     if (size <= ClientConnection::maxCallBytes) return false;
     reply.fail(platform::bus_error::limitsExceeded, "more than 1 MiB");
@@ -75,14 +83,13 @@ void ClientConnection::_configure(Call& call) {
         return;
     }
     if (!_isAcceptable(*configuration)) {
-        _refuseConfiguration(call.reply);
+        _refuseConfiguration(call.reply, Binding::unbound);
         return;
     }
     sessionLog().log("client configuration {} {}", configuration->identifier, configuration->userAgent);
     _configuration = *std::move(configuration);
-    _ensureState();
-    if (!state()) {
-        _refuseConfiguration(call.reply);
+    if (const auto binding = _ensureState(); binding != Binding::bound) {
+        _refuseConfiguration(call.reply, binding);
         return;
     }
     call.reply.answer({});
@@ -104,11 +111,17 @@ bool ClientConnection::_isAcceptable(const ORXSessionConfiguration& configuratio
     return false;
 }
 
-void ClientConnection::_refuseConfiguration(platform::BusReply& reply) {
-    reply.fail(invalidConfiguration, "invalid configuration");
-    if (state()) return;
-    sessionLog().fault("invalid configuration, closing connection");
-    _refused();
+// The connection is forgotten before its client is told, so that what the client calls next makes a new one.
+void ClientConnection::_refuseConfiguration(platform::BusReply& reply, Binding binding) {
+    if (!state()) {
+        sessionLog().fault("invalid configuration, closing connection");
+        _refused();
+    }
+    if (binding == Binding::tooManyStates) {
+        reply.fail(platform::bus_error::limitsExceeded, "too many client identifiers");
+    } else {
+        reply.fail(invalidConfiguration, "invalid configuration");
+    }
 }
 
 void ClientConnection::_sendFirstBag(platform::MonotonicTime arrival) {
@@ -163,10 +176,7 @@ void ClientConnection::_fillIn(ORXRequest& request) const {
         log.debug("keyboardInputMode property not set, using {}", request.keyboardInputMode);
     }
     if (request.scale == 0.0) {
-        const auto scale = _assembly.userDefaults().object("ORXScreenScale");
-        const double* asDouble = scale ? scale->as<double>() : nullptr;
-        request.scale =
-            asDouble != nullptr ? *asDouble : static_cast<double>(_assembly.userDefaults().integer("ORXScreenScale"));
+        request.scale = screenScale(_assembly.userDefaults());
         log.debug("request scale property not set, using {:f}", request.scale);
     }
 }
@@ -182,13 +192,14 @@ void ClientConnection::_search(ORXSearchRequest request, Call& call) {
 }
 
 void ClientConnection::_reportFeedbackPayloadData(Call& call) {
-    if (refusedSize(call.size, call.reply)) return;
+    const auto& payload = *call.arguments[0].as<platform::BusBytes>();
+    if (refusedSize(payload.view().size(), call.reply)) return;
     _ensureState();
     const auto& feedbackLog = OrvexLogForCategory(OrvexLoggingCategory::feedback);
     if (!state()) {
         feedbackLog.error("state must not be nil");
         call.reply.fail(internalError, "client state nil");
-    } else if (call.arguments[0].as<platform::BusBytes>()->view().empty()) {
+    } else if (payload.view().empty()) {
         call.reply.answer({});
     } else {
         feedbackLog.error("session manager nil");

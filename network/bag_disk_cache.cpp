@@ -47,7 +47,7 @@ std::optional<boost::json::object> diskCachedBagDictionary(const Assembly& assem
     const auto value = bytes ? platform::parsePropertyList(*bytes) : std::unexpected(bytes.error());
     if (!value) {
         bagLog().fault("Error reading from bag cache: {}.", value.error().text);
-        if (bytes || value.error().code == EFBIG) setAsideBroken(**directory);
+        if (bytes || platform::saysBrokenFile(value.error())) setAsideBroken(**directory);
         return std::nullopt;
     }
     if (!value->as<platform::PropertyDictionary>()) {
@@ -74,8 +74,10 @@ void writeBagDictionary(const Assembly& assembly, const boost::json::object& dic
         bagLog().log("Error writing bag to persistent cache: {}.", bytes.error().text);
         return;
     }
-    if (const auto written = (*directory)->replace(fileName, *bytes); !written)
-        bagLog().log("Could not write to {}/{}: {}", (*directory)->path(), fileName, written.error().text);
+    if (const auto written = (*directory)->replace(fileName, *bytes); !written) {
+        bagLog().log("Could not write to {}/{}", (*directory)->path(), fileName);
+        bagLog().error("{}", written.error().text);
+    }
 }
 
 }  // namespace orvex

@@ -280,6 +280,11 @@ TEST_F(BagControllerTest, ABrokenFileIsSetAsideAndTheNextFetchReplacesIt) {
     }
     EXPECT_TRUE(log.contains(LogLevel::fault, "Orvex_Bag", "Unexpected class deserialized from bag cache: array."));
     EXPECT_EQ(logged(LogLevel::fault, "Error reading from bag cache: "), 4u);
+
+    ASSERT_TRUE(caches().makeDirectory("bag.plist"));  // which no write could replace
+    ASSERT_TRUE(caches().remove("bag.plist.corrupt"));
+    restart();
+    EXPECT_TRUE(caches().list("bag.plist.corrupt"));
     fetch("{}");
     EXPECT_TRUE(caches().attributes("bag.plist"));
 }

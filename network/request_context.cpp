@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <boost/json.hpp>
+#include <ranges>
 
 #include "daemon/orvex_logging.h"
 #include "platform/locale.h"
@@ -43,9 +44,8 @@ std::string encodedLanguages(const std::vector<std::string>& languages) {
 /// "a=1&b=2"; a part is split at every "=", and its second piece is the value.
 std::vector<platform::QueryItem> debugItems(std::string_view parameters) {
     std::vector<platform::QueryItem> items;
-    while (!parameters.empty()) {
-        const auto part = parameters.substr(0, parameters.find('&'));
-        parameters.remove_prefix(std::min(part.size() + 1, parameters.size()));
+    for (const auto range : std::views::split(parameters, '&')) {
+        const std::string_view part(range.begin(), range.end());
         const auto equals = part.find('=');
         if (equals == std::string_view::npos) {
             requestLog().log("invalid query components: {}", part);

@@ -111,7 +111,7 @@ constexpr VocabularyEntry table[] = {
      .value = [](const RequestInputs& in) { return unlessEmpty(in.search->l3Version); }},
     {.name = "X-Kelvar-UserGuid", .where = Where::header, .personal = true, .source = "made at random, rolls",
      .purpose = "joins the requests of one stretch of use",
-     .value = [](const RequestInputs& in) { return Value(in.userGuid); }},
+     .value = [](const RequestInputs& in) { return unlessEmpty(in.userGuid); }},
     {.name = "User-Agent", .where = Where::header, .source = "the client, or the daemon's own",
      .purpose = "tells program and device type",
      .value = [](const RequestInputs& in) { return unlessEmpty(in.userAgent); }},

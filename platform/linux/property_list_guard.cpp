@@ -14,7 +14,8 @@
 // A binary list is a table of objects that name each other by index, so a file of a few hundred bytes can stand for
 // 2^64 objects: ten arrays of ten references each to the next. Each object is therefore measured once, and a container
 // adds up what its members measured, saturating. The walk goes no deeper than the limit allows, which also bounds the
-// stack.
+// stack. Objects may lie over each other, so that few bytes give each of many objects a long list of its own: a
+// container is given up at the member that passes a limit, not at its end, which bounds the time.
 //
 //     "bplist00" objects… offsets[count] trailer(32)
 //     trailer: 6 bytes unused, offset size, reference size, count (8), root (8), position of the offsets (8)
@@ -121,9 +122,14 @@ private:
         }
         const Measure& known = _measures[index];
         if (depth + known.height > maxPropertyListDepth) return _refuse("it is nested too deep");
-        if (known.objects > maxPropertyListObjects) return _refuse("it has too many objects");
-        if (known.payload > maxPropertyListPayload) return _refuse("its texts and data are too long");
+        if (!_withinLimits(known)) return std::nullopt;
         return known;
+    }
+
+    bool _withinLimits(const Measure& measure) {
+        if (measure.objects > maxPropertyListObjects) _why = "it has too many objects";
+        if (measure.payload > maxPropertyListPayload) _why = "its texts and data are too long";
+        return _why.empty();
     }
 
     std::optional<Measure> _measureScalar(const Object& object) {
@@ -189,6 +195,7 @@ private:
             sum.height = std::max(sum.height, member->height + 1);
             sum.objects = saturatingSum(sum.objects, member->objects);
             sum.payload = saturatingSum(sum.payload, member->payload);
+            if (!_withinLimits(sum)) return std::nullopt;
         }
         return sum;
     }

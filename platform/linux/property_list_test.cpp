@@ -116,6 +116,39 @@ TEST(PropertyListTest, SharedReferencesMayNotExplode) {
         binaryList({std::string("\xaf\x11\x20", 3) + std::string(1, '\0') + std::string(0x2000, '\x01'), text})));
 }
 
+// Each of 60,000 arrays has a quarter of a million members, all in the same bytes. Adding all of it up would take
+// minutes.
+TEST(PropertyListTest, ListsThatLieOverEachOtherAreGivenUpAtTheLimit) {
+    constexpr std::size_t arrays = 60'000;
+    constexpr std::size_t members = 200'000;
+    const auto bigEndian = [](std::uint64_t number, int size) {
+        std::string bytes;
+        while (size-- > 0) bytes += static_cast<char>(number >> (8 * size) & 255);
+        return bytes;
+    };
+    // Objects: 0 the root, 1 an integer, arrays from 2 on. Read as references, the head of an array names integers.
+    std::string bytes = "bplist00";
+    const auto integer = bytes.size();
+    bytes += "\x10\x01";
+    const auto root = bytes.size();
+    bytes += "\xaf\x11" + bigEndian(arrays, 2);
+    for (std::size_t at = 0; at < arrays; ++at) bytes += bigEndian(2 + at, 2);
+    const auto first = bytes.size();
+    for (std::size_t at = 0; at < arrays; ++at) bytes += "\xaf\x12" + bigEndian(members, 4);
+    bytes += repeated(bigEndian(1, 2), members);
+
+    const auto table = bytes.size();
+    const auto isHead = [&](std::size_t index) {  // of an array, or a half of its length
+        return index == 0xaf12 || index == members >> 16 || index == (members & 0xffff);
+    };
+    for (std::size_t index = 0; index < 0x10000; ++index) {
+        const bool array = index >= 2 && index < 2 + arrays && !isHead(index);
+        bytes += bigEndian(index == 0 ? root : array ? first + (index - 2) * 6 : integer, 4);
+    }
+    bytes += std::string(6, '\0') + "\x04\x02" + bigEndian(0x10000, 8) + bigEndian(0, 8) + bigEndian(table, 8);
+    EXPECT_FALSE(parses(bytes));
+}
+
 TEST(PropertyListTest, MalformedBinaryListsAreRefused) {
     const std::string good = binaryList({std::string("\xd1\x01\x02", 3), "\x51k", "\x10\x07"});
     EXPECT_EQ(parsePropertyList(good).value(), PropertyValue(PropertyDictionary{{"k", 7}}));

@@ -5,6 +5,7 @@
 #include <fmt/core.h>
 
 #include <algorithm>
+#include <cstring>
 #include <memory>
 #include <ranges>
 
@@ -68,6 +69,23 @@ Result<URL> readChecked(const URLHandle& handle) {
     if (!url.host.starts_with('[') && url.host.find('%') != std::string::npos)
         return failure(0, "not a URL: an escape within an escape in the host");
     return url;
+}
+
+bool isLoopback(const in_addr& address) { return (ntohl(address.s_addr) >> 24) == 127; }
+
+/// Hosts beyond `isLoopbackHost` that end on this machine all the same: libcurl gives names below "localhost" its
+/// address (RFC 6761), and Linux connects "this host" (0.0.0.0/8, `[::]`) and IPv4 within IPv6 to itself.
+bool isLoopbackInDisguise(std::string_view host) {
+    if (host.ends_with('.')) host.remove_suffix(1);
+    if (host == "localhost" || host.ends_with(".localhost")) return true;
+    const std::string text(host.starts_with('[') ? host.substr(1, host.find_first_of("%]") - 1) : host);
+    in_addr v4{};
+    if (inet_pton(AF_INET, text.c_str(), &v4) == 1) return isLoopback(v4) || (ntohl(v4.s_addr) >> 24) == 0;
+    in6_addr v6{};
+    if (inet_pton(AF_INET6, text.c_str(), &v6) != 1) return false;
+    std::memcpy(&v4, &v6.s6_addr[12], sizeof v4);
+    const bool holdsV4 = IN6_IS_ADDR_V4MAPPED(&v6) || IN6_IS_ADDR_V4COMPAT(&v6);
+    return IN6_IS_ADDR_LOOPBACK(&v6) || IN6_IS_ADDR_UNSPECIFIED(&v6) || (holdsV4 && isLoopback(v4));
 }
 
 int hexDigit(char c) {
@@ -138,7 +156,7 @@ bool isLoopbackHost(std::string_view host) {
                IN6_IS_ADDR_LOOPBACK(&address);
     }
     in_addr address{};
-    return inet_pton(AF_INET, text.c_str(), &address) == 1 && (ntohl(address.s_addr) >> 24) == 127;
+    return inet_pton(AF_INET, text.c_str(), &address) == 1 && isLoopback(address);
 }
 
 Result<URL> resolveURL(const URL& base, std::string_view reference) {
@@ -163,8 +181,8 @@ Result<URL> resolveRedirect(const URL& from, std::string_view location) {
     if (!accepted) return accepted;
     if (from.scheme == "https" && accepted->scheme != "https")
         return failure(0, "a redirect from https to http is refused");
-    if (isLoopbackHost(accepted->host) && !isLoopbackHost(from.host))
-        return failure(0, "a redirect to a loopback host is refused");
+    const bool toThisHost = isLoopbackHost(accepted->host) || isLoopbackInDisguise(accepted->host);
+    if (toThisHost && !isLoopbackHost(from.host)) return failure(0, "a redirect to a loopback host is refused");
     return accepted;
 }
 

@@ -95,7 +95,9 @@ TEST(URLTest, RedirectsFollowTheRuleAndNeverLoseProtection) {
     EXPECT_EQ(redirected("https://a.example/x", "http://a.example/"), "refused");
     EXPECT_EQ(redirected("https://localhost/x", "http://localhost/"), "refused");
     EXPECT_EQ(redirected("https://a.example/x", "https://localhost/"), "refused");
-    EXPECT_EQ(redirected("https://a.example/x", "//127.0.0.1/"), "refused");
+    for (const auto* disguised : {"//127.0.0.1/", "//127.1/", "//0.0.0.0/", "//[::]/", "//[::1%25lo]/",
+                                  "//[::ffff:127.0.0.1]/", "//a.localhost/", "//localhost./"})
+        EXPECT_EQ(redirected("https://a.example/x", disguised), "refused") << disguised;
     EXPECT_EQ(redirected("https://a.example/x", "https://u:p@b.example/"), "refused");
     EXPECT_EQ(redirected("http://localhost/x", "file:///etc/passwd"), "refused");
 }

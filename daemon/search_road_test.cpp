@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <set>
+
 #include "daemon/client_state_manager.h"
 #include "daemon/daemon_world_test.h"
 #include "query/client_state.h"
@@ -187,6 +189,37 @@ TEST_F(SearchRoadTest, AnOlderQueryIsAnsweredThoughANewerOneCame) {
     world.answer({.headers = {}, .body = "2", .error = {}, .timing = {}});
     EXPECT_EQ(reply(older).find("data")->as<platform::BusBytes>()->view(), "1");
     EXPECT_EQ(reply(newer).find("data")->as<platform::BusBytes>()->view(), "2");
+}
+
+TEST_F(SearchRoadTest, ClientsShareTheUserGUIDUnlessEachIsToHaveItsOwn) {
+    const auto userGUIDs = [](DaemonWorld& daemon) {
+        daemon.start();
+        std::set<std::string> different;
+        for (const auto* client : {":1.1", ":1.2"}) {
+            EXPECT_TRUE(daemon.configure(client, client, "A/1")->arguments);
+            (void)daemon.search(client, "tree");
+            different.insert(
+                *platform::headerValue(daemon.server().sent().back().request.headers, "X-Kelvar-UserGuid"));
+        }
+        return different.size();
+    };
+    EXPECT_EQ(userGUIDs(world), 1u);
+    DaemonWorld other;
+    other.defaults.store("ORXSharedSession", false);
+    EXPECT_EQ(userGUIDs(other), 2u);
+    EXPECT_TRUE(other.log.contains(LogLevel::standard, "Orvex_Session",
+                                   "Orvex is using individual instance of guid controller :1.1"));
+}
+
+TEST_F(SearchRoadTest, TheToolMayChangeItsAgentAndHasTheBagOfTheNewOne) {
+    world.serveBag(R"({"search_url": "https://s.example/",
+                       "user_agents": [{"match": "off/1", "values": {"enabled": false}}]})");
+    world.start();
+    ASSERT_TRUE(world.configure(":1.1", "orvex_tool", "On/1")->arguments);
+    EXPECT_FALSE(world.search(":1.1", "tree")->arrived());
+    ASSERT_TRUE(world.configure(":1.2", "orvex_tool", "Off/1")->arguments);
+    EXPECT_TRUE(isNothing(world.search(":1.2", "tree")));
+    EXPECT_TRUE(world.log.contains(LogLevel::error, "Orvex_Session", "userAgent changed to orvexd/"));
 }
 
 TEST_F(SearchRoadTest, AConnectionIsWarmedAtMostOnceInThirtySeconds) {

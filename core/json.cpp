@@ -9,12 +9,13 @@
 
 namespace orvex {
 
-platform::Result<boost::json::value> parseJSON(std::string_view text, std::size_t maxDepth) {
+platform::Result<boost::json::value> parseJSON(std::string_view text, std::size_t maxDepth,
+                                               boost::json::storage_ptr storage) {
     boost::json::parse_options options;
     options.max_depth = maxDepth;
     boost::system::error_code error;
     try {
-        auto value = boost::json::parse(text, error, {}, options);
+        auto value = boost::json::parse(text, error, std::move(storage), options);
         if (error) return platform::failure(error.value(), error.message());
         return value;
     } catch (const std::exception& exception) {  // out of memory, or a text beyond the library's sizes

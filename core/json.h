@@ -1,6 +1,7 @@
 #pragma once
 
 #include <boost/json/fwd.hpp>
+#include <boost/json/storage_ptr.hpp>
 #include <cstddef>
 #include <optional>
 #include <string>
@@ -14,9 +15,10 @@ namespace orvex {
 inline constexpr std::size_t kBagJSONDepth = 64;
 inline constexpr std::size_t kReplyJSONDepth = 512;
 
-/// The one value that `text` holds, in memory of its own. Fails on anything after it and on a nesting deeper than
-/// `maxDepth`.
-platform::Result<boost::json::value> parseJSON(std::string_view text, std::size_t maxDepth);
+/// The one value that `text` holds, in memory of its own, or in `storage`'s, which then outlives it. Fails on anything
+/// after it and on a nesting deeper than `maxDepth`.
+platform::Result<boost::json::value> parseJSON(std::string_view text, std::size_t maxDepth,
+                                               boost::json::storage_ptr storage = {});
 
 /// A number of whatever kind; none for anything else and for one that is not finite (1e400 reads as infinity).
 [[nodiscard]] std::optional<double> numberFromJSON(const boost::json::value& json);

@@ -23,6 +23,20 @@ struct ORXBagRefreshRequiredNotification {};
 /// The user GUID has rolled.
 struct ORXUserGUIDChangeNotification {};
 
+/// A feedback session has reached its soft or its greatest age.
+struct ORXSessionSoftLimitNotification {};
+struct ORXSessionMaxLimitNotification {};
+
+// Where and how the user is has changed: the country, the time zone, and anything else of the locale.
+struct CountryCodeDidChangeNotification {};
+struct SystemTimeZoneDidChangeNotification {};
+struct CurrentLocaleDidChangeNotification {};
+
+// What the device's owner allows, and whose it is.
+struct EffectiveSettingsChangedNotification {};
+struct AccountStoreDidChangeNotification {};
+struct AccountCredentialsDidChangeNotification {};
+
 struct ORXFileDownloadCompletedNotification {
     std::string identifier;
     std::string url;

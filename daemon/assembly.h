@@ -13,6 +13,7 @@ class DeviceInformation;
 class Dispatcher;
 class FileManager;
 class LocaleService;
+class MemoryPressure;
 class NotificationCenter;
 class Transactions;
 class URLSession;
@@ -47,6 +48,7 @@ public:
         std::shared_ptr<platform::Transactions> transactions;
         platform::LocaleService& locale;
         platform::DeviceInformation& device;
+        platform::MemoryPressure& memoryPressure;
         platform::BackgroundActivityScheduler& activities;
         platform::Bus& bus;
         std::string certificateAuthorityFile;  ///< PEM for all HTTP sessions; empty: the system's
@@ -65,6 +67,7 @@ public:
     [[nodiscard]] platform::Transactions& transactions() const { return *_platform.transactions; }
     [[nodiscard]] platform::LocaleService& locale() const { return _platform.locale; }
     [[nodiscard]] platform::DeviceInformation& device() const { return _platform.device; }
+    [[nodiscard]] platform::MemoryPressure& memoryPressure() const { return _platform.memoryPressure; }
     [[nodiscard]] platform::BackgroundActivityScheduler& activities() const { return _platform.activities; }
     [[nodiscard]] platform::Bus& bus() const { return _platform.bus; }
 

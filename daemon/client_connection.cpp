@@ -126,6 +126,7 @@ void ClientConnection::_idleTimerFired() {
 
 void ClientConnection::_closeTransaction(Ending ending) {
     if (!_transactionOpen.exchange(false)) return;
+    if (const auto bound = state()) bound->emptyQueryCache();
     platform::Transaction transaction;
     {
         const platform::MutexLock lock(_mutex);

@@ -26,7 +26,7 @@ struct ORXFileDownloadCompletedNotification;
 ///     made ──Configure that binds nothing──▶ refused: answered with an error, and forgotten
 ///
 /// While the client is active the connection holds a transaction, so that the daemon does not leave. Sixty seconds
-/// without a call end it; the next call begins another.
+/// without a call end it, and empty the client's query cache; the next call begins another.
 ///
 /// Threading: `receive` is called on the bus thread and returns at once. Calls run in order on the connection's own
 /// queue, which alone waits (for a bag). Answers and signals go out from any thread. The destructor may run on any

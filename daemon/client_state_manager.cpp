@@ -5,6 +5,7 @@
 #include "platform/counters.h"
 #include "platform/user_defaults.h"
 #include "query/client_state.h"
+#include "query/query_cache.h"
 
 namespace orvex {
 namespace {
@@ -97,6 +98,21 @@ std::vector<ClientStateManager::Session> ClientStateManager::sessions() const {
         _stateCacheQueue.assertCurrent();
         return _sessions();
     });
+}
+
+ClientStateManager::CacheUsage ClientStateManager::queryCacheUsage() const {
+    const auto states = _stateCacheQueue.sync([this] {
+        _stateCacheQueue.assertCurrent();
+        return _stateCache;
+    });
+    CacheUsage sum;
+    for (const auto& [identifier, state] : states) {
+        if (!state->queryCache()) continue;
+        const auto usage = state->queryCache()->usage();
+        sum.entries += usage.entries;
+        sum.cost += usage.cost;
+    }
+    return sum;
 }
 
 std::vector<ClientStateManager::Session> ClientStateManager::_sessions() const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <expected>
 #include <map>
 #include <memory>
@@ -41,6 +42,13 @@ public:
 
     /// Writes the persisted form, later on the queue; a failure is logged and the old form stays.
     void saveState();
+
+    /// What the query caches of all states hold together.
+    struct CacheUsage {
+        std::uint64_t entries = 0;
+        std::uint64_t cost = 0;
+    };
+    [[nodiscard]] CacheUsage queryCacheUsage() const;
 
     /// Every state that has a user agent, by identifier.
     [[nodiscard]] std::vector<Session> sessions() const;

@@ -13,6 +13,7 @@
 #include "platform/fakes/fake_device_information.h"
 #include "platform/fakes/fake_file_manager.h"
 #include "platform/fakes/fake_locale.h"
+#include "platform/fakes/fake_memory_pressure.h"
 #include "platform/fakes/fake_url_session.h"
 #include "platform/fakes/fake_user_defaults.h"
 #include "platform/fakes/manual_dispatcher.h"
@@ -96,6 +97,7 @@ public:
     std::shared_ptr<platform::Transactions> transactions = std::make_shared<platform::Transactions>(time);
     platform::FakeLocale locale;
     platform::FakeDeviceInformation device;
+    platform::FakeMemoryPressure memoryPressure;
     platform::DispatcherActivityScheduler activities{time, counters};
     platform::FakeBus bus;
     Assembly assembly{{.dispatcher = time,
@@ -107,6 +109,7 @@ public:
                        .transactions = transactions,
                        .locale = locale,
                        .device = device,
+                       .memoryPressure = memoryPressure,
                        .activities = activities,
                        .bus = bus,
                        .certificateAuthorityFile = {}}};

@@ -8,6 +8,7 @@
 #include "core/json.h"
 #include "core/orx_bag.h"
 #include "daemon/assembly.h"
+#include "daemon/client_state_manager.h"
 #include "network/bag_controller.h"
 #include "platform/counters.h"
 #include "platform/text.h"
@@ -60,6 +61,8 @@ platform::BusDictionary Diagnostics::_status() const {
     platform::BusArray transactions{.elementSignature = "s", .items = {}};
     for (auto& name : _assembly.transactions().openNames()) transactions.items.emplace_back(std::move(name));
 
+    const auto& states = _assembly.clientStateManager();
+    const auto caches = states ? states->queryCacheUsage() : ClientStateManager::CacheUsage{};
     const std::chrono::duration<double> uptime = _assembly.dispatcher().now() - _started;
     platform::BusDictionary status;
     status.set("version", kORXOrvexdNameVersion().substr(kORXOrvexdNameVersion().find('/') + 1))
@@ -72,8 +75,8 @@ platform::BusDictionary Diagnostics::_status() const {
         .set("sessions_waiting", std::uint32_t{0})
         .set("uploads_pending", std::uint32_t{0})
         .set("downloads_pending", std::uint32_t{0})
-        .set("query_cache_entries", std::uint64_t{0})
-        .set("query_cache_cost", std::uint64_t{0})
+        .set("query_cache_entries", caches.entries)
+        .set("query_cache_cost", caches.cost)
         .set("gazel_visible", false)
         .set("hashtag_images_visible", false);
     return status;

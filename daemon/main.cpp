@@ -21,6 +21,7 @@
 #include "platform/linux/file_watcher.h"
 #include "platform/linux/icu_locale.h"
 #include "platform/linux/log_sinks.h"
+#include "platform/linux/memory_pressure.h"
 #include "platform/linux/process.h"
 #include "platform/linux/sd_bus.h"
 #include "platform/linux/thread_dispatcher.h"
@@ -107,6 +108,7 @@ int main(int argc, char** argv) {
     const auto transactions = std::make_shared<platform::Transactions>(dispatcher);
     platform::IcuLocale locale;
     platform::LinuxDeviceInformation device;
+    platform::LinuxMemoryPressure memoryPressure;
     platform::DispatcherActivityScheduler activities(dispatcher, counters);
     const auto bus = connectToBus(commandLine.busAddress);
 
@@ -119,6 +121,7 @@ int main(int argc, char** argv) {
                        .transactions = transactions,
                        .locale = locale,
                        .device = device,
+                       .memoryPressure = memoryPressure,
                        .activities = activities,
                        .bus = *bus,
                        .certificateAuthorityFile = commandLine.certificateAuthorityFile});

@@ -16,6 +16,7 @@
 #include "platform/fakes/fake_device_information.h"
 #include "platform/fakes/fake_file_manager.h"
 #include "platform/fakes/fake_locale.h"
+#include "platform/fakes/fake_memory_pressure.h"
 #include "platform/fakes/fake_url_session.h"
 #include "platform/fakes/fake_user_defaults.h"
 #include "platform/fakes/manual_dispatcher.h"
@@ -39,6 +40,7 @@ protected:
     std::shared_ptr<platform::Transactions> transactions = std::make_shared<platform::Transactions>(time);
     platform::FakeLocale locale;
     platform::FakeDeviceInformation device;
+    platform::FakeMemoryPressure memoryPressure;
     platform::DispatcherActivityScheduler activities{time, counters};
     platform::FakeBus bus;
     platform::RecordingLog log;
@@ -51,6 +53,7 @@ protected:
                        .transactions = transactions,
                        .locale = locale,
                        .device = device,
+                       .memoryPressure = memoryPressure,
                        .activities = activities,
                        .bus = bus,
                        .certificateAuthorityFile = {}}};

@@ -60,12 +60,19 @@ void ORXNetworkRequestFactory::_localeDidChange(const platform::LocaleSettings& 
         const auto self = weak.lock();
         if (!self) return;
         self->_contextAccessQueue.assertBarrier();
+        const RequestContext before = self->_context;
         const bool bagDepends = self->_context.setLocale(settings);
         ++self->_contextGeneration;
-        if (!bagDepends) return;
-        platform::MainQueue(self->_assembly.dispatcher()).async([weak] {
+        const bool country = before.geoDeviceCountryCode != self->_context.geoDeviceCountryCode;
+        const bool timeZone = before.localTimeZoneName != self->_context.localTimeZoneName;
+        platform::MainQueue(self->_assembly.dispatcher()).async([weak, bagDepends, country, timeZone] {
             const auto factory = weak.lock();
-            if (factory) factory->_assembly.notificationCenter().post(ORXBagRefreshRequiredNotification{});
+            if (!factory) return;
+            auto& center = factory->_assembly.notificationCenter();
+            if (country) center.post(CountryCodeDidChangeNotification{});
+            if (timeZone) center.post(SystemTimeZoneDidChangeNotification{});
+            if (bagDepends) center.post(CurrentLocaleDidChangeNotification{});
+            if (bagDepends) center.post(ORXBagRefreshRequiredNotification{});
         });
     });
 }

@@ -13,6 +13,7 @@
 #include "platform/dispatch.h"
 #include "platform/notification_center.h"
 #include "platform/user_defaults.h"
+#include "query/query_cache.h"
 
 // Waiting for a bag. Every waiting query has a semaphore of its own, listed while it waits: one bag change wakes them
 // all, and a change that came too late for one wait cannot end the next. The list is joined, and the change observed,
@@ -37,6 +38,12 @@ ClientState::ClientState(std::string identifier, Assembly& assembly)
     : _identifier(std::move(identifier)),
       _assembly(assembly),
       _clientShortName(extractClientNameFromString(_identifier)) {
+    if (assembly.userDefaults().boolean("ORXNoQueryCache")) {
+        cachingLog().log("query cache OFF for {}", _identifier);
+    } else {
+        cachingLog().log("query cache ON for {}", _identifier);
+        _queryCache = QueryCache::create(assembly);
+    }
     if (assembly.userDefaults().boolean("ORXSharedSession")) {
         sessionLog().log("Orvex is using shared instance of guid controller");
     } else {
@@ -92,14 +99,17 @@ void ClientState::updateClient(std::string userAgent) {
 
 void ClientState::bag(std::string_view userAgent, platform::MonotonicTime arrival, BagReply reply) {
     std::shared_ptr<const ORXBag> toRebind;
+    bool changed = false;
     {
         const platform::MutexLock lock(_mutex);
-        if (!userAgent.empty() && _userAgent != userAgent) {
+        changed = !userAgent.empty() && _userAgent != userAgent;
+        if (changed) {
             _userAgent = std::string(userAgent);
             toRebind = _bag;
         }
     }
     if (toRebind) _bind(toRebind, toRebind);
+    if (changed) emptyQueryCache();
     if (!this->userAgent()) {
         reply(nullptr, ORXError(ORXErrorCode::timeout, "no UserAgent"));
     } else if (!_ensureBag(arrival)) {
@@ -107,6 +117,10 @@ void ClientState::bag(std::string_view userAgent, platform::MonotonicTime arriva
     } else {
         reply(bag(), std::nullopt);
     }
+}
+
+void ClientState::emptyQueryCache() {
+    if (_queryCache) _queryCache->removeAllObjects();
 }
 
 void ClientState::_bind(const HeldBag& bag, const std::optional<HeldBag>& inPlaceOf) {

@@ -19,6 +19,8 @@ namespace orvex {
 class Assembly;
 class GUIDController;
 class ORXBag;
+class QueryCache;
+struct CachedResultSet;
 struct ORXBagChangeNotification;
 
 inline constexpr std::chrono::milliseconds kORXDefaultBagSemaphoreWait{300};
@@ -27,8 +29,8 @@ inline constexpr std::chrono::milliseconds kORXFirstLaunchBagSemaphoreWait{600};
 /// The engine that turns one client's queries into replies. All connections of a client share it; it outlives them.
 ///
 /// The road of a search: wait for a bag, at most 300 ms after the call's arrival (600 ms on the first launch) → refuse
-/// what the bag refuses → build the request → ask the server → reply, and follow a forced fetch that the answer
-/// announces.
+/// what the bag refuses → build the request → answer from the query cache, or ask the server → keep what it answers →
+/// reply, and follow a forced fetch that the answer announces.
 ///
 /// Threading: it has no queue. Its operations are called from any connection's queue, which they may block for the bag
 /// wait, and only for that; network completions come on the query session's delivery thread. One leaf mutex guards what
@@ -66,6 +68,11 @@ public:
     /// A new agent, and with it a new short name. Unlike `bag`, it leaves what is cached.
     void updateClient(std::string userAgent);
 
+    /// The memory that the cache takes is given back when the client is idle, too.
+    void emptyQueryCache();
+    /// Null: the user default "ORXNoQueryCache" is set.
+    [[nodiscard]] const std::shared_ptr<QueryCache>& queryCache() const { return _queryCache; }
+
     /// Opens a connection to the server ahead of a query, unless one was used in the last 30 seconds.
     void warm();
 
@@ -84,10 +91,13 @@ private:
     [[nodiscard]] std::string _currentUserGUID() const;
     [[nodiscard]] std::optional<BoundBag> _boundBag() const;
     [[nodiscard]] bool _mustStop(const ORXSearchRequest& request, const BoundBag& bound, ORXReplyCallback& reply);
+    void _replyFromCache(const ORXSearchRequest& request, const CachedResultSet& entry, ORXReplyCallback& reply);
     void _dispatchSearch(ORXSearchRequest request, platform::URLRequest httpRequest, std::string userAgent,
                          ORXReplyCallback reply);
     void _finishSearch(SearchOnItsWay search, platform::Body data, std::optional<platform::URLResponse> response,
                        std::optional<platform::TransportError> error);
+    void _cacheResponse(const platform::Body& data, const platform::URLRequest& request, std::string_view input,
+                        const std::string& uuid);
     void _followForcedFetch(const platform::URLResponse& response);
     void _recordSearchResult(const std::string& userAgent, std::int64_t statusCode);
 
@@ -95,6 +105,7 @@ private:
     const std::string _identifier;
     Assembly& _assembly;
     std::shared_ptr<GUIDController> _ownGUIDController;  ///< null: the assembly's is shared
+    std::shared_ptr<QueryCache> _queryCache;
 
     // Under the mutex.
     mutable platform::Mutex _mutex;

@@ -1,3 +1,4 @@
+#include <boost/json/monotonic_resource.hpp>
 #include <boost/json/object.hpp>
 #include <boost/json/value.hpp>
 
@@ -12,7 +13,9 @@
 #include "platform/counters.h"
 #include "platform/dispatch.h"
 #include "platform/text.h"
+#include "platform/uuid.h"
 #include "query/client_state.h"
+#include "query/query_cache.h"
 
 // The road of a search, in its order. What stops it early answers at once; everything after the dispatch happens on the
 // query session's delivery thread, with the state held by the completion.
@@ -41,6 +44,7 @@ struct ClientState::SearchOnItsWay {
     double scale;
     bool verboseReply;
     std::string userAgent;
+    std::string uuid;  ///< of this network search
     platform::URLRequest httpRequest;
     ORXReplyCallback reply;
 };
@@ -72,7 +76,24 @@ void ClientState::search(ORXSearchRequest request, platform::MonotonicTime arriv
         protocolLog().log("request: {} header: {}", describedURL(httpRequest->url),
                           describedHeaders(httpRequest->headers));
     }
+    if (const auto entry = _queryCache ? _queryCache->getRequest(request, &*httpRequest) : nullptr) {
+        _replyFromCache(request, *entry, reply);
+        return;
+    }
     _dispatchSearch(std::move(request), *std::move(httpRequest), bound->userAgent, std::move(reply));
+}
+
+void ClientState::_replyFromCache(const ORXSearchRequest& request, const CachedResultSet& entry,
+                                  ORXReplyCallback& reply) {
+    reply(request.queryId,
+          ORXReply{.scale = request.scale,
+                   .data = entry.data,
+                   .httpRequest = std::nullopt,
+                   .httpResponse = std::nullopt,
+                   .geoSessionEntityString = std::nullopt,
+                   .localSuggestions = {}},
+          std::nullopt);
+    if (const auto name = clientShortName()) _assembly.counters().add(createAggdKey(*name, "ondevicecachehits"));
 }
 
 bool ClientState::_mustStop(const ORXSearchRequest& request, const BoundBag& bound, ORXReplyCallback& reply) {
@@ -98,9 +119,9 @@ void ClientState::_dispatchSearch(ORXSearchRequest request, platform::URLRequest
                           .scale = request.scale,
                           .verboseReply = request.verboseReply,
                           .userAgent = std::move(userAgent),
-                          .httpRequest = {},
+                          .uuid = platform::newUUIDString(),
+                          .httpRequest = httpRequest,
                           .reply = std::move(reply)};
-    if (search.verboseReply) search.httpRequest = httpRequest;
     auto task = _assembly.urlSession().dataTask(
         std::move(httpRequest), [self = shared_from_this(), search = std::move(search)](
                                     platform::Body data, std::optional<platform::URLResponse> response,
@@ -134,6 +155,7 @@ void ClientState::_finishSearch(SearchOnItsWay search, platform::Body data,
         search.reply(search.queryId, std::nullopt, ORXError(ORXErrorCode::internal, "invalid response class"));
         return;
     }
+    _cacheResponse(data, search.httpRequest, search.queryString, search.uuid);
     ORXReply reply{.scale = search.scale,
                    .data = std::move(data),
                    .httpRequest = std::nullopt,
@@ -146,6 +168,21 @@ void ClientState::_finishSearch(SearchOnItsWay search, platform::Body data,
     }
     search.reply(search.queryId, std::move(reply), std::nullopt);
     _followForcedFetch(*response);
+}
+
+void ClientState::_cacheResponse(const platform::Body& data, const platform::URLRequest& request,
+                                 std::string_view input, const std::string& uuid) {
+    if (!_queryCache || input.empty()) return;
+    boost::json::monotonic_resource memory(data->size());
+    const auto decoded = parseJSON(*data, kReplyJSONDepth, &memory);
+    const auto* elements = decoded ? decoded->if_array() : nullptr;
+    if (elements == nullptr) return;
+    const auto now = _assembly.dispatcher().now();
+    for (const auto& element : *elements) {
+        const auto* resultSet = element.if_object();
+        if (resultSet == nullptr || stringMember(*resultSet, "status") == "ERROR") continue;
+        _queryCache->set(std::make_shared<const CachedResultSet>(input, request, *resultSet, uuid, data, now));
+    }
 }
 
 void ClientState::_followForcedFetch(const platform::URLResponse& response) {

@@ -1,0 +1,262 @@
+#include "query/query_cache.h"
+
+#include <gtest/gtest.h>
+
+#include <boost/json.hpp>
+#include <map>
+#include <random>
+
+#include "core/notifications.h"
+#include "core/orx_request.h"
+#include "daemon/assembly.h"
+#include "platform/background_activity_scheduler.h"
+#include "platform/counters.h"
+#include "platform/fakes/fake_bus.h"
+#include "platform/fakes/fake_device_information.h"
+#include "platform/fakes/fake_file_manager.h"
+#include "platform/fakes/fake_locale.h"
+#include "platform/fakes/fake_memory_pressure.h"
+#include "platform/fakes/fake_url_session.h"
+#include "platform/fakes/fake_user_defaults.h"
+#include "platform/fakes/manual_dispatcher.h"
+#include "platform/fakes/recording_log.h"
+#include "platform/notification_center.h"
+#include "platform/transactions.h"
+
+namespace orvex {
+namespace {
+
+using namespace std::chrono_literals;
+using platform::LogLevel;
+
+class QueryCacheTest : public testing::Test {
+protected:
+    static platform::URLRequest requestFor(std::string query, std::string scale = "") {
+        platform::URLRequest request;
+        request.url = "https://search.example/search?" + std::move(query);
+        if (!scale.empty()) request.headers.emplace_back("X-Kelvar-UI-Scale", std::move(scale));
+        return request;
+    }
+    std::shared_ptr<const CachedResultSet> entry(std::string_view input, std::string_view resultSet,
+                                                 const platform::URLRequest& request = requestFor("q=x"),
+                                                 std::size_t bytes = 10) {
+        return std::make_shared<const CachedResultSet>(input, request, boost::json::parse(resultSet).as_object(),
+                                                       "UUID", std::make_shared<const std::string>(bytes, 'x'),
+                                                       time.now());
+    }
+    void set(std::string_view input, std::string_view resultSet,
+             const platform::URLRequest& request = requestFor("q=x"), std::size_t bytes = 10) {
+        cache->set(entry(input, resultSet, request, bytes));
+    }
+    std::string found(const std::string& text, double scale = 0,
+                      const platform::URLRequest& httpRequest = requestFor("q=x")) {
+        ORXSearchRequest request;
+        request.queryString = text;
+        request.scale = scale;
+        const auto entry = cache->getRequest(request, &httpRequest);
+        return entry ? entry->query : "";
+    }
+
+    platform::ManualDispatcher time;
+    platform::FakeUserDefaults defaults;
+    platform::FakeFileManager files;
+    platform::NotificationCenter notifications;
+    platform::FakeURLSessionFactory sessions{time};
+    platform::Counters counters;
+    platform::FakeLocale locale;
+    platform::FakeDeviceInformation device;
+    platform::FakeMemoryPressure memory;
+    platform::DispatcherActivityScheduler activities{time, counters};
+    platform::FakeBus bus;
+    platform::RecordingLog log;
+    Assembly assembly{{.dispatcher = time,
+                       .userDefaults = defaults,
+                       .fileManager = files,
+                       .notificationCenter = notifications,
+                       .urlSessions = sessions,
+                       .counters = counters,
+                       .transactions = std::make_shared<platform::Transactions>(time),
+                       .locale = locale,
+                       .device = device,
+                       .memoryPressure = memory,
+                       .activities = activities,
+                       .bus = bus,
+                       .certificateAuthorityFile = {}}};
+    std::shared_ptr<QueryCache> cache = QueryCache::create(assembly);
+};
+
+TEST_F(QueryCacheTest, TheSmallestExtensionWinsAndThenTheHigherScore) {
+    set("we", R"({"query": "Weak", "completion_score": 0.2})");
+    set("we", R"({"query": "wear", "completion_score": 0.9})");
+    set("we", R"({"query": "weather", "completion_score": 5.0})");
+    EXPECT_EQ(found("WEA"), "wear");
+    EXPECT_EQ(found("weat"), "weather");
+    EXPECT_EQ(found("w"), "");  // it was typed longer than this
+    EXPECT_EQ(found("weathers"), "");
+    EXPECT_EQ(cache->get("weak")->query, "weak");
+    set("we", R"({"query": "wean", "completion_score": -1})");
+    set("we", R"({"query": "weak", "completion_score": -2})");
+    set("we", R"({"query": "wear", "completion_score": -0.5})");
+    EXPECT_EQ(found("wea"), "weak");  // no score is positive: the first
+}
+
+TEST_F(QueryCacheTest, AnAnswerIsGoodForRequestsThatAskAlike) {
+    set("we", R"({"query": "weak"})", requestFor("q=we&qtype=explicit"));
+    set("we", R"({"query": "wear"})", requestFor("q=we&suggest_queries=withtop"));
+    set("we", R"({"query": "weld"})", requestFor("lc=weld&q=we&lc=other"));
+    EXPECT_EQ(found("we"), "");
+    EXPECT_EQ(found("we", 0, requestFor("qtype=explicit")), "weak");
+    EXPECT_EQ(found("we", 0, requestFor("suggest_queries=withtop")), "wear");
+    EXPECT_EQ(found("we", 0, requestFor("lc=weld")), "weld");
+    EXPECT_EQ(found("we", 0, requestFor("lc=weld&qtype=explicit")), "");
+    ORXSearchRequest withItems;
+    withItems.queryString = "we";
+    withItems.queryItems = {{"a", "1"}};
+    const auto request = requestFor("qtype=explicit");
+    EXPECT_EQ(cache->getRequest(withItems, &request), nullptr);
+}
+
+TEST_F(QueryCacheTest, ScalesAreComparedAsTheyWereSent) {
+    set("we", R"({"query": "weak"})", requestFor("q=x", "1.2"));
+    set("wo", R"({"query": "word"})", requestFor("q=x", "3.0"));
+    EXPECT_EQ(found("we", 1.25), "weak");
+    EXPECT_EQ(found("wo", 2.0), "");
+    EXPECT_EQ(found("wo", 3.0), "word");
+    EXPECT_EQ(found("wo", 0), "word");
+}
+
+TEST_F(QueryCacheTest, EntriesExpireByAClockThatNobodySets) {
+    set("we", R"({"query": "weak", "max_age": 60})");
+    set("we", R"({"query": "weld", "max_age": 0})");
+    set("we", R"({"query": "wear", "max_age": -5})");
+    set("we", R"({"query": "west", "max_age": 1e300})");
+    set("we", R"({"query": "weal", "max_age": 1e400})");
+    set("we", R"({"query": "weir", "max_age": "60"})");
+    time.jumpWall(-1h);
+    time.advance(60s - 1ns);
+    time.jumpWall(24h * 365);
+    EXPECT_EQ(found("weak"), "weak");
+    time.advance(1ns);
+    EXPECT_EQ(found("weak"), "");
+    EXPECT_EQ(found("wear"), "");
+    for (const auto* text : {"weld", "west", "weal", "weir"}) EXPECT_EQ(found(text), text);
+    EXPECT_EQ(cache->count(), 4u);
+    EXPECT_EQ(cache->usage().cost, 6u * 1034);  // what expired stays charged
+}
+
+TEST_F(QueryCacheTest, WhatCannotBeKeptIsRefused) {
+    set("we", R"({})");
+    set("we", R"({"query": ""})");
+    set("we", R"({"query": 5})");
+    set("weather", R"({"query": "weather"})", requestFor("q=x"), QueryCache::maxCost - QueryCache::entryOverhead);
+    set("weather", R"({"query": "we"})");
+    cache->set(nullptr);
+    EXPECT_EQ(cache->count(), 0u);
+    EXPECT_TRUE(log.contains(LogLevel::error, "Orvex_Caching", "NOT caching 'weather' with cost 2097152"));
+    EXPECT_TRUE(log.contains(LogLevel::error, "Orvex_Caching",
+                             "BUG: NOT caching 'we' because input is longer than completed query 'weather'"));
+    set("we", R"({"query": "weak", "completion_score": 1e300})");
+    EXPECT_EQ(found("we"), "weak");
+    set("a", R"({"query": "ab\u0000c"})");  // a key ends at its first zero byte
+    EXPECT_EQ(found("ab"), std::string("ab\0c", 4));
+}
+
+TEST_F(QueryCacheTest, AtTwoMebibytesItStartsAnew) {
+    set("a", R"({"query": "abc"})", requestFor("q=x"), 1'000'000);
+    set("a", R"({"query": "abc"})", requestFor("q=x"), 1'000'000);  // replaced, and charged again
+    EXPECT_EQ(cache->count(), 1u);
+    EXPECT_EQ(cache->usage().cost, 2 * 1'001'024u);
+    set("a", R"({"query": "abd"})", requestFor("q=x"), 2'097'152 - 2 * 1'001'024 - 1024);
+    EXPECT_EQ(cache->count(), 1u);
+    EXPECT_EQ(found("a"), "abd");
+    EXPECT_TRUE(log.contains(LogLevel::standard, "Orvex_Caching", "!!! exceeded max cost, flushing cache !!!"));
+}
+
+TEST_F(QueryCacheTest, MemoryIsWatchedOnlyWhileSomethingIsHeld) {
+    EXPECT_EQ(memory.listeners(), 0u);
+    set("we", R"({"query": "weak"})");
+    set("we", R"({"query": "weak"})");
+    time.runPending();
+    EXPECT_EQ(memory.listeners(), 1u);
+    memory.becomeCritical();
+    time.runPending();
+    EXPECT_TRUE(log.contains(LogLevel::standard, "Orvex_Caching", "emptying caches under memory pressure"));
+    EXPECT_EQ(cache->count(), 0u);
+    EXPECT_EQ(memory.listeners(), 0u);
+    set("we", R"({"query": "weak", "max_age": 1})");
+    time.advance(1s);
+    EXPECT_EQ(memory.listeners(), 1u);
+    EXPECT_EQ(found("we"), "");
+    EXPECT_EQ(memory.listeners(), 0u);
+}
+
+TEST_F(QueryCacheTest, AChangeOfUserSessionPlaceOrAccountEmptiesIt) {
+    const auto empties = [&](const auto& notification) {
+        set("we", R"({"query": "weak"})");
+        EXPECT_EQ(cache->count(), 1u);
+        notifications.post(notification);
+        EXPECT_EQ(cache->count(), 0u) << typeid(notification).name();
+    };
+    empties(ORXUserGUIDChangeNotification{});
+    empties(ORXSessionSoftLimitNotification{});
+    empties(ORXSessionMaxLimitNotification{});
+    empties(CountryCodeDidChangeNotification{});
+    empties(SystemTimeZoneDidChangeNotification{});
+    empties(CurrentLocaleDidChangeNotification{});
+    empties(EffectiveSettingsChangedNotification{});
+    empties(AccountStoreDidChangeNotification{});
+    empties(AccountCredentialsDidChangeNotification{});
+    set("we", R"({"query": "weak"})");
+    cache->removeAllObjects();
+    EXPECT_EQ(cache->usage().cost, 0u);
+}
+
+TEST_F(QueryCacheTest, RandomUseAgreesWithAPlainList) {
+    struct Kept {
+        std::size_t inputLength;
+        std::optional<platform::MonotonicTime> expires;
+        float score;
+    };
+    std::mt19937 random(11);
+    const auto upTo = [&](unsigned limit) { return random() % limit; };
+    const auto text = [&](unsigned shortest) {
+        std::string letters(shortest + upTo(4), 'a');
+        for (auto& letter : letters) letter = "abc"[upTo(3)];
+        return letters;
+    };
+    std::map<std::string, Kept> model;
+    for (int step = 0; step < 20'000; ++step) {
+        if (upTo(3) == 0) {
+            const auto query = text(2);
+            const auto input = query.substr(0, upTo(3));
+            const int age = static_cast<int>(upTo(4)) * 10;
+            const int score = static_cast<int>(upTo(5)) - 1;
+            if (cache->usage().cost + 1034 >= QueryCache::maxCost) model.clear();
+            set(input, fmt::format(R"({{"query": "{}", "max_age": {}, "completion_score": {}}})", query, age, score));
+            const auto expires = age > 0 ? std::optional(time.now() + std::chrono::seconds(age)) : std::nullopt;
+            model[query] = {input.size(), expires, static_cast<float>(score)};
+        } else {
+            const auto input = text(0);
+            std::erase_if(model, [&](const auto& kept) {
+                return kept.first.starts_with(input) && kept.second.expires && *kept.second.expires <= time.now();
+            });
+            std::pair<std::string, float> best;
+            for (const auto& [query, kept] : model) {
+                if (!query.starts_with(input) || kept.inputLength > input.size()) continue;
+                const bool shorter = best.first.empty() || query.size() < best.first.size();
+                const bool better = query.size() == best.first.size() && kept.score > 0 && kept.score > best.second;
+                if (shorter || better) best = {query, kept.score};
+            }
+            ASSERT_EQ(found(input), best.first) << step;
+        }
+        if (upTo(50) == 0) time.advance(1s);
+        if (upTo(5'000) == 0) {
+            cache->removeAllObjects();
+            model.clear();
+        }
+        ASSERT_EQ(cache->count(), model.size()) << step;
+    }
+}
+
+}  // namespace
+}  // namespace orvex

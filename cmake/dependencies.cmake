@@ -12,6 +12,8 @@ find_package(ICU REQUIRED COMPONENTS uc i18n)
 pkg_check_modules(httplib REQUIRED IMPORTED_TARGET cpp-httplib)
 pkg_check_modules(systemd REQUIRED IMPORTED_TARGET libsystemd)
 pkg_check_modules(plist REQUIRED IMPORTED_TARGET libplist-2.0)
+# It has neither a CMake nor a pkg-config file.
+find_library(ORVEX_CLD2 cld2 REQUIRED)
 if(ORVEX_TESTS)
   find_package(GTest REQUIRED)
   include(GoogleTest)

@@ -26,6 +26,9 @@ platform::Result<boost::json::value> parseJSON(std::string_view text, std::size_
 /// The number's decimal text: integers exactly, others as `platform::shortestDecimal`. None where there is no number.
 [[nodiscard]] std::optional<std::string> decimalFromJSON(const boost::json::value& json);
 
+/// The value as text on one line, numbers as `decimalFromJSON`; what is no finite number is null.
+[[nodiscard]] std::string compactJSON(const boost::json::value& json);
+
 /// The member of that name when it is there and a string, else none.
 [[nodiscard]] std::optional<std::string> stringMember(const boost::json::object& object, std::string_view name);
 

@@ -27,6 +27,8 @@ TEST(JSONTest, ANumberIsReadWhateverItsKind) {
     EXPECT_EQ(number("1e400"), std::nullopt);
     EXPECT_EQ(number("true"), std::nullopt);
     EXPECT_EQ(number("\"3\""), std::nullopt);
+    const auto all = parseJSON(R"({"a": [1.50, 1e400, "\n"], "b": {}, "c": 18446744073709551615})", 8).value();
+    EXPECT_EQ(compactJSON(all), R"({"a":[1.5,null,"\n"],"b":{},"c":18446744073709551615})");
 }
 
 }  // namespace

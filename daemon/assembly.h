@@ -13,8 +13,11 @@ class DeviceInformation;
 class Dispatcher;
 class FileManager;
 class LocaleService;
+class LocationService;
 class MemoryPressure;
+class MotionService;
 class NotificationCenter;
+class RoutineService;
 class Transactions;
 class URLSession;
 class URLSessionFactory;
@@ -23,9 +26,11 @@ class UserDefaults;
 
 namespace orvex {
 
+class AppWhitelistSignature;
 class BagController;
 class ClientStateManager;
 class GUIDController;
+class LocationManager;
 class ORXNetworkRequestFactory;
 
 /// The one container through which managers reach each other, the platform's services and the shared HTTP sessions.
@@ -52,6 +57,11 @@ public:
         platform::BackgroundActivityScheduler& activities;
         platform::Bus& bus;
         std::string certificateAuthorityFile;  ///< PEM for all HTTP sessions; empty: the system's
+
+        // What a device may lack. Null: it has none.
+        platform::LocationService* location = nullptr;
+        platform::MotionService* motion = nullptr;
+        platform::RoutineService* routine = nullptr;
     };
 
     explicit Assembly(Platform platform);
@@ -70,7 +80,12 @@ public:
     [[nodiscard]] platform::MemoryPressure& memoryPressure() const { return _platform.memoryPressure; }
     [[nodiscard]] platform::BackgroundActivityScheduler& activities() const { return _platform.activities; }
     [[nodiscard]] platform::Bus& bus() const { return _platform.bus; }
+    [[nodiscard]] platform::LocationService* location() const { return _platform.location; }
+    [[nodiscard]] platform::MotionService* motion() const { return _platform.motion; }
+    [[nodiscard]] platform::RoutineService* routine() const { return _platform.routine; }
 
+    [[nodiscard]] const std::shared_ptr<LocationManager>& locationManager() const { return _locationManager; }
+    void setLocationManager(std::shared_ptr<LocationManager> manager) { _locationManager = std::move(manager); }
     [[nodiscard]] const std::shared_ptr<ORXNetworkRequestFactory>& requestFactory() const { return _requestFactory; }
     void setRequestFactory(std::shared_ptr<ORXNetworkRequestFactory> factory) { _requestFactory = std::move(factory); }
     [[nodiscard]] const std::shared_ptr<BagController>& bagController() const { return _bagController; }
@@ -78,6 +93,12 @@ public:
     [[nodiscard]] const std::shared_ptr<ClientStateManager>& clientStateManager() const { return _clientStateManager; }
     void setClientStateManager(std::shared_ptr<ClientStateManager> manager) {
         _clientStateManager = std::move(manager);
+    }
+    [[nodiscard]] const std::shared_ptr<AppWhitelistSignature>& appWhitelistController() const {
+        return _appWhitelistController;
+    }
+    void setAppWhitelistController(std::shared_ptr<AppWhitelistSignature> controller) {
+        _appWhitelistController = std::move(controller);
     }
     [[nodiscard]] const std::shared_ptr<GUIDController>& guidController() const { return _guidController; }
     void setGuidController(std::shared_ptr<GUIDController> controller) { _guidController = std::move(controller); }
@@ -99,9 +120,11 @@ private:
     const Platform _platform;
 
     // Added by `main`, in this order.
+    std::shared_ptr<LocationManager> _locationManager;
     std::shared_ptr<ORXNetworkRequestFactory> _requestFactory;
     std::shared_ptr<BagController> _bagController;
     std::shared_ptr<ClientStateManager> _clientStateManager;
+    std::shared_ptr<AppWhitelistSignature> _appWhitelistController;
     std::shared_ptr<GUIDController> _guidController;
     bool _sharedSession = false;
 

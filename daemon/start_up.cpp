@@ -6,6 +6,7 @@
 #include "daemon/assembly.h"
 #include "daemon/client_state_manager.h"
 #include "daemon/orvex_service.h"
+#include "network/location_manager.h"
 #include "network/orvex_bag_controller.h"
 #include "network/orx_network_request_factory.h"
 #include "network/orx_tracing.h"
@@ -49,16 +50,23 @@ void createCustomFeedbackDirectories(platform::FileManager& fileManager) {
     }
 }
 
+void readSilhouetteTopics(Assembly& assembly) {
+    if (const auto topics = assembly.userDefaults().string("silhouette"))
+        assembly.requestFactory()->setSilhouetteTopics(*topics);
+}
+
 }  // namespace
 
 std::shared_ptr<OrvexService> assemble(Assembly& assembly) {
     ORXTracingSetup(assembly.userDefaults());
     registerDefaults(assembly.userDefaults());
     createCustomFeedbackDirectories(assembly.fileManager());
+    assembly.setLocationManager(LocationManager::create(assembly));
     assembly.setRequestFactory(ORXNetworkRequestFactory::create(assembly));
     assembly.counters().add("com.kelvar.orvexd.launch");
     assembly.setBagController(OrvexBagController::create(assembly));
     assembly.setClientStateManager(std::make_shared<ClientStateManager>(assembly));
+    readSilhouetteTopics(assembly);
     return OrvexService::create(assembly);
 }
 

@@ -8,6 +8,7 @@
 #include "core/notifications.h"
 #include "core/orx_bag.h"
 #include "daemon/assembly.h"
+#include "network/location_manager.h"
 #include "network/orvex_bag_controller.h"
 #include "network/orx_network_request_factory.h"
 #include "platform/background_activity_scheduler.h"
@@ -16,6 +17,7 @@
 #include "platform/fakes/fake_device_information.h"
 #include "platform/fakes/fake_file_manager.h"
 #include "platform/fakes/fake_locale.h"
+#include "platform/fakes/fake_location.h"
 #include "platform/fakes/fake_memory_pressure.h"
 #include "platform/fakes/fake_url_session.h"
 #include "platform/fakes/fake_user_defaults.h"
@@ -29,7 +31,10 @@ namespace orvex {
 /// The assembly of fakes that the components of this folder are tested in. A German device in Berlin.
 class NetworkFixture : public testing::Test {
 protected:
-    void makeFactory() { assembly.setRequestFactory(ORXNetworkRequestFactory::create(assembly)); }
+    void makeFactory() {
+        assembly.setLocationManager(LocationManager::create(assembly));
+        assembly.setRequestFactory(ORXNetworkRequestFactory::create(assembly));
+    }
 
     platform::ManualDispatcher time;
     platform::FakeUserDefaults userDefaults;
@@ -41,6 +46,9 @@ protected:
     platform::FakeLocale locale;
     platform::FakeDeviceInformation device;
     platform::FakeMemoryPressure memoryPressure;
+    platform::FakeLocation location;
+    platform::FakeMotion motion;
+    platform::FakeRoutine routine;
     platform::DispatcherActivityScheduler activities{time, counters};
     platform::FakeBus bus;
     platform::RecordingLog log;
@@ -56,7 +64,10 @@ protected:
                        .memoryPressure = memoryPressure,
                        .activities = activities,
                        .bus = bus,
-                       .certificateAuthorityFile = {}}};
+                       .certificateAuthorityFile = {},
+                       .location = &location,
+                       .motion = &motion,
+                       .routine = &routine}};
     platform::URLSession& bagSession = assembly.bagSession();
     platform::FakeURLSession& server = *sessions.session("com.kelvar.orvexd.bagSession");  ///< who answers it
 };

@@ -77,6 +77,21 @@ void ORXNetworkRequestFactory::_localeDidChange(const platform::LocaleSettings& 
     });
 }
 
+void ORXNetworkRequestFactory::setSilhouetteTopics(std::string_view json) {
+    _change(
+        [topics = SilhouetteTopics::fromText(json)](RequestContext& context) { context.silhouetteTopics = topics; });
+}
+
+void ORXNetworkRequestFactory::_change(std::move_only_function<void(RequestContext&)> change) {
+    _contextAccessQueue.barrierAsync([weak = weak_from_this(), change = std::move(change)]() mutable {
+        const auto self = weak.lock();
+        if (!self) return;
+        self->_contextAccessQueue.assertBarrier();
+        change(self->_context);
+        ++self->_contextGeneration;
+    });
+}
+
 std::optional<platform::URLRequest> ORXNetworkRequestFactory::bagFetchRequest(
     const OrvexBagController& controller, std::string_view userAgent, const std::optional<std::string>& version) const {
     return _bagRequest(controller,
@@ -100,10 +115,7 @@ std::optional<platform::URLRequest> ORXNetworkRequestFactory::_bagRequest(const 
 }
 
 std::optional<platform::URLRequest> ORXNetworkRequestFactory::warmRequest(std::string_view url) const {
-    auto request = _contextAccessQueue.sync([&] {
-        _contextAccessQueue.assertCurrent();
-        return _build({.kind = RequestKind::warm}, url);
-    });
+    auto request = _read({.kind = RequestKind::warm}, url);
     if (request) request->cachePolicy = platform::CachePolicy::reloadIgnoringLocalCache;
     return request;
 }
@@ -116,20 +128,110 @@ std::optional<platform::URLRequest> ORXNetworkRequestFactory::searchRequest(cons
                                            .bag = &bag,
                                            .request = &request,
                                            .search = &request,
+                                           .queryString = request.queryString,
+                                           .temperatureUnit = request.temperatureUnit,
                                            .userAgent = bag.userAgent(),
                                            .userGuid = userGuid,
                                            .fieldMask = fieldMask});
 }
 
+std::optional<platform::URLRequest> ORXNetworkRequestFactory::zeroKeywordRequest(const ORXZeroKeywordRequest& request,
+                                                                                 const ORXBag& bag,
+                                                                                 std::string_view userGuid,
+                                                                                 FieldMask fieldMask) const {
+    return _queryRequest(bag.searchURL(), {.kind = RequestKind::zeroKeyword,
+                                           .bag = &bag,
+                                           .request = &request,
+                                           .temperatureUnit = request.temperatureUnit,
+                                           .userAgent = bag.userAgent(),
+                                           .userGuid = userGuid,
+                                           .fieldMask = fieldMask});
+}
+
+std::optional<platform::URLRequest> ORXNetworkRequestFactory::moreResultsRequest(const ORXMoreResultsRequest& request,
+                                                                                 const ORXBag& bag,
+                                                                                 std::string_view userGuid,
+                                                                                 FieldMask fieldMask) const {
+    return _queryRequest(bag.moreResultsURL(), {.kind = RequestKind::moreResults,
+                                                .bag = &bag,
+                                                .request = &request,
+                                                .userAgent = bag.userAgent(),
+                                                .userGuid = userGuid,
+                                                .fieldMask = fieldMask});
+}
+
+std::optional<platform::URLRequest> ORXNetworkRequestFactory::lookupRequest(const ORXLookupRequest& request,
+                                                                            const ORXBag& bag,
+                                                                            std::string_view userGuid) const {
+    return _queryRequest(bag.searchURL(), {.kind = RequestKind::lookup,
+                                           .bag = &bag,
+                                           .request = &request,
+                                           .lookup = &request,
+                                           .queryString = request.queryString,
+                                           .clientContext = request.clientContext,
+                                           .userAgent = bag.userAgent(),
+                                           .userGuid = userGuid});
+}
+
+std::optional<platform::URLRequest> ORXNetworkRequestFactory::flightSearchRequest(const ORXFlightSearchRequest& request,
+                                                                                  const ORXBag& bag,
+                                                                                  std::string_view userGuid) const {
+    return _queryRequest(bag.flightURL(), {.kind = RequestKind::flight,
+                                           .bag = &bag,
+                                           .request = &request,
+                                           .flight = &request,
+                                           .queryString = request.flightQuery,
+                                           .clientContext = request.clientContext,
+                                           .userAgent = bag.userAgent(),
+                                           .userGuid = userGuid});
+}
+
+std::optional<platform::URLRequest> ORXNetworkRequestFactory::cardRequest(const ORXCardRequest& request,
+                                                                          const ORXBag& bag,
+                                                                          std::string_view userGuid) const {
+    return _read({.kind = RequestKind::card,
+                  .bag = &bag,
+                  .request = &request,
+                  .userAgent = bag.userAgent(),
+                  .userGuid = userGuid},
+                 request.cardURL);
+}
+
+std::optional<platform::URLRequest> ORXNetworkRequestFactory::fileDownloadRequest(const FileDownload& download) const {
+    const auto userAgent = createUserAgentString(_assembly.device(), "Lumisk/1");
+    return _read({.kind = RequestKind::fileDownload,
+                  .userAgent = userAgent,
+                  .version = download.version,
+                  .includeLatLong = download.includeLatLong},
+                 download.url);
+}
+
+std::optional<platform::URLRequest> ORXNetworkRequestFactory::flusherUploadRequest(const FlusherUpload& upload) const {
+    const auto userAgent = createUserAgentString(_assembly.device(), "");
+    auto request =
+        _read({.kind = RequestKind::feedbackUpload, .userAgent = userAgent, .digest = upload.digest}, upload.url);
+    if (!request) return std::nullopt;
+    request->method = "POST";
+    request->cachePolicy = platform::CachePolicy::reloadIgnoringLocalCache;
+    request->timeout = upload.timeout;
+    request->headers.emplace_back("Content-Encoding", "deflate");
+    return request;
+}
+
 std::optional<platform::URLRequest> ORXNetworkRequestFactory::_queryRequest(const std::optional<std::string>& endpoint,
                                                                             const RequestInputs& inputs) const {
     if (!endpoint) return std::nullopt;
-    auto request = _contextAccessQueue.sync([&] {
-        _contextAccessQueue.assertCurrent();
-        return _build(inputs, *endpoint);
-    });
+    auto request = _read(inputs, *endpoint);
     if (request) request->timeout = timeoutFromSeconds(inputs.bag->timeoutIntervalForRequest());
     return request;
+}
+
+std::optional<platform::URLRequest> ORXNetworkRequestFactory::_read(const RequestInputs& inputs,
+                                                                    std::string_view endpoint) const {
+    return _contextAccessQueue.sync([&] {
+        _contextAccessQueue.assertCurrent();
+        return _build(inputs, endpoint);
+    });
 }
 
 std::optional<platform::URLRequest> ORXNetworkRequestFactory::_build(RequestInputs inputs,
@@ -137,7 +239,7 @@ std::optional<platform::URLRequest> ORXNetworkRequestFactory::_build(RequestInpu
     auto builder = OrvexURLRequestBuilder::requestBuilderWithURL(endpoint);
     if (!builder) return std::nullopt;
     inputs.context = &_context;
-    inputs.useCindora = _assembly.useCindora();
+    inputs.assembly = &_assembly;
     addVocabulary(inputs, *builder);
     if (const auto refused = builder->refusedHeaders(); refused > 0)
         _assembly.counters().add("com.kelvar.orvexd.request.refusedheaders", static_cast<std::int64_t>(refused));

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -23,7 +25,12 @@ namespace orvex {
 class Assembly;
 class ORXBag;
 class OrvexBagController;
+struct ORXCardRequest;
+struct ORXFlightSearchRequest;
+struct ORXLookupRequest;
+struct ORXMoreResultsRequest;
 struct ORXSearchRequest;
+struct ORXZeroKeywordRequest;
 
 /// Builds every HTTP request that the daemon sends, from what a client asks, the bag, and the context: what the device
 /// is like, kept up to date by change notifications.
@@ -55,6 +62,39 @@ public:
                                                                     std::string_view userGuid,
                                                                     FieldMask fieldMask = FieldMask::none) const;
 
+    [[nodiscard]] std::optional<platform::URLRequest> zeroKeywordRequest(const ORXZeroKeywordRequest& request,
+                                                                         const ORXBag& bag, std::string_view userGuid,
+                                                                         FieldMask fieldMask = FieldMask::none) const;
+    [[nodiscard]] std::optional<platform::URLRequest> moreResultsRequest(const ORXMoreResultsRequest& request,
+                                                                         const ORXBag& bag, std::string_view userGuid,
+                                                                         FieldMask fieldMask = FieldMask::none) const;
+    [[nodiscard]] std::optional<platform::URLRequest> lookupRequest(const ORXLookupRequest& request, const ORXBag& bag,
+                                                                    std::string_view userGuid) const;
+    [[nodiscard]] std::optional<platform::URLRequest> flightSearchRequest(const ORXFlightSearchRequest& request,
+                                                                          const ORXBag& bag,
+                                                                          std::string_view userGuid) const;
+    /// To the card's own URL.
+    [[nodiscard]] std::optional<platform::URLRequest> cardRequest(const ORXCardRequest& request, const ORXBag& bag,
+                                                                  std::string_view userGuid) const;
+
+    struct FileDownload {
+        std::string_view url;
+        std::string_view version = {};  ///< of the file that is there; empty: none
+        bool includeLatLong = false;
+    };
+    [[nodiscard]] std::optional<platform::URLRequest> fileDownloadRequest(const FileDownload& download) const;
+
+    struct FlusherUpload {
+        std::string_view url;
+        std::chrono::nanoseconds timeout;
+        std::string_view digest;
+    };
+    /// A POST without its body, which is deflated.
+    [[nodiscard]] std::optional<platform::URLRequest> flusherUploadRequest(const FlusherUpload& upload) const;
+
+    /// JSON text; see SilhouetteTopics. Does not wait.
+    void setSilhouetteTopics(std::string_view json);
+
     /// The daemon's own agent for `name`: "NAME-AND-VERSION (DEVICE) name"; for an empty one its own name and version.
     [[nodiscard]] static std::string createUserAgentString(const platform::DeviceInformation& device,
                                                            std::string_view name);
@@ -76,8 +116,12 @@ private:
                                                                   const RequestInputs& inputs) const;
     [[nodiscard]] std::optional<platform::URLRequest> _queryRequest(const std::optional<std::string>& endpoint,
                                                                     const RequestInputs& inputs) const;
+    [[nodiscard]] std::optional<platform::URLRequest> _read(const RequestInputs& inputs,
+                                                            std::string_view endpoint) const;
     [[nodiscard]] std::optional<platform::URLRequest> _build(RequestInputs inputs, std::string_view endpoint) const
         ORX_REQUIRES_SHARED(_contextAccessQueue);
+    /// Queues an update of the context.
+    void _change(std::move_only_function<void(RequestContext&)> change);
     void _localeDidChange(const platform::LocaleSettings& settings);
 
     // Constant after construction.

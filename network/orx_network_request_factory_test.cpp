@@ -30,6 +30,12 @@ protected:
         request.triggerEvent = triggerEvent;
         return request;
     }
+    static std::optional<std::string> itemOf(const std::string& url, std::string_view name) {
+        const auto components = platform::parseURL(url).value();
+        for (auto& [itemName, value] : platform::decodeQuery(components.query.value_or("")))
+            if (itemName == name) return value;
+        return std::nullopt;
+    }
     std::string urlOf(const ORXSearchRequest& request) {
         return factory().searchRequest(request, *bag(), "GUID").value().url;
     }
@@ -45,10 +51,11 @@ TEST_F(FactoryTest, ASearchTellsQueryContextAndClient) {
     EXPECT_EQ(built.url,
               "https://a.example/s?24h=1&alwaysSendTophit=off&calendar=gregorian&card=1&cc=DE&esl=de-DE&kb_ime=de&"
               "key=tabbycat5208&l2=7&locale=de_DE&q=weather%20in%20K%C3%B6ln&suggest_queries=withtop&temp=C&"
-              "time_zone=Europe%2FBerlin&units=SI&x=1");
+              "time_zone=Europe%2FBerlin&tm=1&units=SI&x=1");
     EXPECT_THAT(built.headers,
                 ElementsAre(Pair("X-Kelvar-Languages", R"(["de-DE","en-GB"])"), Pair("X-Kelvar-UserGuid", "GUID"),
-                            Pair("User-Agent", "lumisk/1"), Pair("X-Kelvar-UI-Scale", "2.0")));
+                            Pair("User-Agent", "lumisk/1"), Pair("X-Kelvar-UI-Scale", "2.0"),
+                            Pair("X-Kelvar-GeoSession", testing::MatchesRegex("[0-9A-F-]{36} 1 0.000000"))));
     EXPECT_EQ(built.timeout, std::chrono::seconds(10));
     EXPECT_EQ(built.method, "GET");
 }
@@ -56,7 +63,7 @@ TEST_F(FactoryTest, ASearchTellsQueryContextAndClient) {
 TEST_F(FactoryTest, AnEmptyContextAndQuerySendLittle) {
     locale.set({});
     const auto built = factory().searchRequest(query(""), *bag(), "GUID").value();
-    EXPECT_EQ(built.url, "https://a.example/s?alwaysSendTophit=off&card=1&key=tabbycat5208&locale=&q=&units=SI");
+    EXPECT_EQ(built.url, "https://a.example/s?alwaysSendTophit=off&card=1&key=tabbycat5208&locale=&q=&tm=1&units=SI");
     EXPECT_EQ(platform::headerValue(built.headers, "X-Kelvar-UI-Scale"), std::nullopt);
 }
 
@@ -82,6 +89,58 @@ TEST_F(FactoryTest, TheClientsItemsWinOverOursAndDebugItemsOverTheirs) {
     EXPECT_THAT(url, HasSubstr("key=mine"));
     EXPECT_THAT(url, HasSubstr("q=debug"));
     EXPECT_THAT(url, HasSubstr("?=%26&"));
+}
+
+TEST_F(FactoryTest, SuggestionsTravelAsThreeListsOfOneLength) {
+    auto request = query("a");
+    request.completionCacheSuggestions = {
+        {.suggestion = "one", .score = 0.5, .type = 1},
+        {.suggestion = "two & more", .score = 3, .type = 5, .topicIdentifier = "t9"},
+        {.suggestion = "no code", .score = 9, .type = 2},
+        {.suggestion = "one", .score = 0.75, .type = 9},
+        {.suggestion = "12:30", .score = 1, .type = 6},
+        {.suggestion = "", .score = 1, .type = 6},
+        {.suggestion = "t", .score = 1, .type = 5, .topicIdentifier = "a:b"},
+        {.suggestion = "three", .score = 1e-7, .type = 8},
+    };
+    const auto url = urlOf(request);
+    EXPECT_THAT(url, HasSubstr("&lc=one%3Atwo%20%26%20more%3Athree&lco=en%3Ass-t9%3A3d&lcs=0.75%3A3%3A0.0000001&"));
+    request.completionCacheSuggestions.resize(0);
+    EXPECT_THAT(urlOf(request), Not(HasSubstr("lc")));
+}
+
+TEST_F(FactoryTest, SilhouetteTopicsAreScoredByTheSuggestionTakenBefore) {
+    const auto blob = [](std::string_view base64) { return ORXSuggestion{.fbr = std::string(base64)}; };
+    const auto all = R"({"sil": "plain", "pv": 3, "all": {"a": 0.5, "b": 2, "c": "x"}})";
+    const auto scored = blob("eyJzaSI6IHsiYSI6IDAuNSwgImMiOiAzLCAiZCI6IDRlMCwgImUiOiAieCJ9fQ==");
+    const std::tuple<std::string, std::optional<ORXSuggestion>, std::optional<std::string>> cases[] = {
+        {"", std::nullopt, std::nullopt},
+        {"no json", std::nullopt, "no json"},
+        {all, std::nullopt, "plain"},
+        {all, scored, R"({"a":0.25,"b":2,"c":"x","d":4})"},
+        {all, blob("not base64"), "plain"},
+        {all, blob("eyJzaSI6IDF9"), "plain"},
+        {R"({"sil": "plain", "all": {}})", scored, "plain"},
+        {R"({"all": 1})", scored, std::nullopt},
+    };
+    for (const auto& [topics, engaged, sent] : cases) {
+        factory().setSilhouetteTopics(topics);
+        auto request = query("a");
+        request.engagedSuggestion = engaged;
+        time.runPending();
+        EXPECT_EQ(itemOf(urlOf(request), "sil"), sent) << topics;
+        EXPECT_EQ(itemOf(factory().zeroKeywordRequest({}, *bag(), "").value().url, "sil"),
+                  SilhouetteTopics::fromText(topics).itemValue(nullptr));
+    }
+}
+
+TEST_F(FactoryTest, TopTopicsThatAreNoJSONAreLeftOut) {
+    auto request = query("a");
+    request.topTopics = "{\"a\":\n 1.50}";
+    const auto headers = [&] { return factory().searchRequest(request, *bag(), "GUID").value().headers; };
+    EXPECT_EQ(platform::headerValue(headers(), "X-Kelvar-TopTopics"), R"({"a":1.5})");
+    request.topTopics = "{\"a\":";
+    EXPECT_EQ(platform::headerValue(headers(), "X-Kelvar-TopTopics"), std::nullopt);
 }
 
 TEST_F(FactoryTest, WithoutAnEndpointThereIsNoRequest) {

@@ -1,10 +1,12 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "network/silhouette_topics.h"
 #include "platform/url.h"
 
 namespace orvex::platform {
@@ -26,6 +28,18 @@ struct RequestContext {
     bool is24hDateFormat = false;
     std::string localTimeZoneName;     ///< "Europe/Berlin"
     std::string geoDeviceCountryCode;  ///< "DE"; also chooses the bag endpoint
+
+    std::string geoLocationLatLng;        ///< "52.520000,13.405000"
+    std::string geoLocationSource;        ///< "wifi,40.000000"; without a location why there is none, "userno"
+    std::string lookupGeoLocationLatLng;  ///< in whole degrees until a search was made
+    std::optional<std::int32_t> routineMode;
+    std::int32_t transportationMode = 1;  ///< 1 unknown, stationary, walking, running, cycling, 6 automotive
+    std::string subscriptionInfo;         ///< JSON array
+    std::string storeFrontIdentifier;
+    bool isManagedAccount = false;
+    bool deviceRestricted = false;
+    std::string installedDictionaries;  ///< language codes, "de,en"
+    SilhouetteTopics silhouetteTopics;
 
     bool alwaysSendTophit = false;
     std::vector<platform::QueryItem> debuggingQueryItems;  ///< forced into every request that takes them

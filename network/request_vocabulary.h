@@ -8,8 +8,11 @@
 
 namespace orvex {
 
+class Assembly;
 class ORXBag;
 class OrvexURLRequestBuilder;
+struct ORXFlightSearchRequest;
+struct ORXLookupRequest;
 struct ORXRequest;
 struct ORXSearchRequest;
 struct RequestContext;
@@ -25,19 +28,36 @@ enum class RequestKind : std::uint8_t {
     bagCache,  ///< only for its URL, by which a cached bag is known to fit
     warm,
     search,
+    zeroKeyword,
+    moreResults,
+    lookup,
+    flight,
+    card,
+    fileDownload,
+    feedbackUpload,
 };
 
 /// What one request is made of. Everything referred to outlives the building of it.
 struct RequestInputs {
     RequestKind kind = RequestKind::warm;
-    const RequestContext* context = nullptr;   ///< filled in by the factory
-    bool useCindora = false;                   ///< the same
-    const ORXBag* bag = nullptr;               ///< of a query
-    const ORXRequest* request = nullptr;       ///< a client's query, of any kind
-    const ORXSearchRequest* search = nullptr;  ///< the same query when it is a search
+    const RequestContext* context = nullptr;  ///< filled in by the factory
+    const Assembly* assembly = nullptr;       ///< the same: settings, and peers that hold a part of the context
+    const ORXBag* bag = nullptr;              ///< of a query
+
+    // A client's query, and the same where it is of that kind.
+    const ORXRequest* request = nullptr;
+    const ORXSearchRequest* search = nullptr;
+    const ORXLookupRequest* lookup = nullptr;
+    const ORXFlightSearchRequest* flight = nullptr;
+    std::string_view queryString = {};
+    std::string_view temperatureUnit = {};
+    std::string_view clientContext = {};
+
     std::string_view userAgent = {};
     std::string_view userGuid = {};
-    std::string_view version = {};  ///< of the bag that is asked for, or of what we have
+    std::string_view version = {};  ///< of the bag or file that is asked for, or of what we have
+    std::string_view digest = {};   ///< of an upload's body
+    bool includeLatLong = false;    ///< of a download
     FieldMask fieldMask = FieldMask::none;
 };
 

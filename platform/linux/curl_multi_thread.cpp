@@ -10,7 +10,6 @@
 namespace orvex::platform {
 namespace {
 
-constexpr std::size_t maxIdleHandles = 8;
 constexpr long maxKeptConnections = 8;
 constexpr long maxConnections = 256;
 constexpr int noTimeout = std::numeric_limits<int>::max();  // 24 days, the longest that libcurl takes
@@ -58,10 +57,6 @@ void CurlMultiThread::close() {
 }
 
 void CurlMultiThread::_launch() {
-    if (_configuration.allowsFastOpen) {
-        _tlsSessions.reset(curl_share_init());
-        curl_share_setopt(_tlsSessions.get(), CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
-    }
     _multi.reset(curl_multi_init());
     if (!_multi) throw std::bad_alloc();
     curl_multi_setopt(_multi.get(), CURLMOPT_MAXCONNECTS, maxKeptConnections);
@@ -79,6 +74,7 @@ CurlMultiThread::Orders CurlMultiThread::_takeOrders() {
 }
 
 void CurlMultiThread::_run() {
+    _handles = std::make_unique<CurlHandlePool>(_configuration);
     for (;;) {
         Orders orders = _takeOrders();
         for (auto& task : orders.started) _begin(std::move(task));
@@ -91,22 +87,13 @@ void CurlMultiThread::_run() {
         curl_multi_poll(_multi.get(), nullptr, 0, noTimeout, nullptr);
     }
     _cancelAll();
-    _idleHandles.clear();
+    _handles.reset();
 }
 
 void CurlMultiThread::_begin(std::shared_ptr<CurlTask> task) {
     if (task->isCompleted()) return;  // cancelled meanwhile
-    CurlEasyHandle handle;
-    if (_idleHandles.empty()) {
-        handle.reset(curl_easy_init());
-        if (!handle) throw std::bad_alloc();
-    } else {
-        handle = std::move(_idleHandles.back());
-        _idleHandles.pop_back();
-    }
     const CurlTask* key = task.get();
-    auto& transfer = *(_transfers[key] = std::make_unique<CurlTransfer>(std::move(task), std::move(handle),
-                                                                        _configuration, _tlsSessions.get()));
+    auto& transfer = *(_transfers[key] = std::make_unique<CurlTransfer>(std::move(task), *_handles, _configuration));
     if (auto outcome = transfer.begin())
         _finish(transfer, *std::move(outcome));
     else
@@ -148,7 +135,6 @@ void CurlMultiThread::_add(CurlTransfer& transfer) {
 
 void CurlMultiThread::_finish(CurlTransfer& transfer, CurlOutcome outcome) {
     transfer.task()->complete(std::move(outcome), _delivery);
-    if (_idleHandles.size() < maxIdleHandles) _idleHandles.push_back(transfer.releaseHandle());
     _transfers.erase(transfer.task().get());
 }
 

@@ -43,9 +43,6 @@ private:
     struct MultiCleanup {
         void operator()(CURLM* handle) const { curl_multi_cleanup(handle); }
     };
-    struct ShareCleanup {
-        void operator()(CURLSH* handle) const { curl_share_cleanup(handle); }
-    };
     struct Orders {
         std::vector<std::shared_ptr<CurlTask>> started;
         std::vector<std::shared_ptr<CurlTask>> abandoned;
@@ -65,9 +62,8 @@ private:
     void _finish(CurlTransfer& transfer, CurlOutcome outcome);
     void _cancelAll();
 
-    // Constant after construction; the handles from the launch on.
+    // Constant after construction; the handle from the launch on.
     const URLSessionConfiguration _configuration;
-    std::unique_ptr<CURLSH, ShareCleanup> _tlsSessions;  ///< null: none are kept
     std::unique_ptr<CURLM, MultiCleanup> _multi;
 
     // Synchronised by themselves.
@@ -79,8 +75,8 @@ private:
     std::thread _thread ORX_GUARDED_BY(_mutex);
 
     // On the transfer thread.
+    std::unique_ptr<CurlHandlePool> _handles;  ///< outlives the transfers
     std::unordered_map<const CurlTask*, std::unique_ptr<CurlTransfer>> _transfers;
-    std::vector<CurlEasyHandle> _idleHandles;
 };
 
 }  // namespace orvex::platform

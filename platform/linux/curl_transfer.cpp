@@ -1,27 +1,19 @@
 #include "platform/linux/curl_transfer.h"
 
 #include <fmt/core.h>
-#include <openssl/ssl.h>
 
 #include <algorithm>
 #include <limits>
 
-// Each hop sets a handle up that is new or reset. That costs a few microseconds and leaves no option behind that the
-// next request did not ask for.
+// Each hop sets every option on its handle that a plain request has and the pool has not set. A handle that was given
+// more than those, a method or a proxy, is not given back, so no option is left behind for another request.
 
 namespace orvex::platform {
 namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto connectTimeout = 20s;
-constexpr auto lowSpeedTime = 60s;  // a request that may take longer ends when nothing has come for this long
 constexpr std::size_t largestReserve = 1u << 20;  // of what an answer claims its length to be
-
-CURLcode clearNoTicket(CURL*, void* context, void*) {
-    SSL_CTX_clear_options(static_cast<SSL_CTX*>(context), SSL_OP_NO_TICKET);
-    return CURLE_OK;
-}
 
 TransportError::Code errorCode(CURLcode code) {
     switch (code) {
@@ -69,27 +61,34 @@ std::string_view asText(const char* bytes, std::size_t size) { return {bytes, si
 
 }  // namespace
 
-CurlTransfer::CurlTransfer(std::shared_ptr<CurlTask> task, CurlEasyHandle handle,
-                           const URLSessionConfiguration& session, CURLSH* tlsSessions)
+CurlTransfer::CurlTransfer(std::shared_ptr<CurlTask> task, CurlHandlePool& handles,
+                           const URLSessionConfiguration& session)
     : _task(std::move(task)),
       _session(session),
       _settings(_task->settings()),
-      _tlsSessions(tlsSessions),
-      _handle(std::move(handle)),
+      _handles(handles),
+      _handle(_handles.take()),
       _method(_task->originalRequest().method) {}
 
-CurlTransfer::~CurlTransfer() = default;
+CurlTransfer::~CurlTransfer() {
+    if (!_isPlain) return;
+    // libcurl keeps pointers to what ends here.
+    _set(CURLOPT_CURLU, static_cast<CURLU*>(nullptr));
+    _set(CURLOPT_ERRORBUFFER, static_cast<char*>(nullptr));
+    _set(CURLOPT_HTTPHEADER, static_cast<curl_slist*>(nullptr));
+    _handles.giveBack(std::move(_handle));
+}
 
 std::optional<CurlOutcome> CurlTransfer::begin() {
     const URLRequest& request = _task->originalRequest();
-    auto url = parseAcceptableURL(request.url);
-    if (!url) return _failed(TransportError::other, url.error().text);
+    auto target = acceptURL(request.url);
+    if (!target) return _failed(TransportError::other, target.error().text);
     if (auto reason = unsendablePart(request)) return _failed(TransportError::other, *reason);
     if (_settings.proxyURL) {
         const auto proxy = parseAcceptableURL(*_settings.proxyURL);
         if (!proxy) return _failed(TransportError::other, "the proxy: " + proxy.error().text);
     }
-    _url = *std::move(url);
+    _target = *std::move(target);
     return _prepare();
 }
 
@@ -107,16 +106,12 @@ std::optional<CurlOutcome> CurlTransfer::next(CURLcode code) {
         auto ended = _follow(location->value);
         if (ended) return ended;
         _rewriteMethod(status);
-        curl_easy_reset(_handle.get());
+        _handle = _handles.take();
+        _isPlain = true;
         return _prepare();
     }
     Body data = _body->empty() ? nullptr : std::move(_body);
     return CurlOutcome{.data = std::move(data), .response = _response(), .timing = _timing};
-}
-
-CurlEasyHandle CurlTransfer::releaseHandle() {
-    curl_easy_reset(_handle.get());
-    return std::move(_handle);
 }
 
 std::optional<CurlOutcome> CurlTransfer::_prepare() {
@@ -134,11 +129,11 @@ std::optional<CurlOutcome> CurlTransfer::_prepare() {
 std::optional<CurlOutcome> CurlTransfer::_follow(const std::string& location) {
     if (++_redirects > maxRedirects)
         return _failed(TransportError::other, fmt::format("more than {} redirects", maxRedirects));
-    auto target = resolveRedirect(_url, location);
+    auto target = acceptRedirect(_target.url, location);
     if (!target) return _failed(TransportError::other, "the redirect: " + target.error().text);
     // What was left out once stays out: the other host could send us back with an address of its own making.
-    if (target->host != _url.host) _sendsHeaders = false;
-    _url = *std::move(target);
+    if (target->url.host != _target.url.host) _sendsHeaders = false;
+    _target = *std::move(target);
     return std::nullopt;
 }
 
@@ -162,7 +157,7 @@ TransportError CurlTransfer::_transportError(CURLcode code) const {
 }
 
 URLResponse CurlTransfer::_response() const {
-    URLResponse response{.url = _url.absoluteString()};
+    URLResponse response{.url = _target.url.absoluteString()};
     long status = 0;
     curl_easy_getinfo(_handle.get(), CURLINFO_RESPONSE_CODE, &status);
     response.statusCode = status;
@@ -207,20 +202,9 @@ void CurlTransfer::_set(CURLoption option, Value value) {
 
 CURLcode CurlTransfer::_setUp() {
     _setUpResult = CURLE_OK;
-    _set(CURLOPT_URL, _url.absoluteString().c_str());
+    _set(CURLOPT_CURLU, _target.handle.get());
     _set(CURLOPT_PRIVATE, this);
-    _set(CURLOPT_PROTOCOLS_STR, "http,https");
-    _set(CURLOPT_PATH_AS_IS, 1L);
-    _set(CURLOPT_DISALLOW_USERNAME_IN_URL, 1L);
-    _set(CURLOPT_FOLLOWLOCATION, 0L);
-    _set(CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_2TLS});
-    _set(CURLOPT_ACCEPT_ENCODING, "gzip, deflate");
-    _set(CURLOPT_NOSIGNAL, 1L);
-    _set(CURLOPT_QUICK_EXIT, 1L);
     _set(CURLOPT_TIMEOUT_MS, static_cast<long>(_remaining().count()));
-    _set(CURLOPT_CONNECTTIMEOUT, static_cast<long>(connectTimeout.count()));
-    _set(CURLOPT_LOW_SPEED_LIMIT, 1L);
-    _set(CURLOPT_LOW_SPEED_TIME, static_cast<long>(lowSpeedTime.count()));
     _set(CURLOPT_ERRORBUFFER, _errorText.data());
     _set(CURLOPT_HEADERFUNCTION, &CurlTransfer::_onHeader);
     _set(CURLOPT_HEADERDATA, this);
@@ -228,7 +212,6 @@ CURLcode CurlTransfer::_setUp() {
     _set(CURLOPT_WRITEDATA, this);
     _setMethod();
     _setHeaders();
-    _setTrust();
     _setProxy();
     return _setUpResult;
 }
@@ -236,6 +219,7 @@ CURLcode CurlTransfer::_setUp() {
 void CurlTransfer::_setMethod() {
     const std::string& body = _task->originalRequest().body;
     const bool withBody = _sendsBody && !body.empty();
+    if (_method != "GET" || withBody) _isPlain = false;
     if (withBody || _method == "POST" || _method == "PUT") {
         _set(CURLOPT_POST, 1L);
         _set(CURLOPT_POSTFIELDS, withBody ? body.data() : "");
@@ -272,32 +256,15 @@ void CurlTransfer::_setHeaders() {
     _set(CURLOPT_HTTPHEADER, _headerList.get());
 }
 
-void CurlTransfer::_setTrust() {
-    // One of the two, never both: a directory beside a file makes each new connection read all of it.
-    static const curl_version_info_data* const version = curl_version_info(CURLVERSION_NOW);
-    const bool own = !_session.certificateAuthorityFile.empty();
-    const char* directory = own ? nullptr : version->capath;
-    const char* file = own ? _session.certificateAuthorityFile.c_str() : (directory ? nullptr : version->cainfo);
-    _set(CURLOPT_CAINFO, file);
-    _set(CURLOPT_CAPATH, directory);
-    _set(CURLOPT_PROXY_CAINFO, file);
-    _set(CURLOPT_PROXY_CAPATH, directory);
-    _set(CURLOPT_SSL_SESSIONID_CACHE, _tlsSessions ? 1L : 0L);
-    if (_tlsSessions) {
-        _set(CURLOPT_SHARE, _tlsSessions);
-        _set(CURLOPT_SSL_CTX_FUNCTION, &clearNoTicket);
-    }
-    if (_session.allowsFastOpen) _set(CURLOPT_TCP_FASTOPEN, 1L);
-}
-
 void CurlTransfer::_setProxy() {
     if (_settings.proxyURL) {
+        _isPlain = false;
         _set(CURLOPT_PROXY, _settings.proxyURL->c_str());
         _set(CURLOPT_NOPROXY, "");
         _set(CURLOPT_HTTPPROXYTUNNEL, 1L);
         _set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
-    } else if (isLoopbackHost(_url.host)) {
-        _set(CURLOPT_NOPROXY, "*");
+    } else {
+        _set(CURLOPT_NOPROXY, isLoopbackHost(_target.url.host) ? "*" : nullptr);
     }
 }
 

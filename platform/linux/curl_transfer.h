@@ -8,15 +8,11 @@
 #include <optional>
 #include <string>
 
+#include "platform/linux/curl_handle_pool.h"
 #include "platform/linux/curl_task.h"
-#include "platform/url.h"
+#include "platform/linux/curl_url.h"
 
 namespace orvex::platform {
-
-struct CurlEasyCleanup {
-    void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
-};
-using CurlEasyHandle = std::unique_ptr<CURL, CurlEasyCleanup>;
 
 /// One request under way: an easy handle set up for it, the answer as far as it has come, and the redirects, which are
 /// followed here and not by libcurl. Between `begin`, and each `next` that says so, and the following `next`, the
@@ -30,9 +26,8 @@ public:
     static constexpr std::size_t maxHeaderBytes = 256u << 10;
     static constexpr std::chrono::seconds defaultTimeout{60};
 
-    /// `tlsSessions` may be null: then none is kept.
-    CurlTransfer(std::shared_ptr<CurlTask> task, CurlEasyHandle handle, const URLSessionConfiguration& session,
-                 CURLSH* tlsSessions);
+    /// Takes a handle of `handles`, which outlives it, and gives it back at its end.
+    CurlTransfer(std::shared_ptr<CurlTask> task, CurlHandlePool& handles, const URLSessionConfiguration& session);
     ~CurlTransfer();
     CurlTransfer(const CurlTransfer&) = delete;
     CurlTransfer& operator=(const CurlTransfer&) = delete;
@@ -43,11 +38,8 @@ public:
     /// Checks the request and sets the handle up. An outcome: it is over before it began.
     std::optional<CurlOutcome> begin();
 
-    /// libcurl ended with `code`. None: the handle is set up anew, for the target of a redirect.
+    /// libcurl ended with `code`. None: there is another handle, set up for the target of a redirect.
     std::optional<CurlOutcome> next(CURLcode code);
-
-    /// The handle, reset, for another request. The transfer is of no more use.
-    CurlEasyHandle releaseHandle();
 
 private:
     struct HeaderListFree {
@@ -57,7 +49,6 @@ private:
     CURLcode _setUp();
     void _setMethod();
     void _setHeaders();
-    void _setTrust();
     void _setProxy();
     template <class Value>
     void _set(CURLoption option, Value value);
@@ -78,14 +69,15 @@ private:
     const std::shared_ptr<CurlTask> _task;
     const URLSessionConfiguration& _session;
     const CurlTask::Settings _settings;
-    CURLSH* const _tlsSessions;
+    CurlHandlePool& _handles;
 
     // On the transfer thread.
     CurlEasyHandle _handle;
+    bool _isPlain = true;  ///< the handle has only such options as every request sets
     std::unique_ptr<curl_slist, HeaderListFree> _headerList;
     std::array<char, CURL_ERROR_SIZE> _errorText{};
     CURLcode _setUpResult = CURLE_OK;
-    URL _url;                   ///< of this hop
+    AcceptedURL _target;        ///< of this hop
     std::string _method;        ///< of this hop
     bool _sendsHeaders = true;  ///< false once a redirect left the host
     bool _sendsBody = true;

@@ -2,6 +2,8 @@
 
 #include <pthread.h>
 
+#include <mutex>
+
 namespace orvex::platform {
 
 DeliveryThread::DeliveryThread(std::string label) : _label(std::move(label)) {}
@@ -13,7 +15,7 @@ bool DeliveryThread::post(Block block) {
         const MutexLock lock(_state->mutex);
         if (_state->closed) return false;
         if (!_thread.joinable()) {
-            _thread = std::thread([state = _state] { _run(state); });
+            _thread = std::thread([state = _state] { _run(*state); });
             pthread_setname_np(_thread.native_handle(), _label.substr(0, 15).c_str());
         }
         _state->blocks.push_back(std::move(block));
@@ -37,18 +39,17 @@ void DeliveryThread::close() {
         thread.join();
 }
 
-void DeliveryThread::_run(const std::shared_ptr<State>& state) {
-    for (;;) {
-        Block block;
-        {
-            const MutexLock lock(state->mutex);
-            while (state->blocks.empty() && !state->closed) state->changed.wait(state->mutex);
-            if (state->blocks.empty()) return;
-            block = std::move(state->blocks.front());
-            state->blocks.pop_front();
-        }
-        block();
-    }
+void DeliveryThread::_run(State& state) {
+    while (Block block = _next(state)) block();
+}
+
+DeliveryThread::Block DeliveryThread::_next(State& state) {
+    std::unique_lock lock(state.mutex.native());
+    while (state.blocks.empty() && !state.closed) state.changed.wait(lock);
+    if (state.blocks.empty()) return nullptr;
+    Block block = std::move(state.blocks.front());
+    state.blocks.pop_front();
+    return block;
 }
 
 }  // namespace orvex::platform

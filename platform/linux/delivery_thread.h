@@ -34,11 +34,13 @@ public:
 private:
     struct State {
         Mutex mutex;
-        std::condition_variable_any changed;
+        std::condition_variable changed;
         std::deque<Block> blocks ORX_GUARDED_BY(mutex);
         bool closed ORX_GUARDED_BY(mutex) = false;
     };
-    static void _run(const std::shared_ptr<State>& state);
+    static void _run(State& state);
+    /// Waits for it; empty once there will be none.
+    static Block _next(State& state) ORX_NO_THREAD_SAFETY_ANALYSIS;
 
     // Constant after construction.
     const std::string _label;

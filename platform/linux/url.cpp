@@ -1,7 +1,6 @@
-#include "platform/url.h"
+#include "platform/linux/curl_url.h"
 
 #include <arpa/inet.h>
-#include <curl/curl.h>
 #include <fmt/core.h>
 
 #include <algorithm>
@@ -10,19 +9,15 @@
 #include <ranges>
 
 // libcurl connects to what it reads in a URL's text, so nothing is read here with any other eyes: a host that this file
-// takes for a public one must be public to libcurl too. Paths are kept as written here and in the transfers
-// (CURLOPT_PATH_AS_IS), for the same reason.
+// takes for a public one must be public to libcurl too. Paths are kept as written, and transfers take the parse made
+// here, for the same reason.
 
 namespace orvex::platform {
 namespace {
 
 constexpr std::size_t maxURLBytes = 64u << 10;
 
-using URLHandle = std::unique_ptr<CURLU, decltype(&curl_url_cleanup)>;
-
-URLHandle makeHandle() { return {curl_url(), &curl_url_cleanup}; }
-
-std::optional<std::string> part(const URLHandle& handle, CURLUPart which) {
+std::optional<std::string> part(const CurlURLHandle& handle, CURLUPart which) {
     char* text = nullptr;
     if (curl_url_get(handle.get(), which, &text, 0) != CURLUE_OK) return std::nullopt;
     const std::unique_ptr<char, decltype(&curl_free)> owned(text, &curl_free);
@@ -42,14 +37,14 @@ Result<void> checkText(std::string_view text) {
     return {};
 }
 
-std::string hostWithZone(const URLHandle& handle) {
+std::string hostWithZone(const CurlURLHandle& handle) {
     std::string host = asciiLowerCase(part(handle, CURLUPART_HOST).value_or(""));
     if (const auto zone = part(handle, CURLUPART_ZONEID); zone && host.ends_with(']'))
         host.insert(host.size() - 1, "%25" + *zone);
     return host;
 }
 
-URL read(const URLHandle& handle) {
+URL read(const CurlURLHandle& handle) {
     URL url;
     url.scheme = asciiLowerCase(part(handle, CURLUPART_SCHEME).value_or(""));
     url.user = part(handle, CURLUPART_USER).value_or("");
@@ -62,9 +57,19 @@ URL read(const URLHandle& handle) {
     return url;
 }
 
+Result<CurlURLHandle> parse(std::string_view text) {
+    if (auto checked = checkText(text); !checked) return std::unexpected(checked.error());
+    CurlURLHandle handle(curl_url());
+    const unsigned flags = CURLU_NON_SUPPORT_SCHEME | CURLU_PATH_AS_IS;
+    if (const CURLUcode code = curl_url_set(handle.get(), CURLUPART_URL, std::string(text).c_str(), flags);
+        code != CURLUE_OK)
+        return failure(code, fmt::format("not a URL: {}", curl_url_strerror(code)));
+    return handle;
+}
+
 /// libcurl decodes escapes in a host each time it reads one. A host with an escape left in it would become another one
 /// the next time, after it was checked.
-Result<URL> readChecked(const URLHandle& handle) {
+Result<URL> readChecked(const CurlURLHandle& handle) {
     URL url = read(handle);
     if (!url.host.starts_with('[') && url.host.find('%') != std::string::npos)
         return failure(0, "not a URL: an escape within an escape in the host");
@@ -126,25 +131,29 @@ std::string URL::absoluteString() const {
 }
 
 Result<URL> parseURL(std::string_view text) {
-    if (auto checked = checkText(text); !checked) return std::unexpected(checked.error());
-    const URLHandle handle = makeHandle();
-    const unsigned flags = CURLU_NON_SUPPORT_SCHEME | CURLU_PATH_AS_IS;
-    if (const CURLUcode code = curl_url_set(handle.get(), CURLUPART_URL, std::string(text).c_str(), flags);
-        code != CURLUE_OK)
-        return failure(code, fmt::format("not a URL: {}", curl_url_strerror(code)));
-    return readChecked(handle);
+    const auto handle = parse(text);
+    if (!handle) return std::unexpected(handle.error());
+    return readChecked(*handle);
 }
 
-Result<URL> parseAcceptableURL(std::string_view text) {
-    auto url = parseURL(text);
-    if (!url) return url;
+Result<AcceptedURL> acceptURL(std::string_view text) {
+    auto handle = parse(text);
+    if (!handle) return std::unexpected(handle.error());
+    auto url = readChecked(*handle);
+    if (!url) return std::unexpected(url.error());
     if (url->scheme != "https" && url->scheme != "http")
         return failure(0, fmt::format("the scheme {} is refused", url->scheme));
     if (!url->user.empty() || !url->password.empty()) return failure(0, "a URL with user or password is refused");
     if (url->host.empty()) return failure(0, "a URL without host is refused");
     if (url->scheme == "http" && !isLoopbackHost(url->host))
         return failure(0, fmt::format("the scheme http is refused for the host {}", url->host));
-    return url;
+    return AcceptedURL{.url = *std::move(url), .handle = *std::move(handle)};
+}
+
+Result<URL> parseAcceptableURL(std::string_view text) {
+    auto accepted = acceptURL(text);
+    if (!accepted) return std::unexpected(accepted.error());
+    return std::move(accepted->url);
 }
 
 bool isLoopbackHost(std::string_view host) {
@@ -165,7 +174,7 @@ Result<URL> resolveURL(const URL& base, std::string_view reference) {
     start.fragment.clear();
     if (reference.empty()) return start;
 
-    const URLHandle handle = makeHandle();
+    const CurlURLHandle handle(curl_url());
     CURLUcode code = curl_url_set(handle.get(), CURLUPART_URL, start.absoluteString().c_str(),
                                   CURLU_NON_SUPPORT_SCHEME | CURLU_PATH_AS_IS);
     if (code == CURLUE_OK)
@@ -174,16 +183,23 @@ Result<URL> resolveURL(const URL& base, std::string_view reference) {
     return readChecked(handle);
 }
 
-Result<URL> resolveRedirect(const URL& from, std::string_view location) {
+Result<AcceptedURL> acceptRedirect(const URL& from, std::string_view location) {
     const auto target = resolveURL(from, location);
-    if (!target) return target;
-    auto accepted = parseAcceptableURL(target->absoluteString());
+    if (!target) return std::unexpected(target.error());
+    auto accepted = acceptURL(target->absoluteString());
     if (!accepted) return accepted;
-    if (from.scheme == "https" && accepted->scheme != "https")
+    if (from.scheme == "https" && accepted->url.scheme != "https")
         return failure(0, "a redirect from https to http is refused");
-    const bool toThisHost = isLoopbackHost(accepted->host) || isLoopbackInDisguise(accepted->host);
+    const std::string& host = accepted->url.host;
+    const bool toThisHost = isLoopbackHost(host) || isLoopbackInDisguise(host);
     if (toThisHost && !isLoopbackHost(from.host)) return failure(0, "a redirect to a loopback host is refused");
     return accepted;
+}
+
+Result<URL> resolveRedirect(const URL& from, std::string_view location) {
+    auto accepted = acceptRedirect(from, location);
+    if (!accepted) return std::unexpected(accepted.error());
+    return std::move(accepted->url);
 }
 
 std::vector<QueryItem> decodeQuery(std::string_view query) {

@@ -2,13 +2,11 @@
 // answers by itself. Medians of calls made in turn; the service is a process of its own, pinned with this one.
 
 #include <fmt/core.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <mutex>
@@ -16,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "benchmarks/measuring.h"
 #include "platform/fakes/private_bus.h"
 #include "platform/linux/sd_bus.h"
 
@@ -86,11 +85,6 @@ double timeCall(sd_bus* bus, const char* member) {
     return took.count();
 }
 
-double median(std::vector<double>& times) {
-    std::ranges::nth_element(times, times.begin() + static_cast<std::ptrdiff_t>(times.size() / 2));
-    return times[times.size() / 2];
-}
-
 bool waitForService(sd_bus* bus) {
     for (const auto end = Clock::now() + std::chrono::seconds(10); Clock::now() < end;) {
         sd_bus_message* answer = nullptr;
@@ -104,10 +98,7 @@ bool waitForService(sd_bus* bus) {
 }  // namespace
 
 int main() {
-    cpu_set_t one;
-    CPU_ZERO(&one);
-    CPU_SET(0, &one);
-    ::sched_setaffinity(0, sizeof one, &one);
+    orvex::pinToOneCore();
 
     PrivateBus daemon;
     const pid_t service = ::fork();
@@ -125,11 +116,11 @@ int main() {
         inlines.push_back(timeCall(bus, "Inline"));
         handed.push_back(timeCall(bus, "Handed"));
     }
-    const double floor = median(pings);
+    const double floor = orvex::median(pings);
     fmt::print("Peer.Ping                                {:8.1f} us\n", floor);
     for (auto& [what, times] : {std::pair("4 KiB reply, answered on the bus thread ", &inlines),
                                 std::pair("4 KiB reply, answered on another thread ", &handed)}) {
-        fmt::print("{} {:8.1f} us  {:.2f} x\n", what, median(*times), median(*times) / floor);
+        fmt::print("{} {:8.1f} us  {:.2f} x\n", what, orvex::median(*times), orvex::median(*times) / floor);
     }
     sd_bus_flush_close_unref(bus);
     ::kill(service, SIGKILL);

@@ -12,6 +12,7 @@ that the environment variable ORVEX_BIN names, without it in that of the release
 """
 
 import ctypes
+import json
 import os
 import shutil
 import signal
@@ -20,6 +21,7 @@ import tempfile
 import threading
 import time
 import unittest
+import urllib.request
 from collections import namedtuple
 from pathlib import Path
 
@@ -163,16 +165,30 @@ class ReferenceServer(Process):
         if not self._port_line():
             raise AssertionError(f"no reference server: {self.describe()}")
         self.port = int(self._port_line().split()[-1])
+        self._scheme = "https" if "--tls-cert" in arguments else "http"
 
     def _port_line(self):
         return next((line for line in list(self.out) if line.startswith("listening on ")), None)
 
     def url(self, path):
-        return f"http://127.0.0.1:{self.port}{path}"
+        return f"{self._scheme}://127.0.0.1:{self.port}{path}"
 
     @property
     def bag_url(self):
         return self.url("/bag")
+
+    def misbehave(self, *rules):
+        """These rules of docs/reference-server.md and no others. Forgets the requests so far."""
+        self._control(None, "DELETE")
+        self._control(json.dumps(rules).encode(), "POST")
+
+    def state(self):
+        return json.loads(self._control(None, "GET"))
+
+    def _control(self, body, method):
+        request = urllib.request.Request(self.url("/control"), body, method=method)
+        with urllib.request.urlopen(request, timeout=DEADLINE) as answer:
+            return answer.read()
 
 
 class Daemon(Process):
@@ -181,9 +197,10 @@ class Daemon(Process):
     def __init__(self, bus, home, arguments, defaults, environment):
         self.home = Path(home)
         self._observer = bus.connect()
-        # The bag of a scenario without a server is refused at once; nothing asks the network.
+        # The bag of a scenario without a server is refused at once; nothing asks the network. None: as stored.
         defaults = {"ORXBagURL": "http://127.0.0.1:9/bag"} | defaults
-        values = [part for key, value in defaults.items() for part in ("--default", f"{key}={value}")]
+        values = [part for key, value in defaults.items() if value is not None
+                  for part in ("--default", f"{key}={value}")]
         super().__init__([program("orvexd"), "--bus", bus.address, *values, *arguments], environment)
 
     @property
@@ -214,7 +231,12 @@ class Daemon(Process):
             return False
 
 
-Answer = namedtuple("Answer", "query_id reply error")
+class Answer(namedtuple("Answer", "query_id reply error")):
+    @property
+    def suggestions(self):
+        """The texts that the reference server suggested; none without a reply."""
+        return [result["suggestion"] for result in json.loads(bytes(self.reply.get("data", b"[]")))]
+
 
 # The types of a request's entries; an entry that is not here goes out as dbus-python guesses.
 _ENTRY_TYPES = {
@@ -273,6 +295,7 @@ class Client:
     def __init__(self, bus):
         self.connection = bus.connect()
         self.signals = []  # (name, arguments), in the order of arrival
+        self._beginnings = (first + second for second in "aeiou" for first in "bcdfghklmnprstvw")
         self.connection.add_signal_receiver(self._received, dbus_interface=DAEMON, path=PATH, member_keyword="member")
 
     def _received(self, *arguments, member):
@@ -299,6 +322,10 @@ class Client:
 
     def request(self, kind, **entries):
         return Answer(*self.request_async(kind, **entries).result())
+
+    def search(self, text=None, query_id=1, **entries):
+        """Without a text: for the next beginning of words, so that no answer is there from an earlier one."""
+        return self.request("search", query_id=query_id, query_string=text or next(self._beginnings), **entries)
 
     def bag(self):
         """(the bag as JSON text, error)"""

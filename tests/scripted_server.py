@@ -84,6 +84,7 @@ class ScriptedServer:
 
         class Server(http.server.ThreadingHTTPServer):
             daemon_threads = True
+            request_queue_size = 512
 
             def shutdown_request(self, request):
                 self.close_request(request)  # without the orderly end that would come before a reset

@@ -1,0 +1,75 @@
+#!/usr/bin/python3
+"""orvex_tool: what each command prints, as JSON and for people, and how it ends."""
+
+import json
+import unittest
+
+import harness
+
+
+class ToolTest(harness.Scenario):
+    def setUp(self):
+        super().setUp()
+        self.private_bus = self.bus()
+
+    def tool(self, *arguments, bus=None):
+        return self.run_program("orvex_tool", "--bus", bus or self.private_bus.address, *arguments)
+
+    def start(self):
+        self.reference = self.server()
+        self.daemon(self.private_bus, defaults={"ORXBagURL": self.reference.bag_url})
+        client = self.client(self.private_bus).configure()
+        client.wait_for_signal("BagDidLoad")
+
+    def test_each_command_prints_a_page_or_one_json_document(self):
+        self.start()
+        for arguments, check in (
+                (["search", "tea", "--set", "query_id=5", "--set", "scale=2"],
+                 lambda d: d["query_id"] == 5 and d["reply"]["data"][0]["query"].startswith("tea")),
+                (["bag"], lambda d: d["version"] == "1"),
+                (["sessions"], lambda d: [session["identifier"] for session in d] == ["orvex_tool", "scenario"]),
+                (["images"], lambda d: all(url.startswith("http") for url in d.values()) and d),
+                (["status"], lambda d: d["bag_version"] == "1" and "connections" in d),
+                (["counters"], lambda d: d["com.kelvar.orvexd.launch"] == 1),
+                (["run-activity", "com.kelvar.orvexd.dp.flush"], lambda d: d["ran"] == "com.kelvar.orvexd.dp.flush"),
+                (["defaults", "write", "key", "[1, true]"], None),
+                (["defaults", "read", "key"], lambda d: d == [1, True]),
+                (["defaults", "read"], lambda d: d == {"key": [1, True]})):
+            with self.subTest(arguments):
+                page, document = self.tool(*arguments), self.tool("--json", *arguments)
+                self.assertEqual((page.wait(), document.wait()), (0, 0), document.describe())
+                self.assertEqual(page.log + document.log, [])
+                if check:
+                    self.assertTrue(check(json.loads("\n".join(document.out))), document.describe())
+        self.assertEqual(self.tool("defaults", "delete", "key").wait(), 0)
+
+    def test_an_answered_error_is_status_1(self):
+        self.start()
+        self.reference.misbehave({"path": "/search", "action": "reset", "times": 0})
+        document = self.tool("--json", "search", "tea")
+        self.assertEqual(json.loads(document.out[0])["error"]["code"], -1005)
+        for arguments in (["--json", "search", "tea"], ["search", "tea"], ["run-activity", "none"],
+                          ["--identifier", "x" * 300, "search", "tea"], ["defaults", "read", "nothing"]):
+            with self.subTest(arguments):
+                self.assertEqual(self.tool(*arguments).wait(), 1)
+
+    def test_wrong_usage_is_status_2_whether_a_daemon_runs_or_not(self):
+        for arguments in ([], ["nonsense"], ["search"], ["search", "a", "b"], ["bag", "--set", "x=1"],
+                          ["search", "a", "--set", "scale"], ["search", "a", "--set", "scale=wide"],
+                          ["defaults"], ["defaults", "write", "key"], ["run-activity"]):
+            with self.subTest(arguments):
+                ended = self.tool(*arguments)
+                self.assertEqual((ended.wait(), ended.out), (2, []), ended.describe())
+                self.assertTrue(ended.log)
+
+    def test_without_a_daemon_or_a_bus_it_is_status_3(self):
+        for command in (["search", "a"], ["bag"], ["sessions"], ["images"], ["status"], ["counters"],
+                        ["run-activity", "com.kelvar.orvexd.dp.flush"]):
+            with self.subTest(command):
+                self.assertEqual(self.tool(*command).wait(), 3)
+        self.assertEqual(self.tool("status", bus=f"unix:path={self.directory}/nobody").wait(), 3)
+        self.assertEqual(self.tool("--help").wait(), 0)
+
+
+if __name__ == "__main__":
+    unittest.main()

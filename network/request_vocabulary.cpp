@@ -392,8 +392,8 @@ constexpr VocabularyEntry table[] = {
 // clang-format on
 
 consteval std::uint8_t positionOf(std::string_view name) {
-    for (std::uint8_t position = 0; position < std::size(table); ++position)
-        if (table[position].name == name) return position;
+    for (std::size_t position = 0; position < std::size(table); ++position)
+        if (table[position].name == name) return static_cast<std::uint8_t>(position);
     throw "no entry of that name";
 }
 

@@ -3,7 +3,7 @@
 #include <fmt/core.h>
 
 #include <cerrno>
-#include <cstring>
+#include <system_error>
 
 namespace orvex::platform {
 
@@ -96,7 +96,7 @@ private:
     std::string _full(std::string_view name) const { return fmt::format("{}/{}", _path, name); }
 
     std::unexpected<Failure> _fail(std::string_view what, std::string_view name, int code) const {
-        return failure(code, fmt::format("cannot {} {}: {}", what, _full(name), std::strerror(code)));
+        return failure(code, fmt::format("cannot {} {}: {}", what, _full(name), std::generic_category().message(code)));
     }
 
     /// Why nothing can stand under `name`, or 0.

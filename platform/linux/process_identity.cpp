@@ -5,8 +5,8 @@
 
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <string_view>
+#include <system_error>
 
 namespace orvex::platform {
 
@@ -17,7 +17,7 @@ Result<std::string> executablePath(std::int32_t processIdentifier) {
     const std::string link = fmt::format("/proc/{}/exe", processIdentifier);
     std::array<char, 4096> path;
     const ssize_t length = readlink(link.c_str(), path.data(), path.size());
-    if (length < 1) return failure(errno, std::strerror(errno));
+    if (length < 1) return failure(errno, std::generic_category().message(errno));
     std::string text(path.data(), static_cast<std::size_t>(length));
     if (text.ends_with(deleted)) text.resize(text.size() - deleted.size());
     return text;

@@ -15,8 +15,8 @@
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
-#include <cstring>
 #include <set>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -80,7 +80,8 @@ platform::Result<Descriptor> listenOn(std::uint16_t port) {
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     if (::bind(socket.number(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
         ::listen(socket.number(), SOMAXCONN) != 0)
-        return failure(errno, fmt::format("cannot listen on 127.0.0.1:{}: {}", port, std::strerror(errno)));
+        return failure(errno,
+                       fmt::format("cannot listen on 127.0.0.1:{}: {}", port, std::generic_category().message(errno)));
     return socket;
 }
 

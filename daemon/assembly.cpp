@@ -36,4 +36,10 @@ platform::URLSession& Assembly::bagSession() {
     return *_bagSession;
 }
 
+const std::shared_ptr<EngagedCompletionCache>& Assembly::engagedCompletionCache(
+    const std::function<std::shared_ptr<EngagedCompletionCache>()>& make) {
+    std::call_once(_engagedCompletionCacheOnce, [&] { _engagedCompletionCache = make(); });
+    return _engagedCompletionCache;
+}
+
 }  // namespace orvex

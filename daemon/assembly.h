@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -29,6 +30,7 @@ namespace orvex {
 class AppWhitelistSignature;
 class BagController;
 class ClientStateManager;
+class EngagedCompletionCache;
 class GUIDController;
 class LocationManager;
 class ORXNetworkRequestFactory;
@@ -105,6 +107,10 @@ public:
     [[nodiscard]] bool sharedSession() const { return _sharedSession; }
     void setSharedSession(bool shared) { _sharedSession = shared; }
 
+    /// The one instance; `EngagedCompletionCache::sharedInstance` is how to ask for it. `make` is called on first use.
+    [[nodiscard]] const std::shared_ptr<EngagedCompletionCache>& engagedCompletionCache(
+        const std::function<std::shared_ptr<EngagedCompletionCache>()>& make);
+
     [[nodiscard]] bool diskBagCacheEnabled() const { return true; }
     [[nodiscard]] bool useCindora() const;  ///< the user default "ORXUseCindora"
 
@@ -131,8 +137,10 @@ private:
     // Synchronised by themselves.
     std::once_flag _urlSessionOnce;
     std::once_flag _bagSessionOnce;
+    std::once_flag _engagedCompletionCacheOnce;
     std::shared_ptr<platform::URLSession> _urlSession;
     std::shared_ptr<platform::URLSession> _bagSession;
+    std::shared_ptr<EngagedCompletionCache> _engagedCompletionCache;
     std::atomic<platform::URLSession*> _madeURLSession = nullptr;
 };
 

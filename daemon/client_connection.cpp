@@ -15,6 +15,7 @@
 #include "platform/notification_center.h"
 #include "platform/text.h"
 #include "query/client_state.h"
+#include "query/engaged_completion_cache.h"
 
 // The life of a connection: its transaction, the binding of its state, and what it tells its client unasked. The
 // methods that a client calls are in client_methods.cpp.
@@ -189,7 +190,22 @@ void ClientConnection::_bagChanged(const ORXBagChangeNotification& notification)
     const platform::GlobalQueue background(_assembly.dispatcher(), platform::Priority::background);
     background.async([weak = weak_from_this(), bag = notification.bag] {
         const auto self = weak.lock();
-        if (self && !self->_invalidated) self->_sendBagDidLoad(bag, std::nullopt);
+        if (!self || self->_invalidated) return;
+        self->_sendBagDidLoad(bag, std::nullopt);
+        self->_setEngagedCompletionCacheValues(*bag);
+    });
+}
+
+void ClientConnection::_setEngagedCompletionCacheValues(const ORXBag& bag) const {
+    if (!bag.smartHistoryEnabled()) return;
+    EngagedCompletionCache::sharedInstance(_assembly)->updateParameters({
+        .broviaLast1hour = bag.broviaLast1hour(),
+        .broviaLast1day = bag.broviaLast1day(),
+        .broviaLast1week = bag.broviaLast1week(),
+        .broviaLast1month = bag.broviaLast1month(),
+        .broviaAll = bag.broviaAll(),
+        .broviaMostRecent = bag.broviaMostRecent(),
+        .minThresholdToSend = bag.minThresholdToSend(),
     });
 }
 

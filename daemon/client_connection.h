@@ -103,6 +103,7 @@ private:
     void _bagChanged(const ORXBagChangeNotification& notification);
     void _fileDownloaded(const ORXFileDownloadCompletedNotification& notification);
     void _fileDeleted(const ORXFileDeletedNotification& notification);
+    void _setEngagedCompletionCacheValues(const ORXBag& bag) const;
     void _signalLater(std::string name, std::string identifier);
     void _sendBagDidLoad(const std::shared_ptr<const ORXBag>& bag, const std::optional<ORXError>& error) const;
 

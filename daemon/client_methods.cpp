@@ -17,6 +17,7 @@
 #include "platform/text.h"
 #include "platform/user_defaults.h"
 #include "query/client_state.h"
+#include "query/engaged_completion_cache.h"
 
 // The methods of com.kelvar.orvexd.Daemon, each on the connection's queue. A method that returns without answering lets
 // its reply go, and a reply that goes unanswered tells the caller that none will come.
@@ -136,6 +137,7 @@ void ClientConnection::_sendFirstBag(platform::MonotonicTime arrival) {
                        bag ? platform::orNull(bag->version()) : "(null)", _client.clientID,
                        error ? error->description() : "(null)");
         _sendBagDidLoad(bag, error);
+        if (bag) _setEngagedCompletionCacheValues(*bag);
         if (_bagRegistrations < maxBagRegistrations && !_invalidated) {
             ++_bagRegistrations;
             _assembly.notificationCenter().observe<ORXBagChangeNotification>(shared_from_this(),
@@ -231,16 +233,63 @@ void ClientConnection::_listSessions(Call& call) {
 }
 
 void ClientConnection::_clearEngagedCompletions(Call& call) {
-    if (!refusedNumber(call.arguments, {"from_date", "to_date"}, call.reply)) call.reply.answer({});
+    if (refusedNumber(call.arguments, {"from_date", "to_date"}, call.reply)) return;
+    _ensureState();
+    if (!state()) {
+        call.reply.answer({});
+        return;
+    }
+    const auto date = [&](std::size_t index) {
+        return platform::wallTimeFromSeconds(*call.arguments[index].as<double>());
+    };
+    EngagedCompletionCache::sharedInstance(_assembly)->clearCompletionsFromDate(
+        date(0), date(1), engagedClientNumber(state()->clientShortName()),
+        [reply = std::move(call.reply)](const platform::Result<std::int64_t>& removed) mutable {
+            if (removed) {
+                reply.answer({});
+            } else {
+                reply.fail(internalError, removed.error().text);
+            }
+        });
 }
 
-void ClientConnection::_addCompletion(Call& call) { call.reply.answer({}); }
+void ClientConnection::_addCompletion(Call& call) {
+    if (refusedSize(call.size, call.reply)) return;
+    _ensureState();
+    if (!state()) {
+        call.reply.answer({});
+        return;
+    }
+    EngagedCompletionCache::sharedInstance(_assembly)->addCompletion(
+        {.completion = *call.arguments[0].as<std::string>(), .input = *call.arguments[1].as<std::string>()},
+        [reply = std::move(call.reply)](const platform::Result<void>& added) mutable {
+            if (added) {
+                reply.answer({});
+            } else {
+                reply.fail(internalError, added.error().text);
+            }
+        });
+}
 
 void ClientConnection::_updateParameters(Call& call) {
     static const std::vector<std::string> names = {"brovia_last_1hour",    "brovia_last_1day", "brovia_last_1week",
                                                    "brovia_last_1month",   "brovia_all",       "brovia_most_recent",
                                                    "min_threshold_to_send"};
-    if (!refusedNumber(call.arguments, names, call.reply)) call.reply.answer({});
+    if (refusedNumber(call.arguments, names, call.reply)) return;
+    _ensureState();
+    const auto bound = state();
+    const auto bag = bound ? bound->bag() : nullptr;
+    if (bag && bag->smartHistoryEnabled()) {
+        const auto number = [&](std::size_t index) { return *call.arguments[index].as<double>(); };
+        EngagedCompletionCache::sharedInstance(_assembly)->updateParameters({.broviaLast1hour = number(0),
+                                                                             .broviaLast1day = number(1),
+                                                                             .broviaLast1week = number(2),
+                                                                             .broviaLast1month = number(3),
+                                                                             .broviaAll = number(4),
+                                                                             .broviaMostRecent = number(5),
+                                                                             .minThresholdToSend = number(6)});
+    }
+    call.reply.answer({});
 }
 
 void ClientConnection::_getImageMap(Call& call) {

@@ -9,6 +9,7 @@
 #include "platform/background_activity.h"
 #include "platform/log.h"
 #include "platform/text.h"
+#include "query/engaged_completion_cache.h"
 
 namespace orvex {
 namespace {
@@ -39,7 +40,7 @@ void LaunchEvents::receive(platform::BusCall call) {
 
 void LaunchEvents::_notificationMatched(const std::string& name) {
     if (name != clearDataNotification) return;
-    platform::defaultLogger().info("nothing here keeps data that {} would clear", name);
+    EngagedCompletionCache::sharedInstance(_assembly)->clearAllCompletionsForClient(engagedByLumisk);
 }
 
 void LaunchEvents::_runActivity(const std::string& name, platform::BusReply reply) {

@@ -5,6 +5,7 @@
 #include "daemon/activities.h"
 #include "daemon/assembly.h"
 #include "daemon/client_state_manager.h"
+#include "daemon/notify_names.h"
 #include "daemon/orvex_service.h"
 #include "network/location_manager.h"
 #include "network/orvex_bag_controller.h"
@@ -72,6 +73,7 @@ std::shared_ptr<OrvexService> assemble(Assembly& assembly) {
 
 void beginService(Assembly& assembly) {
     checkInActivities(assembly);
+    listenToNotifyNames(assembly);
     const platform::GlobalQueue background(assembly.dispatcher(), platform::Priority::background);
     background.async([&assembly] { (void)assembly.bagController()->currentBag(); });
     const platform::GlobalQueue standard(assembly.dispatcher(), platform::Priority::standard);

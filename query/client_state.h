@@ -29,13 +29,14 @@ inline constexpr std::chrono::milliseconds kORXFirstLaunchBagSemaphoreWait{600};
 /// The engine that turns one client's queries into replies. All connections of a client share it; it outlives them.
 ///
 /// The road of a search: wait for a bag, at most 300 ms after the call's arrival (600 ms on the first launch) → refuse
-/// what the bag refuses → build the request → answer from the query cache, or ask the server → keep what it answers →
-/// reply, and follow a forced fetch that the answer announces.
+/// what the bag refuses → ask the engaged completions of this device → build the request → answer from the query cache,
+/// or ask the server → keep what it answers → reply, and follow a forced fetch that the answer announces.
 ///
 /// Threading: it has no queue. Its operations are called from any connection's queue, which they may block for the bag
-/// wait, and only for that; network completions come on the query session's delivery thread. One leaf mutex guards what
-/// changes and is never held across a call; a query takes the bag with the agent it is bound to once, and keeps to it.
-/// A reply callback is called exactly once, on the caller's thread or on the delivery thread.
+/// wait and for the local completions, and only for that; network completions come on the query session's delivery
+/// thread. One leaf mutex guards what changes and is never held across a call; a query takes the bag with the agent it
+/// is bound to once, and keeps to it. A reply callback is called exactly once, on the caller's thread or on the
+/// delivery thread.
 class ClientState : public std::enable_shared_from_this<ClientState> {
 public:
     using BagReply = std::move_only_function<void(std::shared_ptr<const ORXBag>, std::optional<ORXError>)>;
@@ -90,7 +91,11 @@ private:
     void _markNetworkRequest();
     [[nodiscard]] std::string _currentUserGUID() const;
     [[nodiscard]] std::optional<BoundBag> _boundBag() const;
-    [[nodiscard]] bool _mustStop(const ORXSearchRequest& request, const BoundBag& bound, ORXReplyCallback& reply);
+    [[nodiscard]] static bool _isDisabled(const ORXSearchRequest& request, const ORXBag& bag, ORXReplyCallback& reply);
+    /// Puts the best completion into the request; returns the callback, which brings the others into the reply.
+    [[nodiscard]] ORXReplyCallback _offerLocalCompletions(ORXSearchRequest& request, const ORXBag& bag,
+                                                          ORXReplyCallback reply) const;
+    [[nodiscard]] static bool _isTooShort(const ORXSearchRequest& request, const ORXBag& bag, ORXReplyCallback& reply);
     void _replyFromCache(const ORXSearchRequest& request, const CachedResultSet& entry, ORXReplyCallback& reply);
     void _dispatchSearch(ORXSearchRequest request, platform::URLRequest httpRequest, std::string userAgent,
                          ORXReplyCallback reply);

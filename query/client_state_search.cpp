@@ -61,7 +61,9 @@ void ClientState::search(ORXSearchRequest request, platform::MonotonicTime arriv
         return;
     }
     const auto bound = _boundBag();
-    if (!bound || _mustStop(request, *bound, reply)) return;
+    if (!bound || _isDisabled(request, *bound->bag, reply)) return;
+    reply = _offerLocalCompletions(request, *bound->bag, std::move(reply));
+    if (_isTooShort(request, *bound->bag, reply)) return;
 
     const auto& factory = _assembly.requestFactory();
     auto httpRequest =
@@ -96,16 +98,18 @@ void ClientState::_replyFromCache(const ORXSearchRequest& request, const CachedR
     if (const auto name = clientShortName()) _assembly.counters().add(createAggdKey(*name, "ondevicecachehits"));
 }
 
-bool ClientState::_mustStop(const ORXSearchRequest& request, const BoundBag& bound, ORXReplyCallback& reply) {
-    if (!bound.bag->isEnabled()) {
-        searchLog().log("no search, bag disabled");
-    } else if (platform::utf16Length(request.queryString) < bound.bag->minimumQueryLength() &&
-               request.completionCacheSuggestions.empty()) {
-        searchLog().debug("query[{}] input '{}' less than {}", request.queryId,
-                          platform::privately(request.queryString), bound.bag->minimumQueryLength());
-    } else {
-        return false;
-    }
+bool ClientState::_isDisabled(const ORXSearchRequest& request, const ORXBag& bag, ORXReplyCallback& reply) {
+    if (bag.isEnabled()) return false;
+    searchLog().log("no search, bag disabled");
+    reply(request.queryId, std::nullopt, std::nullopt);
+    return true;
+}
+
+bool ClientState::_isTooShort(const ORXSearchRequest& request, const ORXBag& bag, ORXReplyCallback& reply) {
+    if (!request.completionCacheSuggestions.empty()) return false;
+    if (platform::utf16Length(request.queryString) >= bag.minimumQueryLength()) return false;
+    searchLog().debug("query[{}] input '{}' less than {}", request.queryId, platform::privately(request.queryString),
+                      bag.minimumQueryLength());
     reply(request.queryId, std::nullopt, std::nullopt);
     return true;
 }

@@ -1,0 +1,179 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "query/engaged_fixture_test.h"
+
+namespace orvex {
+namespace {
+
+using Texts = std::vector<std::string>;
+
+/// What SQLite's own writes do: all of them go through one system call, which SQLite lets a test replace.
+class WriteFault {
+public:
+    enum class Kind { noSpace, ioError, crash };
+
+    /// The `nth` write from now on and every later one fails.
+    WriteFault(Kind kind, int nth) {
+        plan = {.kind = kind, .remaining = nth, .injected = 0};
+        for (const char* name : {"pwrite", "pwrite64"}) {
+            sqlite3_vfs* vfs = sqlite3_vfs_find(nullptr);
+            vfs->xSetSystemCall(vfs, name, reinterpret_cast<sqlite3_syscall_ptr>(&faultyWrite));
+        }
+    }
+    ~WriteFault() {
+        sqlite3_vfs* vfs = sqlite3_vfs_find(nullptr);
+        vfs->xSetSystemCall(vfs, nullptr, nullptr);
+    }
+    WriteFault(const WriteFault&) = delete;
+    WriteFault& operator=(const WriteFault&) = delete;
+    [[nodiscard]] static int injected() { return plan.injected; }
+
+private:
+    struct Plan {
+        Kind kind;
+        int remaining;
+        int injected;
+    };
+    static ssize_t faultyWrite(int file, const void* bytes, std::size_t size, off_t offset) {
+        if (--plan.remaining > 0) return ::pwrite(file, bytes, size, offset);
+        ++plan.injected;
+        if (plan.kind == Kind::crash) {
+            (void)!::pwrite(file, bytes, size / 2, offset);  // torn
+            ::_exit(9);
+        }
+        errno = plan.kind == Kind::noSpace ? ENOSPC : EIO;
+        return -1;
+    }
+    static inline Plan plan{};
+};
+
+class EngagedFaultsTest : public EngagedStoreTest {
+protected:
+    void overwriteMiddle() {
+        store.close();
+        const auto size = std::filesystem::file_size(disk.file());
+        ASSERT_GE(size, 16u * 4096);
+        std::fstream file(disk.file(), std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(4096);
+        file << std::string(size - 4096, '\xA5');
+    }
+};
+
+TEST_F(EngagedFaultsTest, WhatIsNoDatabaseIsSetAside) {
+    ASSERT_TRUE(store.open());
+    store.close();
+    platform::writeFile(disk.file("elsewhere"), "untouched");
+    const std::function<void()> breakIt[] = {
+        [&] { platform::writeFile(disk.file(), std::string(5000, 'x')); },
+        [&] { std::filesystem::create_directory(disk.file()); },
+        [&] { std::filesystem::create_symlink(disk.file("elsewhere"), disk.file()); },
+        [&] { ASSERT_EQ(::mkfifo(disk.file().c_str(), 0600), 0); },
+    };
+    for (const auto& breakNow : breakIt) {
+        store.close();
+        disk.leave();
+        for (const char* name : {"Cache.db", "Cache.db-wal", "Cache.db-shm", "Cache.db.corrupt"}) {
+            std::filesystem::remove_all(disk.file(name));
+        }
+        breakNow();
+        add("a");
+        EXPECT_TRUE(std::filesystem::symlink_status(disk.file("Cache.db.corrupt")).type() !=
+                    std::filesystem::file_type::not_found);
+        EXPECT_EQ(completions(), Texts{"a"});
+    }
+    EXPECT_EQ(platform::readFile(disk.file("elsewhere")), "untouched");
+    store.close();
+    disk.leave();
+    std::filesystem::remove(disk.file("Cache.db.corrupt"));
+    platform::writeFile(disk.file(), "");
+    add("b");
+    EXPECT_FALSE(isSetAside());
+}
+
+TEST_F(EngagedFaultsTest, DamageInTheMiddleIsRepairedAndCostsNoNewCompletion) {
+    ASSERT_TRUE(store.open());
+    disk.sql(
+        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 3000) "
+        "INSERT INTO completion_cache_engagement SELECT 'completion ' || i, 'input ' || i, 1700000000, 'se', 2, "
+        "'completion ' || i FROM n");
+    disk.leave();
+    overwriteMiddle();
+    add("a");
+    EXPECT_TRUE(isSetAside());
+    EXPECT_EQ(completions(), Texts{"a"});
+    EXPECT_EQ(counters.value("com.kelvar.orvexd.completions.repaired"), 1);
+    const auto generation = store.generation();
+    store.checkDamage(SQLITE_CORRUPT, generation - 1);  // of the file that was set aside
+    EXPECT_EQ(completions(), Texts{"a"});
+    disk.leave();
+    store.checkDamage(SQLITE_IOERR_READ, generation);  // and the file is whole
+    EXPECT_EQ(completions(), Texts{"a"});
+    disk.leave();
+    store.checkDamage(SQLITE_CORRUPT_INDEX, generation);
+    EXPECT_EQ(completions(), Texts{});
+}
+
+TEST_F(EngagedFaultsTest, AFullOrFailingDiskLosesNothingThatIsStored) {
+    add("kept");
+    for (const auto kind : {WriteFault::Kind::noSpace, WriteFault::Kind::ioError}) {
+        const WriteFault fault(kind, 1);
+        EXPECT_FALSE(tryAdd("lost"));
+        EXPECT_GT(WriteFault::injected(), 0);
+        EXPECT_FALSE(store.clear({}));
+    }
+    EXPECT_FALSE(isSetAside());
+    EXPECT_EQ(completions(), Texts{"kept"});
+    EXPECT_EQ(counters.value("com.kelvar.orvexd.completions.failed"), 4);
+    add("later");
+    EXPECT_EQ(completions(), (Texts{"kept", "later"}));
+}
+
+TEST_F(EngagedFaultsTest, ACrashAtAnyWriteLeavesAWholeFile) {
+    add("first", now - 31 * day);
+    store.close();
+    for (int write = 1;; ++write) {
+        const auto child = ::fork();
+        if (child == 0) {
+            const WriteFault fault(WriteFault::Kind::crash, write);
+            const auto added = tryAdd("added", now + write);  // with a purge, in one transaction
+            ::_exit(added ? 0 : 1);
+        }
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) != 1);
+        ASSERT_TRUE(store.open());
+        EXPECT_EQ(disk.sql("PRAGMA integrity_check"), Texts{"ok"});
+        const auto rows = completions();
+        if (WEXITSTATUS(status) == 0) {
+            EXPECT_GT(write, 2);
+            EXPECT_EQ(rows, Texts{"added"});
+            break;
+        }
+        EXPECT_TRUE(rows == Texts{"first"} || rows == Texts{"added"}) << write;
+        EXPECT_TRUE(store.clear({}));
+        add("first", now - 31 * day);
+        disk.leave();
+        store.close();
+    }
+    EXPECT_FALSE(isSetAside());
+}
+
+TEST_F(EngagedFaultsTest, ALockOfAnotherProgramIsWaitedFor) {
+    ASSERT_TRUE(store.open());
+    disk.sql("BEGIN IMMEDIATE");
+    std::thread other([this] { disk.sql("COMMIT"); });
+    EXPECT_TRUE(tryAdd("a"));
+    other.join();
+    EXPECT_EQ(completions(), Texts{"a"});
+}
+
+}  // namespace
+}  // namespace orvex

@@ -165,7 +165,8 @@ void measureCalls(const std::string& address, int port) {
         if (Clock::now() > give_up) fail("the daemon has no bag");
     HTTPFloor http({.url = fmt::format("http://127.0.0.1:{}/search?q=weather%20in%20berlin&key=0123456789ab&cc=DE&"
                                        "locale=de_DE&qtype=prefix&kb_ime=de&esl=de-DE&card=1",
-                                       port)});
+                                       port),
+                    .headers = {}});
     std::vector<double> pings, bags, requests, searches;
     for (int round = -warmUpRounds; round < rounds; ++round) {
         const double ping = client.ping(), bag = client.bag(), request = http.time();

@@ -10,6 +10,7 @@ find_package(ZLIB REQUIRED)
 find_package(OpenSSL REQUIRED)
 find_package(ICU REQUIRED COMPONENTS uc i18n)
 pkg_check_modules(httplib REQUIRED IMPORTED_TARGET cpp-httplib)
+pkg_check_modules(ncurses REQUIRED IMPORTED_TARGET ncursesw)
 pkg_check_modules(systemd REQUIRED IMPORTED_TARGET libsystemd)
 pkg_check_modules(plist REQUIRED IMPORTED_TARGET libplist-2.0)
 # It has neither a CMake nor a pkg-config file.

@@ -21,12 +21,6 @@ namespace json = boost::json;
 using platform::BusArguments;
 using Answer = std::expected<BusArguments, platform::BusError>;
 
-bool meansNoDaemon(const platform::BusError& error) {
-    return error.name == "org.freedesktop.DBus.Error.ServiceUnknown" ||
-           error.name == "org.freedesktop.DBus.Error.NameHasNoOwner" ||
-           error.name.starts_with("org.freedesktop.DBus.Error.Spawn");
-}
-
 ExitStatus tell(const platform::BusError& error) {
     if (meansNoDaemon(error)) {
         fmt::print(stderr, "orvex_tool: no orvexd on the bus ({})\n", error.message);
@@ -46,16 +40,6 @@ std::expected<DaemonClient, ExitStatus> connect(const Options& options) {
     if (client) return *std::move(client);
     fmt::print(stderr, "orvex_tool: no bus: {}\n", client.error().text);
     return std::unexpected(ExitStatus::noDaemon);
-}
-
-/// Connected, and known to the daemon as a client.
-std::expected<DaemonClient, ExitStatus> connectAsClient(const Options& options) {
-    auto client = connect(options);
-    if (!client) return client;
-    if (auto configured = client->configure(options.identifier, options.userAgent); !configured) {
-        return std::unexpected(tell(configured.error()));
-    }
-    return client;
 }
 
 void print(const json::value& document) { fmt::print("{}\n", json::serialize(document)); }
@@ -105,6 +89,15 @@ platform::Result<platform::BusDictionary> requestDictionary(const RequestOptions
 }
 
 }  // namespace
+
+std::expected<DaemonClient, ExitStatus> connectAsClient(const Options& options) {
+    auto client = connect(options);
+    if (!client) return client;
+    if (auto configured = client->configure(options.identifier, options.userAgent); !configured) {
+        return std::unexpected(tell(configured.error()));
+    }
+    return client;
+}
 
 ExitStatus sendRequest(const Options& options, const RequestOptions& requestOptions) {
     auto request = requestDictionary(requestOptions);

@@ -1,9 +1,12 @@
 #pragma once
 
+#include <expected>
 #include <string>
 #include <vector>
 
 namespace orvex::tool {
+
+class DaemonClient;
 
 /// The tool's exit statuses.
 enum class ExitStatus : int {
@@ -20,6 +23,9 @@ struct Options {
     std::string userAgent;
     bool json = false;  ///< one JSON document instead of text for people
 };
+
+/// Connected, and known to the daemon as a client; the error is told.
+std::expected<DaemonClient, ExitStatus> connectAsClient(const Options& options);
 
 // Each does one command of the command line and prints its answer to standard output, or its error to standard error.
 

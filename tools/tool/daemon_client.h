@@ -9,7 +9,10 @@
 
 namespace orvex::tool {
 
-/// The tool's side of the bus: calls that wait for their answer.
+/// Whether the call failed because nobody has the daemon's name.
+[[nodiscard]] bool meansNoDaemon(const platform::BusError& error);
+
+/// The tool's side of the bus: calls that wait for their answer, and calls that do not.
 /// Threading: one thread, the tool's own.
 class DaemonClient {
 public:
@@ -24,9 +27,17 @@ public:
                                                                                  std::string_view signature,
                                                                                  platform::BusArguments arguments);
 
+    /// As `call`, without waiting: `completion` comes once, on the bus thread, unless this is destroyed first.
+    void send(std::string_view interface, std::string_view member, std::string_view signature,
+              platform::BusArguments arguments, platform::BusCallCompletion completion);
+
     /// Makes this a connection of the client interface, under that identifier and user agent.
     [[nodiscard]] std::expected<void, platform::BusError> configure(const std::string& identifier,
                                                                     const std::string& userAgent);
+    [[nodiscard]] static platform::BusArguments configuration(const std::string& identifier,
+                                                              const std::string& userAgent);
+
+    [[nodiscard]] platform::Bus& bus() { return *_bus; }
 
 private:
     explicit DaemonClient(std::unique_ptr<platform::Bus> bus) : _bus(std::move(bus)) {}

@@ -6,6 +6,7 @@
 
 #include "core/constants.h"
 #include "tools/tool/commands.h"
+#include "tools/tool/type_screen.h"
 
 // orvex_tool: talks to the daemon over the bus, for people and for scripts.
 
@@ -71,6 +72,7 @@ private:
     }
 
     void _addReads() {
+        _add("type", "Search as you type, in the terminal", orvex::tool::searchAsYouType);
         _add("bag", "Show the server's configuration as the daemon has it", orvex::tool::showBag);
         _add("sessions", "List the clients that the daemon knows", orvex::tool::showSessions);
         _add("images", "Show the image map of the bag", orvex::tool::showImages);

@@ -38,16 +38,16 @@ const json::array* listMember(const json::object& object, std::string_view name)
     return member != nullptr ? member->if_array() : nullptr;
 }
 
-void addCards(std::string& page, const json::object& resultSet) {
-    const auto* cards = listMember(resultSet, "results");
-    if (cards == nullptr) return;
-    for (const auto& element : *cards) {
+void addCards(std::vector<ResultSets::Card>& cards, const json::object& resultSet) {
+    const auto* results = listMember(resultSet, "results");
+    if (results == nullptr) return;
+    for (const auto& element : *results) {
         const auto* card = element.if_object();
         if (card == nullptr) continue;
-        const std::string subtitle = shownMember(*card, "subtitle");
-        page += fmt::format("\n  {}{}\n    {}\n    {}\n", shownMember(*card, "title"),
-                            subtitle.empty() ? "" : " (" + subtitle + ")", shownMember(*card, "text"),
-                            shownMember(*card, "url"));
+        cards.push_back({.title = shownMember(*card, "title"),
+                         .subtitle = shownMember(*card, "subtitle"),
+                         .text = shownMember(*card, "text"),
+                         .url = shownMember(*card, "url")});
     }
 }
 
@@ -92,21 +92,31 @@ std::string bagLine(const json::object& status) {
 
 }  // namespace
 
+ResultSets resultSets(const json::object& reply) {
+    ResultSets sets;
+    const auto* data = listMember(reply, "data");
+    if (data == nullptr) return sets;
+    for (const auto& element : *data) {
+        const auto* resultSet = element.if_object();
+        if (resultSet == nullptr) continue;
+        if (auto suggestion = shownMember(*resultSet, "suggestion"); !suggestion.empty()) {
+            sets.suggestions.push_back(std::move(suggestion));
+        }
+        addCards(sets.cards, *resultSet);
+    }
+    return sets;
+}
+
 std::string replyPage(const json::object& reply, double milliseconds) {
     std::string page;
-    const auto* data = reply.if_contains("data");
-    const auto* resultSets = data != nullptr ? data->if_array() : nullptr;
-    if (resultSets != nullptr) {
-        for (const auto& element : *resultSets) {
-            const auto* resultSet = element.if_object();
-            if (resultSet != nullptr) page += "  " + shownMember(*resultSet, "suggestion") + "\n";
-        }
-        for (const auto& element : *resultSets) {
-            if (const auto* resultSet = element.if_object()) addCards(page, *resultSet);
-        }
-    } else if (data != nullptr) {
-        page += "  " + shownValue(*data) + "\n";
+    const ResultSets sets = resultSets(reply);
+    for (const auto& suggestion : sets.suggestions) page += "  " + suggestion + "\n";
+    for (const auto& card : sets.cards) {
+        page += fmt::format("\n  {}{}\n    {}\n    {}\n", card.title,
+                            card.subtitle.empty() ? "" : " (" + card.subtitle + ")", card.text, card.url);
     }
+    const auto* data = reply.if_contains("data");
+    if (data != nullptr && !data->is_array()) page += "  " + shownValue(*data) + "\n";
     if (page.empty()) page = "  nothing found\n";
     return page + fmt::format("\n  {:.1f} ms\n", milliseconds);
 }

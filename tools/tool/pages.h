@@ -3,8 +3,24 @@
 #include <boost/json/fwd.hpp>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace orvex::tool {
+
+/// A server's answer, each text escaped and cut for a terminal.
+struct ResultSets {
+    struct Card {
+        std::string title;
+        std::string subtitle;
+        std::string text;
+        std::string url;
+    };
+    std::vector<std::string> suggestions;
+    std::vector<Card> cards;
+};
+
+/// What of `reply` has the form of a result set; the rest is left out.
+ResultSets resultSets(const boost::json::object& reply);
 
 // Answers as pages for people. Each ends with a line end, but for `bagPage`.
 

@@ -1,0 +1,266 @@
+#include "tools/tool/type_screen.h"
+
+#include <fmt/format.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <exception>
+#include <functional>
+#include <map>
+#include <optional>
+#include <vector>
+
+#include "core/constants.h"
+#include "platform/thread_annotations.h"
+#include "tools/tool/daemon_client.h"
+#include "tools/tool/terminal.h"
+#include "tools/tool/terminal_text.h"
+#include "tools/tool/type_model.h"
+
+namespace orvex::tool {
+namespace {
+
+constexpr std::uint32_t typedWithResults = 24;  ///< the trigger event that asks for suggestions and results
+constexpr std::string_view prompt = "search: ";
+
+/// Work that the bus thread leaves for the screen's.
+class Mailbox {
+public:
+    using Work = std::move_only_function<void(TypeModel&)>;
+
+    void post(Work work) {
+        {
+            const platform::MutexLock lock(_mutex);
+            _work.push_back(std::move(work));
+        }
+        ::eventfd_write(_filled.get(), 1);
+    }
+
+    std::vector<Work> take() {
+        eventfd_t count = 0;
+        ::eventfd_read(_filled.get(), &count);
+        const platform::MutexLock lock(_mutex);
+        return std::exchange(_work, {});
+    }
+
+    [[nodiscard]] int descriptor() const { return _filled.get(); }  ///< readable when there is some
+
+private:
+    const platform::FileDescriptor _filled{::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
+    platform::Mutex _mutex;
+    std::vector<Work> _work ORX_GUARDED_BY(_mutex);
+};
+
+/// Draws the model: the line, suggestions, cards, and the status in the last row.
+class TypePage {
+public:
+    TypePage(Terminal& terminal, const TypeModel& model) : _terminal(terminal), _model(model) {}
+
+    void draw() {
+        _terminal.clear();
+        _drawSuggestions();
+        _drawCards();
+        const std::size_t width = _terminal.columns();
+        const std::string status(cutToColumns(" " + _model.status(), width));
+        const std::string rest(width - columnsOf(status), ' ');
+        _terminal.write(_terminal.rows() - 1, 0, status + rest, Terminal::Style::reverse);
+        _drawLine();
+    }
+
+private:
+    void _drawLine() {
+        // The line's end is kept out of the last column, where the cursor stands after it.
+        const std::size_t width = _terminal.columns() - std::min(_terminal.columns(), prompt.size() + 1);
+        const auto before = endWithinColumns(_model.textBeforeCursor(), width);
+        const auto after = std::string_view(_model.text()).substr(_model.textBeforeCursor().size());
+        _terminal.write(0, 0, prompt, Terminal::Style::faint);
+        _terminal.write(0, prompt.size(), std::string(before) + std::string(after));
+        _terminal.show(0, std::min(prompt.size() + columnsOf(before), _terminal.columns() - 1));
+    }
+
+    /// At most half of the room, and of that the part that has the selected one.
+    void _drawSuggestions() {
+        const auto& suggestions = _model.results().suggestions;
+        const std::size_t shown = std::min(suggestions.size(), std::max<std::size_t>(_bottom() / 2, 1));
+        const std::size_t selected = _model.selected().value_or(0);
+        const std::size_t first = selected < shown ? 0 : selected + 1 - shown;
+        _row = 1;
+        for (std::size_t index = first; index < first + shown; ++index) {
+            const bool isSelected = index == _model.selected();
+            _add(2, suggestions[index], isSelected ? Terminal::Style::reverse : Terminal::Style::plain);
+        }
+    }
+
+    void _drawCards() {
+        const std::size_t width = std::max<std::size_t>(_terminal.columns(), 6) - 5;
+        for (const auto& card : _model.results().cards) {
+            ++_row;
+            const std::string subtitle = card.subtitle.empty() ? "" : " (" + card.subtitle + ")";
+            for (const auto& line : wrapped(card.title + subtitle, width)) _add(2, line, Terminal::Style::strong);
+            for (const auto& line : wrapped(card.text, width)) _add(4, line, Terminal::Style::plain);
+            _add(4, card.url, Terminal::Style::faint);
+        }
+    }
+
+    void _add(std::size_t column, std::string_view text, Terminal::Style style) {
+        if (_row < _bottom()) _terminal.write(_row, column, text, style);
+        ++_row;
+    }
+
+    [[nodiscard]] std::size_t _bottom() const { return _terminal.rows() - 1; }
+
+    Terminal& _terminal;
+    const TypeModel& _model;
+    std::size_t _row = 1;  ///< the next that is free
+};
+
+/// The session with the daemon. The client is the last member: nothing of the bus thread's outlives the mailbox.
+class TypeSession {
+public:
+    TypeSession(const Options& options, DaemonClient client) : _options(options), _client(std::move(client)) {
+        _client.bus().subscribe(
+            "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "NameOwnerChanged",
+            [this](const std::string&, const platform::BusArguments& change) { _ownerChanged(change); });
+        _client.bus().setDisconnectHandler(
+            [this] { _mailbox.post([](TypeModel& model) { model.setLink(TypeModel::Link::busGone); }); });
+    }
+
+    /// Until the user leaves (none) or a signal comes that ends the process.
+    std::optional<int> run(TerminalSignals& signals, Terminal& terminal);
+
+private:
+    [[nodiscard]] bool _takeInput(Terminal& terminal);
+    void _ask(const std::optional<TypeModel::Query>& query);
+    void _ownerChanged(const platform::BusArguments& change);
+    void _returned(TypeModel& model);
+
+    const Options _options;
+    TypeModel _model;
+    Mailbox _mailbox;
+    DaemonClient _client;
+};
+
+const std::map<Terminal::Key, TypeModel::Key>& modelKeys() {
+    using From = Terminal::Key;
+    using To = TypeModel::Key;
+    static const std::map<From, To> keys = {
+        {From::left, To::left},
+        {From::right, To::right},
+        {From::home, To::home},
+        {From::end, To::end},
+        {From::up, To::up},
+        {From::down, To::down},
+        {From::backspace, To::backspace},
+        {From::remove, To::remove},
+        {From::controlU, To::clear},
+        {From::tab, To::complete},
+        {From::enter, To::complete},
+    };
+    return keys;
+}
+
+std::optional<int> TypeSession::run(TerminalSignals& signals, Terminal& terminal) {
+    TypePage page(terminal, _model);
+    while (true) {
+        page.draw();
+        std::array<pollfd, 3> sources{
+            {{STDIN_FILENO, POLLIN, 0}, {signals.descriptor(), POLLIN, 0}, {_mailbox.descriptor(), POLLIN, 0}}};
+        if (::poll(sources.data(), sources.size(), -1) < 0 && errno != EINTR) return std::nullopt;
+        while (const auto signal = signals.take()) {
+            if (*signal != SIGWINCH) return signal;
+            terminal.resize();
+        }
+        for (auto& work : _mailbox.take()) work(_model);
+        if (!_takeInput(terminal)) return std::nullopt;
+        if ((sources[0].revents & (POLLHUP | POLLERR | POLLNVAL)) != 0) return std::nullopt;
+    }
+}
+
+/// False when the user leaves.
+bool TypeSession::_takeInput(Terminal& terminal) {
+    while (const auto input = terminal.read()) {
+        if (input->key == Terminal::Key::leave) return false;
+        const auto key = modelKeys().find(input->key);
+        if (key != modelKeys().end()) {
+            _ask(_model.press(key->second));
+        } else if (!input->character.empty()) {
+            _ask(_model.type(input->character));
+        }
+    }
+    return true;
+}
+
+/// The answer is read on the bus thread, so that a long one does not hold up the keys.
+void TypeSession::_ask(const std::optional<TypeModel::Query>& query) {
+    if (!query) return;
+    platform::BusDictionary request;
+    request.set("query_id", query->identifier)
+        .set("query_string", query->text)
+        .set("trigger_event", typedWithResults)
+        .set("verbose_reply", true);
+    const auto begin = std::chrono::steady_clock::now();
+    _client.send(kORXDaemonInterface, "Request", "sa{sv}", {"search", std::move(request)},
+                 [this, begin, identifier = query->identifier](auto result) {
+                     auto answer = typeAnswer(result, std::chrono::steady_clock::now() - begin);
+                     _mailbox.post([identifier, answer = std::move(answer)](TypeModel& model) mutable {
+                         model.answered(identifier, std::move(answer));
+                     });
+                 });
+}
+
+/// On the bus thread, for every name of the bus: (name, old owner, new owner).
+void TypeSession::_ownerChanged(const platform::BusArguments& change) {
+    const auto* name = change.size() == 3 ? change[0].as<std::string>() : nullptr;
+    const auto* owner = change.size() == 3 ? change[2].as<std::string>() : nullptr;
+    if (name == nullptr || owner == nullptr || *name != kORXBusName) return;
+    if (owner->empty()) {
+        _mailbox.post([](TypeModel& model) { model.setLink(TypeModel::Link::daemonGone); });
+    } else {
+        _mailbox.post([this](TypeModel& model) { _returned(model); });
+    }
+}
+
+/// A new daemon knows no client. It refuses the query itself where it refuses the configuration.
+void TypeSession::_returned(TypeModel& model) {
+    model.setLink(TypeModel::Link::up);
+    _client.send(kORXDaemonInterface, "Configure", "a{sv}",
+                 DaemonClient::configuration(_options.identifier, _options.userAgent), [](const auto&) {});
+    _ask(model.askAgain());
+}
+
+}  // namespace
+
+ExitStatus searchAsYouType(const Options& options) {
+    if (::isatty(STDIN_FILENO) == 0 || ::isatty(STDOUT_FILENO) == 0) {
+        fmt::print(stderr, "orvex_tool: type: standard input and output must be a terminal\n");
+        return ExitStatus::wrongUsage;
+    }
+    std::optional<int> ending;
+    try {
+        TerminalSignals signals;  // before the bus thread, which must not get them
+        auto client = connectAsClient(options);
+        if (!client) return client.error();
+        TypeSession session(options, *std::move(client));
+        auto terminal = Terminal::open();
+        if (!terminal) {
+            fmt::print(stderr, "orvex_tool: type: {}\n", terminal.error().text);
+            return ExitStatus::wrongUsage;
+        }
+        ending = session.run(signals, *terminal);
+    } catch (const std::exception& failure) {
+        fmt::print(stderr, "orvex_tool: type: {}\n", failure.what());
+        return ExitStatus::refused;
+    }
+    if (ending) {
+        std::signal(*ending, SIG_DFL);
+        std::raise(*ending);
+    }
+    return ExitStatus::done;
+}
+
+}  // namespace orvex::tool

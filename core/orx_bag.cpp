@@ -128,6 +128,11 @@ ORXBag::ORXBag(std::shared_ptr<const boost::json::object> rawBag, std::string us
 
 ORXBag::~ORXBag() = default;
 
+const std::string& ORXBag::text() const {
+    std::call_once(_textOnce, [this] { _text = boost::json::serialize(*_rawBag); });
+    return _text;
+}
+
 std::shared_ptr<const boost::json::object> ORXBag::_withOverrides() {
     const auto* overrides = _rawBag->if_contains("user_agents");
     if (!overrides) return _rawBag;

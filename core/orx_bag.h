@@ -3,6 +3,7 @@
 #include <boost/json/fwd.hpp>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -26,6 +27,8 @@ public:
 
     /// The dictionary as it came, "__" keys of the bag controller included.
     [[nodiscard]] const std::shared_ptr<const boost::json::object>& rawBag() const { return _rawBag; }
+    /// The same as JSON text, as clients get it; made on first use and kept.
+    [[nodiscard]] const std::string& text() const;
     [[nodiscard]] const std::string& userAgent() const { return _userAgent; }
     /// One sentence for each value that was not taken.
     [[nodiscard]] const std::vector<std::string>& problems() const { return _problems; }
@@ -94,6 +97,8 @@ private:
 
     const std::shared_ptr<const boost::json::object> _rawBag;
     const std::string _userAgent;
+    mutable std::once_flag _textOnce;
+    mutable std::string _text;
     std::vector<std::string> _problems;
     const std::shared_ptr<const boost::json::object> _effective;  ///< owns what the pointers below point at
 

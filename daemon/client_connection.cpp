@@ -1,8 +1,5 @@
 #include "daemon/client_connection.h"
 
-#include <boost/json/serialize.hpp>
-#include <boost/json/value.hpp>
-
 #include "core/constants.h"
 #include "core/notifications.h"
 #include "core/orx_bag.h"
@@ -27,9 +24,7 @@ const platform::Logger& connectionLog() { return OrvexLogForCategory(OrvexLoggin
 const platform::Logger& sessionLog() { return OrvexLogForCategory(OrvexLoggingCategory::session); }
 const platform::Logger& bagLog() { return OrvexLogForCategory(OrvexLoggingCategory::bag); }
 
-std::string bagText(const std::shared_ptr<const ORXBag>& bag) {
-    return bag ? boost::json::serialize(*bag->rawBag()) : std::string();
-}
+std::string bagText(const std::shared_ptr<const ORXBag>& bag) { return bag ? bag->text() : std::string(); }
 
 }  // namespace
 

@@ -1,5 +1,4 @@
 #include <boost/json/object.hpp>
-#include <boost/json/serialize.hpp>
 #include <boost/json/value.hpp>
 #include <cmath>
 #include <map>
@@ -152,7 +151,7 @@ void ClientConnection::_bag(Call& call) {
     const auto bound = state();
     if (!bound) return;
     bound->bag(_userAgent, call.arrival, [&](std::shared_ptr<const ORXBag> bag, std::optional<ORXError> error) {
-        call.reply.answer({bag ? boost::json::serialize(*bag->rawBag()) : std::string(), busError(error)});
+        call.reply.answer({bag ? bag->text() : std::string(), busError(error)});
     });
 }
 

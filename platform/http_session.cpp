@@ -23,11 +23,21 @@ bool hasControlCharacter(std::string_view text) {
 
 }  // namespace
 
+bool isSameName(std::string_view a, std::string_view b) { return std::ranges::equal(a, b, {}, asciiLower, asciiLower); }
+
 std::optional<std::string> headerValue(const HTTPHeaders& headers, std::string_view name) {
-    const auto found = std::ranges::find_if(headers, [name](const auto& header) {
-        return std::ranges::equal(header.first, name, {}, asciiLower, asciiLower);
-    });
+    const auto found =
+        std::ranges::find_if(headers, [name](const auto& header) { return isSameName(header.first, name); });
     return found == headers.end() ? std::nullopt : std::optional(found->second);
+}
+
+std::optional<std::string> joinedHeaderValues(const HTTPHeaders& headers, std::string_view name) {
+    std::optional<std::string> joined;
+    for (const auto& header : headers) {
+        if (!isSameName(header.first, name)) continue;
+        joined = joined ? *joined + ", " + header.second : header.second;
+    }
+    return joined;
 }
 
 std::optional<std::string> unsendablePart(const URLRequest& request) {

@@ -16,10 +16,14 @@ namespace orvex::platform {
 /// Header fields in the order given. `value` compares names without regard to ASCII case, as HTTP does.
 using HTTPHeaders = std::vector<std::pair<std::string, std::string>>;
 std::optional<std::string> headerValue(const HTTPHeaders& headers, std::string_view name);
+/// All fields of that name as one list, in order (RFC 9110, section 5.3).
+std::optional<std::string> joinedHeaderValues(const HTTPHeaders& headers, std::string_view name);
+/// Names of header fields and of their directives.
+[[nodiscard]] bool isSameName(std::string_view a, std::string_view b);
 
 enum class CachePolicy {
     useProtocol,               ///< answer from the session's cache where RFC 9111 allows
-    reloadIgnoringLocalCache,  ///< always ask the server
+    reloadIgnoringLocalCache,  ///< always ask the server; its answer may be stored
 };
 
 struct URLRequest {
@@ -77,10 +81,12 @@ public:
     [[nodiscard]] virtual const URLRequest& originalRequest() const = 0;
 
     /// What the transport measured, once completed: seconds by name ("name_lookup", "connect", "tls", "first_byte",
-    /// "total"), and "connections" opened for it.
+    /// "total"), and "connections" opened for it. For an answer that never left the session's cache "from_cache" (1)
+    /// alone.
     [[nodiscard]] virtual std::map<std::string, double> timingData() const = 0;
 
-    /// Set before `resume`: the body is drained and dropped; the connection stays for the next request.
+    /// Set before `resume`: the body is drained and dropped, and the cache neither read nor written; the connection
+    /// stays for the next request.
     virtual void setPreconnect() = 0;
     /// Set before `resume`: through the CONNECT proxy at this URL, which follows the rule for every URL.
     virtual void setProxy(std::string proxyURL) = 0;
@@ -96,7 +102,7 @@ private:
 struct URLSessionConfiguration {
     std::string label;                     ///< of its threads and in logs
     bool allowsFastOpen = false;           ///< TCP Fast Open and TLS session tickets
-    std::size_t cacheMemoryCapacity = 0;   ///< bytes of an RFC 9111 private cache in memory; 0: no cache
+    std::size_t cacheMemoryCapacity = 0;   ///< bytes of a cache in memory (url_cache.h); 0: no cache
     std::size_t maxBodyBytes = 8u << 20;   ///< decoded; beyond it the task fails with `connectionLost`
     std::string certificateAuthorityFile;  ///< PEM; empty: the system's
 };

@@ -51,11 +51,12 @@ public:
         }
         const auto session = _session.lock();
         if (!session) misuse("a task was resumed after its session");
+        if (!sent->isPreconnect && _answerFromCache(*session, sent->request.headers)) return;
         if (const auto error = refusal(*sent)) return complete({.error = error});
         _timer.armAfter(_request.timeout.value_or(std::chrono::seconds(60)), [weak = weak_from_this()] {
             if (const auto self = weak.lock()) self->complete(failed(TransportError::timedOut, "timed out"));
         });
-        session->_send(shared_from_this(), *std::move(sent));
+        session->_send(shared_from_this(), *sent);
     }
 
     void cancel() override { complete(failed(TransportError::cancelled, "cancelled")); }
@@ -81,39 +82,76 @@ public:
 
     /// The first call counts.
     void complete(FakeAnswer answer) {
-        DataTaskCompletion completion;
-        bool drops = false;
-        {
-            const MutexLock lock(_mutex);
-            if (_state == State::completed) return;
-            _state = State::completed;
-            _timing = answer.timing;
-            completion = std::move(_completion);
-            drops = _isPreconnect;
-        }
+        auto ending = _end(answer.timing);
+        if (!ending) return;
         _timer.cancel();
-        if (const auto session = _session.lock()) session->_release(*this);
+        const auto session = _session.lock();
+        if (session) session->_release(*this);
         if (answer.body.size() > _maxBodyBytes) answer = failed(TransportError::connectionLost, "the body is too long");
-        if (drops) answer.body.clear();
-        if (completion) _post(std::move(completion), std::move(answer));
+        if (ending->drops) answer.body.clear();
+        if (answer.error) return _post(std::move(ending->completion), std::nullopt, std::move(answer.error));
+        HTTPAnswer whole = _asReceived(std::move(answer));
+        if (session && whole.response.isHTTP && !ending->drops)
+            whole = session->_cache.accept(ending->exchange(_request, session->_now()), std::move(whole));
+        _post(std::move(ending->completion), std::move(whole), std::nullopt);
     }
 
 private:
     enum class State { made, resumed, completed };
 
-    void _post(DataTaskCompletion completion, FakeAnswer answer) {
-        std::optional<URLResponse> response;
-        Body body;
-        if (!answer.error) {
-            response = URLResponse{_request.url, answer.isHTTP, 0, {}};
-            if (answer.isHTTP) response->statusCode = answer.statusCode;
-            if (answer.isHTTP) response->headers = std::move(answer.headers);
-            if (!answer.body.empty()) body = std::make_shared<std::string>(std::move(answer.body));
+    struct Ending {
+        DataTaskCompletion completion;
+        bool drops = false;
+        std::shared_ptr<const CachedAnswer> validates;
+        MonotonicTime resumed;
+
+        [[nodiscard]] URLCache::Exchange exchange(const URLRequest& request, CacheTime now) const {
+            return {.request = request, .validated = validates, .requested = resumed, .arrived = now};
         }
-        _delivery->async([queue = _delivery.get(), completion = std::move(completion), response = std::move(response),
-                          body = std::move(body), error = std::move(answer.error)]() mutable {
+    };
+
+    /// None: it has ended.
+    std::optional<Ending> _end(std::map<std::string, double> timing) {
+        const MutexLock lock(_mutex);
+        if (_state == State::completed) return std::nullopt;
+        _state = State::completed;
+        _timing = std::move(timing);
+        return Ending{std::move(_completion), _isPreconnect, _validates, _resumed};
+    }
+
+    /// Or adds the conditions that validate what is stored to `headers`.
+    bool _answerFromCache(FakeURLSession& session, HTTPHeaders& headers) {
+        const CacheTime now = session._now();
+        const auto stored = session._cache.find(_request, now);
+        if (stored && stored->isFresh(now)) {
+            if (auto ending = _end({{"from_cache", 1}})) _post(std::move(ending->completion), stored->at(now), {});
+            return true;
+        }
+        if (stored)
+            for (auto& condition : stored->conditions()) headers.push_back(std::move(condition));
+        const MutexLock lock(_mutex);
+        _validates = stored;
+        _resumed = now.monotonic;
+        return false;
+    }
+
+    HTTPAnswer _asReceived(FakeAnswer answer) const {
+        HTTPAnswer received{.response = {_request.url, answer.isHTTP, 0, {}}};
+        if (answer.isHTTP) received.response.statusCode = answer.statusCode;
+        if (answer.isHTTP) received.response.headers = std::move(answer.headers);
+        if (!answer.body.empty()) received.body = std::make_shared<std::string>(std::move(answer.body));
+        return received;
+    }
+
+    void _post(DataTaskCompletion completion, std::optional<HTTPAnswer> answer, std::optional<TransportError> error) {
+        if (!completion) return;
+        _delivery->async([queue = _delivery.get(), completion = std::move(completion), answer = std::move(answer),
+                          error = std::move(error)]() mutable {
             queue->assertCurrent();
-            completion(std::move(body), std::move(response), std::move(error));
+            if (answer)
+                completion(std::move(answer->body), std::move(answer->response), std::nullopt);
+            else
+                completion(nullptr, std::nullopt, std::move(error));
         });
     }
 
@@ -131,13 +169,17 @@ private:
     State _state ORX_GUARDED_BY(_mutex) = State::made;
     bool _isPreconnect ORX_GUARDED_BY(_mutex) = false;
     std::optional<std::string> _proxyURL ORX_GUARDED_BY(_mutex);
+    std::shared_ptr<const CachedAnswer> _validates ORX_GUARDED_BY(_mutex);
+    MonotonicTime _resumed ORX_GUARDED_BY(_mutex);
     std::map<std::string, double> _timing ORX_GUARDED_BY(_mutex);
     DataTaskCompletion _completion ORX_GUARDED_BY(_mutex);
 };
 
 FakeURLSession::FakeURLSession(Dispatcher& dispatcher, URLSessionConfiguration configuration)
-    : _configuration(std::move(configuration)),
-      _delivery(std::make_shared<SerialQueue>(dispatcher, _configuration.label + ".delivery")) {}
+    : _dispatcher(dispatcher),
+      _configuration(std::move(configuration)),
+      _delivery(std::make_shared<SerialQueue>(dispatcher, _configuration.label + ".delivery")),
+      _cache(_configuration.cacheMemoryCapacity) {}
 
 FakeURLSession::~FakeURLSession() {
     std::vector<std::shared_ptr<FakeURLTask>> held;
@@ -154,9 +196,11 @@ std::shared_ptr<URLSessionTask> FakeURLSession::dataTask(URLRequest request, Dat
 }
 
 bool FakeURLSession::purgeMemoryCache() {
-    const MutexLock lock(_mutex);
-    ++_purges;
-    return _configuration.cacheMemoryCapacity > 0;
+    {
+        const MutexLock lock(_mutex);
+        ++_purges;
+    }
+    return _cache.purge();
 }
 
 void FakeURLSession::setScript(Script script) {
@@ -189,16 +233,16 @@ std::size_t FakeURLSession::purges() const {
     return _purges;
 }
 
-void FakeURLSession::_send(const std::shared_ptr<FakeURLTask>& task, Sent sent) {
+void FakeURLSession::_send(const std::shared_ptr<FakeURLTask>& task, const Sent& sent) {
     Script script;
     {
         const MutexLock lock(_mutex);
-        _sent.push_back(std::move(sent));
+        _sent.push_back(sent);
         _held.push_back(task);
         script = _script;
     }
     if (!script) return;
-    if (auto answer = script(task->originalRequest())) task->complete(*std::move(answer));
+    if (auto answer = script(sent.request)) task->complete(*std::move(answer));
 }
 
 void FakeURLSession::_release(const FakeURLTask& task) {

@@ -11,6 +11,7 @@
 #include "platform/dispatch.h"
 #include "platform/http_session.h"
 #include "platform/thread_annotations.h"
+#include "platform/url_cache.h"
 
 namespace orvex::platform {
 
@@ -28,7 +29,7 @@ struct FakeAnswer {
 
 /// A session whose server is the test. A request that is resumed gets the script's answer, or is held until the test
 /// answers it, it is cancelled, or its time (by the dispatcher's clock) runs out. What must not be sent ends as it does
-/// with the real session, and the body has the same limit; redirects are not played.
+/// with the real session, the body has the same limit and the cache is the same; redirects are not played.
 ///
 /// Completions run on a serial queue of the dispatcher, never inside the call that led to them.
 /// It aborts, with a reason, when a task is given settings after `resume`, is resumed after its session is gone, and
@@ -54,20 +55,23 @@ public:
     void setScript(Script script);                 ///< none: every request is held
     void answer(FakeAnswer answer);                ///< to the request that has been held longest
     [[nodiscard]] std::size_t held() const;        ///< requests that wait for an answer
-    [[nodiscard]] std::vector<Sent> sent() const;  ///< every request that would have reached the wire, in order
+    [[nodiscard]] std::vector<Sent> sent() const;  ///< every request as it would have reached the wire, in order
     [[nodiscard]] std::size_t purges() const;
     [[nodiscard]] const URLSessionConfiguration& configuration() const { return _configuration; }
 
 private:
     friend class FakeURLTask;
-    void _send(const std::shared_ptr<FakeURLTask>& task, Sent sent);
+    void _send(const std::shared_ptr<FakeURLTask>& task, const Sent& sent);
     void _release(const FakeURLTask& task);
+    [[nodiscard]] CacheTime _now() const { return {_dispatcher.now(), _dispatcher.wallNow()}; }
 
     // Constant after construction.
+    Dispatcher& _dispatcher;
     const URLSessionConfiguration _configuration;
 
     // Synchronised by themselves.
     const std::shared_ptr<SerialQueue> _delivery;
+    URLCache _cache;
 
     // Guarded by the mutex.
     mutable Mutex _mutex;

@@ -18,7 +18,8 @@ constexpr int noTimeout = std::numeric_limits<int>::max();  // 24 days, the long
 
 CurlMultiThread::CurlMultiThread(URLSessionConfiguration configuration)
     : _configuration(std::move(configuration)),
-      _delivery(_configuration.label + ".d") {}
+      _delivery(_configuration.label + ".d"),
+      _cache(_configuration.cacheMemoryCapacity) {}
 
 CurlMultiThread::~CurlMultiThread() { close(); }
 
@@ -93,7 +94,8 @@ void CurlMultiThread::_run() {
 void CurlMultiThread::_begin(std::shared_ptr<CurlTask> task) {
     if (task->isCompleted()) return;  // cancelled meanwhile
     const CurlTask* key = task.get();
-    auto& transfer = *(_transfers[key] = std::make_unique<CurlTransfer>(std::move(task), *_handles, _configuration));
+    auto& transfer =
+        *(_transfers[key] = std::make_unique<CurlTransfer>(std::move(task), *_handles, _configuration, _cache));
     if (auto outcome = transfer.begin())
         _finish(transfer, *std::move(outcome));
     else

@@ -11,14 +11,16 @@
 #include "platform/linux/curl_transfer.h"
 #include "platform/linux/delivery_thread.h"
 #include "platform/thread_annotations.h"
+#include "platform/url_cache.h"
 
 namespace orvex::platform {
 
 class CurlTask;
 
-/// The two threads of a session on libcurl: the transfer thread, which alone touches the multi handle and all
-/// transfers, and the delivery thread, which runs completions. Both start with the first task. The transfer thread
-/// blocks in curl_multi_poll; while nothing is under way it does so without a time-out and is woken by `start` only.
+/// What a session on libcurl runs on: its cache, the transfer thread, which alone touches the multi handle and all
+/// transfers, and the delivery thread, which runs completions. Each thread starts with the first task that needs it.
+/// The transfer thread blocks in curl_multi_poll; while nothing is under way it does so without a time-out and is woken
+/// by `start` only.
 ///
 /// Threading: callable from any thread.
 class CurlMultiThread {
@@ -38,6 +40,7 @@ public:
     void close();
 
     [[nodiscard]] DeliveryThread& delivery() { return _delivery; }
+    [[nodiscard]] URLCache& cache() { return _cache; }
 
 private:
     struct MultiCleanup {
@@ -68,6 +71,7 @@ private:
 
     // Synchronised by themselves.
     DeliveryThread _delivery;
+    URLCache _cache;
 
     // Guarded by the mutex.
     Mutex _mutex;

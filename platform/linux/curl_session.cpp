@@ -20,7 +20,7 @@ public:
     std::shared_ptr<URLSessionTask> dataTask(URLRequest request, DataTaskCompletion completion) override {
         return std::make_shared<CurlTask>(_threads, std::move(request), std::move(completion));
     }
-    bool purgeMemoryCache() override { return false; }
+    bool purgeMemoryCache() override { return _threads->cache().purge(); }
 
 private:
     const std::shared_ptr<CurlMultiThread> _threads;

@@ -113,6 +113,21 @@ TEST_F(CurlSessionTest, EveryMethodIsSentWithItsBody) {
     EXPECT_EQ(send({.url = server.url(), .method = "HEAD"}).status(), 200);
 }
 
+TEST_F(CurlSessionTest, ARedirectedAnswerIsNotStoredAndNoConditionIsPassedOn) {
+    session = factory.makeSession({.label = "test", .cacheMemoryCapacity = 4000});
+    answer(answerWith(200, {{"ETag", "\"1\""}}, "stored"));
+    get("/from");
+    server.setScript([](const ReceivedRequest& request) {
+        if (request.target == "/from") return answerWith(302, {{"Location", "/to"}, {"Cache-Control", "max-age=9"}});
+        return answerWith(200, {{"Cache-Control", "max-age=100"}}, "moved");
+    });
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(get("/from").text(), "moved");
+    const auto requests = server.requests();
+    ASSERT_EQ(requests.size(), 5u);
+    EXPECT_EQ(headerValue(requests[1].headers, "If-None-Match"), "\"1\"");
+    for (const std::size_t i : {2, 3, 4}) EXPECT_FALSE(headerValue(requests[i].headers, "If-None-Match")) << i;
+}
+
 TEST_F(CurlSessionTest, WhatMustNotBeSentEndsTheTaskAndOpensNothing) {
     const std::string url = server.url();
     const std::vector<URLRequest> requests = {

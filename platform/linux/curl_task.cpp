@@ -2,9 +2,12 @@
 
 #include "platform/linux/curl_multi_thread.h"
 #include "platform/linux/delivery_thread.h"
+#include "platform/linux/steady_time.h"
 #include "platform/log.h"
 
 namespace orvex::platform {
+
+CacheTime cacheNow() { return {steadyNow(), WallTime(std::chrono::system_clock::now().time_since_epoch())}; }
 
 CurlTask::CurlTask(std::weak_ptr<CurlMultiThread> session, URLRequest request, DataTaskCompletion completion)
     : _session(std::move(session)),
@@ -12,15 +15,35 @@ CurlTask::CurlTask(std::weak_ptr<CurlMultiThread> session, URLRequest request, D
       _completion(std::move(completion)) {}
 
 void CurlTask::resume() {
-    {
-        const MutexLock lock(_mutex);
-        if (_state != State::made) return;
-        _settings.resumed = std::chrono::steady_clock::now();
-        _state = State::underWay;
-    }
+    if (!_markResumed()) return;
     _logState(State::underWay);
     const auto session = _session.lock();
+    if (session && _answerFromCache(*session)) return;
     if (!session || !session->start(shared_from_this())) defaultLogger().error("a task was resumed after its session");
+}
+
+bool CurlTask::_markResumed() {
+    const MutexLock lock(_mutex);
+    if (_state != State::made) return false;
+    _settings.resumed = std::chrono::steady_clock::now();
+    _state = State::underWay;
+    return true;
+}
+
+bool CurlTask::_answerFromCache(CurlMultiThread& session) {
+    if (settings().preconnect) return false;
+    const CacheTime now = cacheNow();
+    auto stored = session.cache().find(_request, now);
+    if (!stored) return false;
+    if (stored->isFresh(now)) {
+        HTTPAnswer answer = stored->at(now);
+        complete({.data = std::move(answer.body), .response = std::move(answer.response), .timing{.fromCache = true}},
+                 session.delivery());
+        return true;
+    }
+    const MutexLock lock(_mutex);
+    _settings.validates = std::move(stored);
+    return false;
 }
 
 void CurlTask::cancel() {
@@ -33,6 +56,7 @@ void CurlTask::cancel() {
 std::map<std::string, double> CurlTask::timingData() const {
     const MutexLock lock(_mutex);
     if (_state != State::completed) return {};
+    if (_timing.fromCache) return {{"from_cache", 1}};
     return {{"name_lookup", _timing.nameLookup},
             {"connect", _timing.connect},
             {"tls", _timing.tls},

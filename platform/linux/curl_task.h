@@ -8,6 +8,7 @@
 
 #include "platform/http_session.h"
 #include "platform/thread_annotations.h"
+#include "platform/url_cache.h"
 
 namespace orvex::platform {
 
@@ -21,7 +22,8 @@ struct CurlTiming {
     double tls = 0;  ///< 0 without TLS or on a kept connection
     double firstByte = 0;
     double total = 0;
-    long connections = 0;  ///< opened, over all redirects
+    long connections = 0;    ///< opened, over all redirects
+    bool fromCache = false;  ///< nothing was measured
 };
 
 /// How a task ended: the arguments of its completion, and what was measured.
@@ -32,10 +34,14 @@ struct CurlOutcome {
     CurlTiming timing;
 };
 
+/// The present, for the session's cache.
+CacheTime cacheNow();
+
 /// A task of a session on libcurl. The caller's half of a request: what is asked for, and the one completion. Its
-/// transfer, and all of libcurl, lives on the session's transfer thread (curl_transfer.h).
+/// transfer, and all of libcurl, lives on the session's transfer thread (curl_transfer.h). What the session's cache
+/// answers completes in `resume`, and never gets there.
 ///
-///     made ──resume──▶ underWay ──the transfer's end, or cancel──▶ completed
+///     made ──resume──▶ underWay ──the transfer's end, a cached answer, or cancel──▶ completed
 ///     made ──cancel──▶ completed
 ///
 /// Threading: callable from any thread; a leaf lock.
@@ -45,6 +51,7 @@ public:
         bool preconnect = false;
         std::optional<std::string> proxyURL;
         std::chrono::steady_clock::time_point resumed;
+        std::shared_ptr<const CachedAnswer> validates;  ///< whose conditions go along; null: none do
     };
 
     CurlTask(std::weak_ptr<CurlMultiThread> session, URLRequest request, DataTaskCompletion completion);
@@ -56,7 +63,7 @@ public:
     void setPreconnect() override;
     void setProxy(std::string proxyURL) override;
 
-    /// For the transfer thread; they do not change once the task is under way.
+    /// For the transfer thread; they do not change once it has the task.
     [[nodiscard]] Settings settings() const;
     [[nodiscard]] bool isCompleted() const;
 
@@ -71,6 +78,8 @@ private:
     };
     static const char* name(State state);
 
+    [[nodiscard]] bool _markResumed();
+    [[nodiscard]] bool _answerFromCache(CurlMultiThread& session);
     void _logState(State state) const;
 
     // Constant after construction.

@@ -62,11 +62,12 @@ std::string_view asText(const char* bytes, std::size_t size) { return {bytes, si
 }  // namespace
 
 CurlTransfer::CurlTransfer(std::shared_ptr<CurlTask> task, CurlHandlePool& handles,
-                           const URLSessionConfiguration& session)
+                           const URLSessionConfiguration& session, URLCache& cache)
     : _task(std::move(task)),
       _session(session),
       _settings(_task->settings()),
       _handles(handles),
+      _cache(cache),
       _handle(_handles.take()),
       _method(_task->originalRequest().method) {}
 
@@ -110,8 +111,7 @@ std::optional<CurlOutcome> CurlTransfer::next(CURLcode code) {
         _isPlain = true;
         return _prepare();
     }
-    Body data = _body->empty() ? nullptr : std::move(_body);
-    return CurlOutcome{.data = std::move(data), .response = _response(), .timing = _timing};
+    return _answer();
 }
 
 std::optional<CurlOutcome> CurlTransfer::_prepare() {
@@ -142,6 +142,19 @@ void CurlTransfer::_rewriteMethod(long status) {
     if (!becomesGet) return;
     _method = "GET";
     _sendsBody = false;
+}
+
+CurlOutcome CurlTransfer::_answer() {
+    HTTPAnswer answer{_response(), _body->empty() ? nullptr : std::move(_body)};
+    if (!_settings.preconnect) {
+        answer = _cache.accept({.request = _task->originalRequest(),
+                                .validated = _settings.validates,
+                                .wasRedirected = _redirects > 0,
+                                .requested = MonotonicTime(_settings.resumed.time_since_epoch()),
+                                .arrived = cacheNow()},
+                               std::move(answer));
+    }
+    return {.data = std::move(answer.body), .response = std::move(answer.response), .timing = _timing};
 }
 
 CurlOutcome CurlTransfer::_failed(TransportError::Code code, std::string reason) {
@@ -251,6 +264,8 @@ void CurlTransfer::_setHeaders() {
             append(blank ? name + ";" : name + ": " + value);
         }
     }
+    if (_settings.validates && _redirects == 0)
+        for (const auto& [name, value] : _settings.validates->conditions()) append(name + ": " + value);
     if (!_sendsHeaders || !headerValue(headers, "Content-Type")) append("Content-Type:");
     append("Expect:");  // no round trip before a body
     _set(CURLOPT_HTTPHEADER, _headerList.get());

@@ -27,7 +27,8 @@ public:
     static constexpr std::chrono::seconds defaultTimeout{60};
 
     /// Takes a handle of `handles`, which outlives it, and gives it back at its end.
-    CurlTransfer(std::shared_ptr<CurlTask> task, CurlHandlePool& handles, const URLSessionConfiguration& session);
+    CurlTransfer(std::shared_ptr<CurlTask> task, CurlHandlePool& handles, const URLSessionConfiguration& session,
+                 URLCache& cache);
     ~CurlTransfer();
     CurlTransfer(const CurlTransfer&) = delete;
     CurlTransfer& operator=(const CurlTransfer&) = delete;
@@ -56,6 +57,7 @@ private:
     std::optional<CurlOutcome> _prepare();
     std::optional<CurlOutcome> _follow(const std::string& location);
     void _rewriteMethod(long status);
+    [[nodiscard]] CurlOutcome _answer();
     [[nodiscard]] CurlOutcome _failed(TransportError::Code code, std::string reason);
     [[nodiscard]] TransportError _transportError(CURLcode code) const;
     [[nodiscard]] URLResponse _response() const;
@@ -70,6 +72,7 @@ private:
     const URLSessionConfiguration& _session;
     const CurlTask::Settings _settings;
     CurlHandlePool& _handles;
+    URLCache& _cache;
 
     // On the transfer thread.
     CurlEasyHandle _handle;

@@ -23,7 +23,10 @@ struct Outcome {
 /// The real session: a wait is a wait.
 class RealSubject {
 public:
-    std::shared_ptr<URLSession> session = CurlSessionFactory().makeSession({.label = "contract", .maxBodyBytes = 100});
+    void make(URLSessionConfiguration configuration) {
+        session = CurlSessionFactory().makeSession(std::move(configuration));
+    }
+    std::shared_ptr<URLSession> session;
 
     std::string url() { return _server.url("/path"); }
     void answer(int status, const HTTPHeaders& headers, std::string body) {
@@ -36,6 +39,13 @@ public:
         _server.setScript([](const ReceivedRequest&) { return ScriptedAnswer{}; });
     }
     void untilReceived() { EXPECT_TRUE(_server.waitForRequests(1)); }
+    /// Of each request, its If-None-Match.
+    std::vector<std::string> asked() {
+        std::vector<std::string> conditions;
+        for (const auto& request : _server.requests())
+            conditions.push_back(headerValue(request.headers, "If-None-Match").value_or(""));
+        return conditions;
+    }
     Outcome wait(std::future<Outcome>& outcome) { return outcome.get(); }
 
 private:
@@ -47,8 +57,10 @@ class FakeSubject {
     ManualDispatcher _time;
 
 public:
-    std::shared_ptr<FakeURLSession> session =
-        std::make_shared<FakeURLSession>(_time, URLSessionConfiguration{.label = "contract", .maxBodyBytes = 100});
+    void make(URLSessionConfiguration configuration) {
+        session = std::make_shared<FakeURLSession>(_time, std::move(configuration));
+    }
+    std::shared_ptr<FakeURLSession> session;
 
     std::string url() { return "https://server.example/path"; }
     void answer(int status, const HTTPHeaders& headers, const std::string& body) {
@@ -61,6 +73,12 @@ public:
     }
     void hold() { session->setScript(nullptr); }
     void untilReceived() { EXPECT_EQ(session->sent().size(), 1u); }
+    std::vector<std::string> asked() {
+        std::vector<std::string> conditions;
+        for (const auto& sent : session->sent())
+            conditions.push_back(headerValue(sent.request.headers, "If-None-Match").value_or(""));
+        return conditions;
+    }
     Outcome wait(std::future<Outcome>& outcome) {
         _time.runPending();
         if (outcome.wait_for(0s) != std::future_status::ready) _time.advance(1s);
@@ -73,6 +91,8 @@ public:
 template <class Subject>
 class URLSessionContract : public testing::Test {
 protected:
+    URLSessionContract() { subject.make({.label = "contract", .maxBodyBytes = 100}); }
+    void useCache() { subject.make({.label = "contract", .cacheMemoryCapacity = 4000, .maxBodyBytes = 100}); }
     std::shared_ptr<URLSessionTask> make(URLRequest request) {
         // A second call of the completion throws from the promise, and so ends the test.
         auto promise = std::make_shared<std::promise<Outcome>>();
@@ -195,6 +215,59 @@ TYPED_TEST(URLSessionContract, TheEndOfTheSessionCompletesWhatIsUnderWay) {
 
 TYPED_TEST(URLSessionContract, WithoutACacheThereIsNothingToPurge) {
     EXPECT_FALSE(this->subject.session->purgeMemoryCache());
+    this->subject.answer(200, {{"Cache-Control", "max-age=100"}}, "body");
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(*this->get().data, "body");
+    EXPECT_EQ(this->subject.asked().size(), 2u);
+}
+
+TYPED_TEST(URLSessionContract, AFreshAnswerIsAskedForOnceUntilThePurge) {
+    this->useCache();
+    this->subject.answer(200, {{"Cache-Control", "max-age=100"}}, "body");
+    const auto first = this->get();
+    const auto task = this->make({.url = this->subject.url()});
+    task->resume();
+    const auto second = this->wait();
+    ASSERT_TRUE(second.response && second.data);
+    EXPECT_EQ(second.data, first.data);  // shared
+    EXPECT_EQ(second.response->url, this->subject.url());
+    EXPECT_TRUE(headerValue(second.response->headers, "Age"));
+    EXPECT_EQ(task->timingData(), (std::map<std::string, double>{{"from_cache", 1}}));
+    EXPECT_EQ(this->subject.asked().size(), 1u);
+
+    EXPECT_TRUE(this->subject.session->purgeMemoryCache());
+    EXPECT_EQ(*this->get().data, "body");
+    EXPECT_EQ(this->subject.asked().size(), 2u);
+}
+
+TYPED_TEST(URLSessionContract, AStaleAnswerIsValidated) {
+    this->useCache();
+    this->subject.answer(200, {{"ETag", "\"1\""}}, "body");
+    const auto first = this->get();
+    this->subject.answer(304, {{"X-New", "1"}}, "");
+    const auto second = this->get();
+    ASSERT_TRUE(second.response);
+    EXPECT_EQ(second.response->statusCode, 200);
+    EXPECT_EQ(headerValue(second.response->headers, "X-New"), "1");
+    EXPECT_EQ(second.data, first.data);
+    this->subject.answer(200, {}, "other");
+    EXPECT_EQ(*this->get().data, "other");
+    EXPECT_EQ(*this->get().data, "other");
+    EXPECT_EQ(this->subject.asked(), (std::vector<std::string>{"", "\"1\"", "\"1\"", ""}));
+}
+
+TYPED_TEST(URLSessionContract, APreconnectTaskNeitherReadsNorWritesTheCache) {
+    this->useCache();
+    this->subject.answer(200, {{"Cache-Control", "max-age=100"}}, "body");
+    const auto preconnect = [this] {
+        const auto task = this->make({.url = this->subject.url()});
+        task->setPreconnect();
+        task->resume();
+        EXPECT_FALSE(this->wait().data);
+    };
+    preconnect();
+    EXPECT_EQ(*this->get().data, "body");
+    preconnect();
+    EXPECT_EQ(this->subject.asked().size(), 3u);
 }
 
 }  // namespace

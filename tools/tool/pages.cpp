@@ -9,6 +9,7 @@
 #include <boost/json/serialize.hpp>
 #include <boost/json/value.hpp>
 #include <cmath>
+#include <iterator>
 
 #include "core/json.h"
 #include "platform/text.h"
@@ -92,24 +93,28 @@ std::string bagLine(const json::object& status) {
 
 }  // namespace
 
-ResultSets resultSets(const json::object& reply) {
-    ResultSets sets;
+ResultSets resultSets(const json::object& reply, std::string_view typed) {
+    ResultSets first;
+    ResultSets others;
     const auto* data = listMember(reply, "data");
-    if (data == nullptr) return sets;
+    if (data == nullptr) return first;
+    const std::string prefix = platform::lowercased(typed);
     for (const auto& element : *data) {
         const auto* resultSet = element.if_object();
         if (resultSet == nullptr) continue;
-        if (auto suggestion = shownMember(*resultSet, "suggestion"); !suggestion.empty()) {
-            sets.suggestions.push_back(std::move(suggestion));
-        }
+        const auto suggestion = stringMember(*resultSet, "suggestion").value_or("");
+        ResultSets& sets = platform::lowercased(suggestion).starts_with(prefix) ? first : others;
+        if (!suggestion.empty()) sets.suggestions.push_back(shown(suggestion));
         addCards(sets.cards, *resultSet);
     }
-    return sets;
+    std::ranges::move(others.suggestions, std::back_inserter(first.suggestions));
+    std::ranges::move(others.cards, std::back_inserter(first.cards));
+    return first;
 }
 
 std::string replyPage(const json::object& reply, double milliseconds) {
     std::string page;
-    const ResultSets sets = resultSets(reply);
+    const ResultSets sets = resultSets(reply, "");
     for (const auto& suggestion : sets.suggestions) page += "  " + suggestion + "\n";
     for (const auto& card : sets.cards) {
         page += fmt::format("\n  {}{}\n    {}\n    {}\n", card.title,

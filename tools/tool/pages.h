@@ -19,8 +19,9 @@ struct ResultSets {
     std::vector<Card> cards;
 };
 
-/// What of `reply` has the form of a result set; the rest is left out.
-ResultSets resultSets(const boost::json::object& reply);
+/// What of `reply` has the form of a result set; the rest is left out. Those whose suggestion begins with `typed`, in
+/// whatever case, come first.
+ResultSets resultSets(const boost::json::object& reply, std::string_view typed);
 
 // Answers as pages for people. Each ends with a line end, but for `bagPage`.
 

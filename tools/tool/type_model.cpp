@@ -50,7 +50,7 @@ std::string_view firstCharacters(std::string_view text, std::size_t count) {
 
 }  // namespace
 
-TypeAnswer typeAnswer(const std::expected<platform::BusArguments, platform::BusError>& result,
+TypeAnswer typeAnswer(std::string_view typed, const std::expected<platform::BusArguments, platform::BusError>& result,
                       std::chrono::duration<double, std::milli> took) {
     TypeAnswer answer{.took = took};
     if (!result) {
@@ -64,9 +64,9 @@ TypeAnswer typeAnswer(const std::expected<platform::BusArguments, platform::BusE
     } else if (!error->entries.empty()) {
         answer.error = errorText(jsonFromBus(result->at(2)).get_object());
     } else if (!reply->entries.empty()) {
-        answer.source =
-            reply->find("http_response") != nullptr ? TypeAnswer::Source::server : TypeAnswer::Source::memory;
-        answer.results = resultSets(jsonFromBus(result->at(1)).get_object());
+        const bool asked = reply->find("http_response") != nullptr;
+        answer.source = asked ? TypeAnswer::Source::server : TypeAnswer::Source::memory;
+        answer.results = resultSets(jsonFromBus(result->at(1)).get_object(), asked ? "" : typed);
     }
     return answer;
 }

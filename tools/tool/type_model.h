@@ -22,8 +22,10 @@ struct TypeAnswer {
     std::chrono::duration<double, std::milli> took{};
 };
 
-/// The answer in a call's result, whatever its shape.
-[[nodiscard]] TypeAnswer typeAnswer(const std::expected<platform::BusArguments, platform::BusError>& result,
+/// The answer in a call's result, whatever its shape. The daemon's memory gives what the server said to the beginning
+/// of `typed`: of that, what goes on as `typed` does comes first.
+[[nodiscard]] TypeAnswer typeAnswer(std::string_view typed,
+                                    const std::expected<platform::BusArguments, platform::BusError>& result,
                                     std::chrono::duration<double, std::milli> took);
 
 /// What search as you type knows: the line that is edited, the newest answer that has come, the suggestion that is

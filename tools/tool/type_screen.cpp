@@ -205,11 +205,10 @@ void TypeSession::_ask(const std::optional<TypeModel::Query>& query) {
         .set("verbose_reply", true);
     const auto begin = std::chrono::steady_clock::now();
     _client.send(kORXDaemonInterface, "Request", "sa{sv}", {"search", std::move(request)},
-                 [this, begin, identifier = query->identifier](auto result) {
-                     auto answer = typeAnswer(result, std::chrono::steady_clock::now() - begin);
-                     _mailbox.post([identifier, answer = std::move(answer)](TypeModel& model) mutable {
-                         model.answered(identifier, std::move(answer));
-                     });
+                 [this, begin, query = *query](const auto& result) {
+                     auto answer = typeAnswer(query.text, result, std::chrono::steady_clock::now() - begin);
+                     _mailbox.post([identifier = query.identifier, answer = std::move(answer)](
+                                       TypeModel& model) mutable { model.answered(identifier, std::move(answer)); });
                  });
 }
 

@@ -93,7 +93,13 @@ private:
     void _refuseConfiguration(platform::BusReply& reply, Binding binding) ORX_REQUIRES(_queue);
     void _sendFirstBag(platform::MonotonicTime arrival) ORX_REQUIRES(_queue);
     void _fillIn(ORXRequest& request) const;
-    void _search(ORXSearchRequest request, Call& call) ORX_REQUIRES(_queue);
+    [[nodiscard]] static ORXReplyCallback _answering(Call& call, std::optional<std::uint32_t> endTrace);
+    void _ask(ORXSearchRequest request, Call& call);
+    void _ask(const ORXMoreResultsRequest& request, Call& call);
+    void _ask(const ORXCardRequest& request, Call& call);
+    void _ask(const ORXZeroKeywordRequest& request, Call& call);
+    void _ask(const ORXLookupRequest& request, Call& call);
+    void _ask(const ORXFlightSearchRequest& request, Call& call);
 
     void _openOrExtendTransaction();
     void _idleTimerFired();

@@ -166,7 +166,7 @@ void ClientConnection::_request(Call& call) {
     _ensureState();
     if (!state()) return;
     std::visit([this](ORXRequest& any) { _fillIn(any); }, *request);
-    if (auto* search = std::get_if<ORXSearchRequest>(&*request)) _search(std::move(*search), call);
+    std::visit([&](auto& any) { _ask(std::move(any), call); }, *request);
 }
 
 void ClientConnection::_fillIn(ORXRequest& request) const {
@@ -182,14 +182,37 @@ void ClientConnection::_fillIn(ORXRequest& request) const {
     }
 }
 
-void ClientConnection::_search(ORXSearchRequest request, Call& call) {
+// What is traced tells when a query came to its state, and when its answer left.
+
+ORXReplyCallback ClientConnection::_answering(Call& call, std::optional<std::uint32_t> endTrace) {
+    return [reply = std::move(call.reply), endTrace](std::uint64_t queryId, std::optional<ORXReply> answer,
+                                                     std::optional<ORXError> error) mutable {
+        reply.answer({queryId, busReply(answer), busError(error)});
+        if (endTrace) ORXTrace(*endTrace);
+    };
+}
+
+void ClientConnection::_ask(ORXSearchRequest request, Call& call) {
     ORXTrace(0x2b000004);
-    state()->search(std::move(request), call.arrival,
-                    [reply = std::move(call.reply)](std::uint64_t queryId, std::optional<ORXReply> answer,
-                                                    std::optional<ORXError> error) mutable {
-                        reply.answer({queryId, busReply(answer), busError(error)});
-                        ORXTrace(0x2b000008);
-                    });
+    state()->search(std::move(request), call.arrival, _answering(call, 0x2b000008));
+}
+void ClientConnection::_ask(const ORXMoreResultsRequest& request, Call& call) {
+    state()->moreResults(request, call.arrival, _answering(call, std::nullopt));
+}
+void ClientConnection::_ask(const ORXCardRequest& request, Call& call) {
+    ORXTrace(0x2b00000c);
+    state()->card(request, call.arrival, _answering(call, 0x2b000010));
+}
+void ClientConnection::_ask(const ORXZeroKeywordRequest& request, Call& call) {
+    ORXTrace(0x2b00001c);
+    state()->zeroKeyword(request, call.arrival, _answering(call, 0x2b000020));
+}
+void ClientConnection::_ask(const ORXLookupRequest& request, Call& call) {
+    ORXTrace(0x2b00002c);
+    state()->lookup(request, call.arrival, _answering(call, 0x2b000030));
+}
+void ClientConnection::_ask(const ORXFlightSearchRequest& request, Call& call) {
+    state()->flightSearch(request, call.arrival, _answering(call, std::nullopt));
 }
 
 void ClientConnection::_reportFeedbackPayloadData(Call& call) {

@@ -20,6 +20,7 @@ class Assembly;
 class GUIDController;
 class ORXBag;
 class QueryCache;
+struct QueryOnItsWay;
 struct CachedResultSet;
 struct ORXBagChangeNotification;
 
@@ -30,7 +31,9 @@ inline constexpr std::chrono::milliseconds kORXFirstLaunchBagSemaphoreWait{600};
 ///
 /// The road of a search: wait for a bag, at most 300 ms after the call's arrival (600 ms on the first launch) → refuse
 /// what the bag refuses → ask the engaged completions of this device → build the request → answer from the query cache,
-/// or ask the server → keep what it answers → reply, and follow a forced fetch that the answer announces.
+/// or ask the server → keep what it answers → reply, and follow a forced fetch that the answer announces. The other
+/// kinds of query go the same road without the caches; lookups and flights are sent again, at most three times, while
+/// the client would still show the answer.
 ///
 /// Threading: it has no queue. Its operations are called from any connection's queue, which they may block for the bag
 /// wait and for the local completions, and only for that; network completions come on the query session's delivery
@@ -62,6 +65,13 @@ public:
 
     /// `arrival` is when the call came: the wait counts from there, so that queued keystrokes do not add up.
     void search(ORXSearchRequest request, platform::MonotonicTime arrival, ORXReplyCallback reply);
+
+    // Queries of the other kinds, with the same wait. A failed `moreResults` or `card` always tells an error.
+    void zeroKeyword(const ORXZeroKeywordRequest& request, platform::MonotonicTime arrival, ORXReplyCallback reply);
+    void moreResults(const ORXMoreResultsRequest& request, platform::MonotonicTime arrival, ORXReplyCallback reply);
+    void card(const ORXCardRequest& request, platform::MonotonicTime arrival, ORXReplyCallback reply);
+    void lookup(const ORXLookupRequest& request, platform::MonotonicTime arrival, ORXReplyCallback reply);
+    void flightSearch(const ORXFlightSearchRequest& request, platform::MonotonicTime arrival, ORXReplyCallback reply);
 
     /// Answers the bag as `userAgent` sees it, after the same wait; an empty agent means the one known.
     void bag(std::string_view userAgent, platform::MonotonicTime arrival, BagReply reply);
@@ -104,6 +114,25 @@ private:
     void _cacheResponse(const platform::Body& data, const platform::URLRequest& request, std::string_view input,
                         const std::string& uuid);
     void _followForcedFetch(const platform::URLResponse& response);
+    struct QueryTexts;
+    struct Retry {
+        std::optional<platform::MonotonicTime> expire;  ///< none: never tried again
+    };
+    using Finish = std::move_only_function<void(QueryOnItsWay& query, platform::Body data,
+                                                const std::optional<platform::URLResponse>& response,
+                                                const std::optional<platform::TransportError>& error)>;
+    /// None, and the client has been told, when there is no bag or it is disabled.
+    [[nodiscard]] std::optional<BoundBag> _bagForQuery(const QueryTexts& texts, std::uint64_t queryId,
+                                                       platform::MonotonicTime arrival, ORXReplyCallback& reply);
+    [[nodiscard]] std::optional<BoundBag> _bagForListQuery(const ORXRequest& request, platform::MonotonicTime arrival,
+                                                           ORXReplyCallback& reply);
+    /// True, and the client has been told "nothing", when no request could be built.
+    [[nodiscard]] static bool _hasNoEndpoint(const std::optional<platform::URLRequest>& built, std::uint64_t queryId,
+                                             ORXReplyCallback& reply);
+    /// Without `retry` as a plain task.
+    void _dispatchQuery(QueryOnItsWay query, const std::optional<Retry>& retry, Finish finish);
+    [[nodiscard]] static Finish _anyBodyCounts(std::string_view gotResponse);
+    void _debugFlightSearch(const ORXFlightSearchRequest& request, ORXReplyCallback& reply);
     void _recordSearchResult(const std::string& userAgent, std::int64_t statusCode);
 
     // Constant after construction.

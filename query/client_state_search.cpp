@@ -16,6 +16,7 @@
 #include "platform/uuid.h"
 #include "query/client_state.h"
 #include "query/query_cache.h"
+#include "query/query_on_its_way.h"
 
 // The road of a search, in its order. What stops it early answers at once; everything after the dispatch happens on the
 // query session's delivery thread, with the state held by the completion.
@@ -28,25 +29,12 @@ const platform::Logger& protocolLog() { return OrvexLogForCategory(OrvexLoggingC
 
 constexpr std::string_view OrvexSearchAggdKey = "com.kelvar.orvexd.search";
 
-/// Nobody's location goes out with a request of the messaging client.
-FieldMask fieldMaskFor(std::string_view userAgent) {
-    const bool messaging = platform::lowercased(userAgent).find("missiv") != std::string::npos;
-    return messaging ? FieldMask::withoutLocation : FieldMask::none;
-}
-
-ORXError clientError(const platform::TransportError& error) { return {kORXURLErrorDomain, error.code, error.reason}; }
-
 }  // namespace
 
-struct ClientState::SearchOnItsWay {
-    std::uint64_t queryId;
+struct ClientState::SearchOnItsWay : QueryOnItsWay {
     std::string queryString;
-    double scale;
-    bool verboseReply;
     std::string userAgent;
     std::string uuid;  ///< of this network search
-    platform::URLRequest httpRequest;
-    ORXReplyCallback reply;
 };
 
 void ClientState::search(ORXSearchRequest request, platform::MonotonicTime arrival, ORXReplyCallback reply) {
@@ -118,14 +106,8 @@ void ClientState::_dispatchSearch(ORXSearchRequest request, platform::URLRequest
                                   ORXReplyCallback reply) {
     searchLog().log("Dispatching network request for (id, query): ({}, {})", request.queryId,
                     platform::privately(request.queryString));
-    SearchOnItsWay search{.queryId = request.queryId,
-                          .queryString = std::move(request.queryString),
-                          .scale = request.scale,
-                          .verboseReply = request.verboseReply,
-                          .userAgent = std::move(userAgent),
-                          .uuid = platform::newUUIDString(),
-                          .httpRequest = httpRequest,
-                          .reply = std::move(reply)};
+    SearchOnItsWay search{QueryOnItsWay(request, httpRequest, std::move(reply)), std::move(request.queryString),
+                          std::move(userAgent), platform::newUUIDString()};
     auto task = _assembly.urlSession().dataTask(
         std::move(httpRequest), [self = shared_from_this(), search = std::move(search)](
                                     platform::Body data, std::optional<platform::URLResponse> response,
@@ -148,29 +130,9 @@ void ClientState::_finishSearch(SearchOnItsWay search, platform::Body data,
     if (protocolLog().enabled(platform::LogLevel::standard)) {
         protocolLog().log("resp: {}", describedResponse(response));
     }
-    if (!data || error) {
-        const auto toClient = error ? std::optional(clientError(*error)) : std::nullopt;
-        searchLog().error("error with request {}", toClient ? toClient->description() : "(null)");
-        search.reply(search.queryId, std::nullopt, toClient);
-        return;
-    }
-    if (!response || !response->isHTTP) {
-        searchLog().error("not http response? {}", response ? describedURL(response->url) : "(null)");
-        search.reply(search.queryId, std::nullopt, ORXError(ORXErrorCode::internal, "invalid response class"));
-        return;
-    }
+    if (search.failed(data, response, error)) return;
     _cacheResponse(data, search.httpRequest, search.queryString, search.uuid);
-    ORXReply reply{.scale = search.scale,
-                   .data = std::move(data),
-                   .httpRequest = std::nullopt,
-                   .httpResponse = std::nullopt,
-                   .geoSessionEntityString = std::nullopt,
-                   .localSuggestions = {}};
-    if (search.verboseReply) {
-        reply.httpRequest = std::move(search.httpRequest);
-        reply.httpResponse = response;
-    }
-    search.reply(search.queryId, std::move(reply), std::nullopt);
+    search.answer(std::move(data), *response);
     _followForcedFetch(*response);
 }
 

@@ -52,15 +52,31 @@ public:
 
 private:
     void _addRequests() {
-        auto* search = _app.add_subcommand("search", "Search for TEXT");
-        search->add_option("TEXT", _request.text, "What to search for")->required();
-        search->add_option("--set", _request.settings, "Set a request entry; may be repeated")
+        _addRequest({"search", "Search for TEXT", "search", "query_string", "TEXT"});
+        _addRequest({"zkw", "Ask for suggestions before anything is typed", "zero_keyword"});
+        _addRequest({"more", "Ask for more results; say which with --set query_items=...", "more_results"});
+        _addRequest({"card", "Ask for the card at URL", "card", "card_url", "URL"});
+        _addRequest({"lookup", "Look TEXT up", "lookup", "query_string", "TEXT"});
+        _addRequest({"flight", "Ask for the flight TEXT, carrier and number", "flight", "flight_query", "TEXT"});
+    }
+
+    struct Request {
+        const char* command;
+        const char* description;
+        const char* kind;
+        const char* entry = "";  ///< which the command's argument goes to; none: it takes none
+        const char* argument = "";
+    };
+    void _addRequest(const Request& request) {
+        auto* command = _app.add_subcommand(request.command, request.description);
+        if (*request.entry != '\0') command->add_option(request.argument, _request.text, "What to ask for")->required();
+        command->add_option("--set", _request.settings, "Set a request entry; may be repeated")
             ->type_name("ENTRY=VALUE")
             ->expected(1)
             ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-        search->callback([this] {
-            _request.kind = "search";
-            _request.entry = "query_string";
+        command->callback([this, request] {
+            _request.kind = request.kind;
+            _request.entry = request.entry;
             _chosen = [this] { return orvex::tool::sendRequest(_options, _request); };
         });
     }

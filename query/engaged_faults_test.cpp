@@ -9,10 +9,12 @@
 #include <thread>
 
 #include "query/engaged_fixture_test.h"
+#include "query/engaged_reader.h"
 
 namespace orvex {
 namespace {
 
+using platform::LogLevel;
 using Texts = std::vector<std::string>;
 
 /// What SQLite's own writes do: all of them go through one system call, which SQLite lets a test replace.
@@ -164,6 +166,22 @@ TEST_F(EngagedFaultsTest, ACrashAtAnyWriteLeavesAWholeFile) {
         store.close();
     }
     EXPECT_FALSE(isSetAside());
+}
+
+TEST_F(EngagedFaultsTest, AStatementThatFailsSaysWhichAndWhy) {
+    ASSERT_TRUE(store.open());
+    disk.sql("DROP TABLE completion_cache_engagement");
+    EXPECT_FALSE(store.clear({.dates = std::pair(now, now), .client = {}}));
+    const auto logged = [&](const std::string& text) { return log.contains(LogLevel::error, "Orvex_Search", text); };
+    EXPECT_TRUE(logged("_execSQLStatement failed - SQL:DELETE FROM completion_cache_engagement WHERE"));
+    EXPECT_TRUE(logged("error-code: 1 error-message: no such table: completion_cache_engagement"));
+    EXPECT_TRUE(logged("Failed to clearcompletions fromDate:1700000000 toDate:1700000000 for all clients"));
+    const auto reader = EngagedReader::open(store.path());
+    ASSERT_TRUE(reader);
+    const auto found =
+        (*reader)->completions({.input = "in", .client = 2, .now = now, .count = 1}, {}, [] { return false; });
+    EXPECT_EQ(found ? SQLITE_OK : found.error(), SQLITE_ERROR);
+    EXPECT_TRUE(logged("_prepareSelectStatement failed - SQL:SELECT completion, origin"));
 }
 
 TEST_F(EngagedFaultsTest, ALockOfAnotherProgramIsWaitedFor) {

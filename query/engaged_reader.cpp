@@ -54,6 +54,12 @@ void bindQuery(SQLiteRun& run, const EngagedReader::Query& query, const PrefixRa
     run.bind(11, query.client);
 }
 
+void logUnlessPrepared(SQLiteRun& run, const char* sql) {
+    if (run.prepared()) return;
+    OrvexLogForCategory(OrvexLoggingCategory::search)
+        .error("_prepareSelectStatement failed - SQL:{} code: {}", sql, run.finish());
+}
+
 std::uint32_t typeOfOrigin(std::string_view origin) {
     if (origin == "se") return 1;
     return origin == "3d" ? 8 : 0;
@@ -108,6 +114,7 @@ EngagedReader::Found<std::vector<ORXSuggestion>> EngagedReader::completions(cons
     const PrefixRanges ranges(query.input);
     const Stoppable stoppable(_database.handle(), unwanted);
     auto run = _database.run(sql::search);
+    logUnlessPrepared(run, sql::search);
     bindQuery(run, query, ranges);
     run.bind(6, query.now);
     run.bind(12, parameters.broviaLast1hour).bind(13, parameters.broviaLast1day);
@@ -132,6 +139,7 @@ EngagedReader::Found<std::map<std::string, std::int64_t>> EngagedReader::feature
     const PrefixRanges ranges(query.input);
     const Stoppable stoppable(_database.handle(), unwanted);
     auto run = _database.run(sql::features);
+    logUnlessPrepared(run, sql::features);
     bindQuery(run, query, ranges);
     std::map<std::string, std::int64_t> counts;
     if (run.step() && !run.isNull(0)) counts.emplace(run.text(0), run.integer(1));

@@ -249,11 +249,13 @@ int EngagedStore::_setDBSchema() {
 
 int EngagedStore::_execSQLStatement(const char* sql) {
     const int code = _database.execute(sql);
-    if (code != SQLITE_OK) {
-        log().error("_execSQLStatement failed - SQL:{} error-code: {} error-message: {}", sql, code,
-                    _database.errorMessage());
-    }
+    if (code != SQLITE_OK) _logFailed(sql, code);
     return code;
+}
+
+void EngagedStore::_logFailed(const char* sql, int code) const {
+    log().error("_execSQLStatement failed - SQL:{} error-code: {} error-message: {}", sql, code,
+                _database.errorMessage());
 }
 
 /// The first column of the first row, of a statement without parameters.
@@ -401,13 +403,15 @@ platform::Result<std::int64_t> EngagedStore::clear(const Range& range) {
 int EngagedStore::_delete(const Range& range) {
     const char* const dated = range.client ? sql::clearDatesOfClient : sql::clearDates;
     const char* const undated = range.client ? sql::clearClient : sql::clearAll;
-    auto run = _database.run(range.dates ? dated : undated);
+    const char* const statement = range.dates ? dated : undated;
+    auto run = _database.run(statement);
     if (range.dates) run.bind(1, range.dates->first).bind(2, range.dates->second);
     if (range.client) run.bind(3, *range.client);
     const int code = run.finish();
     if (code == SQLITE_OK) {
         log().log("Cleared {}", described(range));
     } else {
+        _logFailed(statement, code);
         log().error("Failed to clear{}{}", range.dates ? "" : " ", described(range));
     }
     return code;

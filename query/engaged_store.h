@@ -90,6 +90,7 @@ private:
     [[nodiscard]] int _checkSchema(bool isNew);
     [[nodiscard]] int _setDBSchema();
     [[nodiscard]] int _execSQLStatement(const char* sql);
+    void _logFailed(const char* sql, int code) const;  ///< of the statement that ran last
     [[nodiscard]] std::optional<std::int64_t> _value(const char* sql, int& code);
 
     [[nodiscard]] int _insert(const Engagement& engagement, std::int64_t now);

@@ -74,20 +74,26 @@ struct EngagedCompletionCache::Search {
 };
 
 std::shared_ptr<EngagedCompletionCache> EngagedCompletionCache::sharedInstance(Assembly& assembly) {
-    return assembly.engagedCompletionCache([&assembly] { return create(assembly); });
+    return assembly.engagedCompletionCache([&assembly] {
+        return create({.dispatcher = assembly.dispatcher(),
+                       .userDefaults = assembly.userDefaults(),
+                       .fileManager = assembly.fileManager(),
+                       .counters = assembly.counters(),
+                       .transactions = assembly.transactions()});
+    });
 }
 
-std::shared_ptr<EngagedCompletionCache> EngagedCompletionCache::create(Assembly& assembly) {
-    std::shared_ptr<EngagedCompletionCache> cache(new EngagedCompletionCache(assembly));
+std::shared_ptr<EngagedCompletionCache> EngagedCompletionCache::create(Services services) {
+    std::shared_ptr<EngagedCompletionCache> cache(new EngagedCompletionCache(services));
     cache->_begin();
     return cache;
 }
 
-EngagedCompletionCache::EngagedCompletionCache(Assembly& assembly)
-    : _assembly(assembly),
-      _searchQueue(assembly.dispatcher(), "com.kelvar.orvexd.eccsearchq"),
-      _updateQueue(assembly.dispatcher(), "com.kelvar.orvexd.eccupdateq"),
-      _store(assembly.fileManager(), assembly.counters(), [this] { _closeReaders(); }) {}
+EngagedCompletionCache::EngagedCompletionCache(Services services)
+    : _services(services),
+      _searchQueue(services.dispatcher, "com.kelvar.orvexd.eccsearchq"),
+      _updateQueue(services.dispatcher, "com.kelvar.orvexd.eccupdateq"),
+      _store(services.fileManager, services.counters, [this] { _closeReaders(); }) {}
 
 EngagedCompletionCache::~EngagedCompletionCache() {
     _updateQueue.close();
@@ -104,10 +110,10 @@ void EngagedCompletionCache::_begin() {
 }
 
 bool EngagedCompletionCache::_cacheEnabled() const {
-    return !_assembly.userDefaults().boolean("ORXDisableLocalCompletions");
+    return !_services.userDefaults.boolean("ORXDisableLocalCompletions");
 }
 
-std::int64_t EngagedCompletionCache::_now() const { return wholeSeconds(_assembly.dispatcher().wallNow()); }
+std::int64_t EngagedCompletionCache::_now() const { return wholeSeconds(_services.dispatcher.wallNow()); }
 
 void EngagedCompletionCache::updateParameters(const EngagedParameters& parameters) {
     if (!areFinite(parameters)) {
@@ -127,7 +133,7 @@ void EngagedCompletionCache::updateParameters(const EngagedParameters& parameter
 
 void EngagedCompletionCache::_update(std::move_only_function<void()> change) {
     _updateQueue.async([this, change = std::move(change),
-                        transaction = _assembly.transactions().begin("engaged completions")]() mutable {
+                        transaction = _services.transactions.begin("engaged completions")]() mutable {
         _updateQueue.assertCurrent();
         change();
         _publish();
@@ -205,8 +211,8 @@ std::vector<ORXSuggestion> EngagedCompletionCache::completionsForInput(std::stri
                                                                        std::uint64_t count,
                                                                        std::chrono::nanoseconds timeout) {
     if (!_cacheEnabled()) return {};
-    const auto begin = _assembly.dispatcher().now();
-    auto search = std::make_shared<Search>(_assembly.dispatcher());
+    const auto begin = _services.dispatcher.now();
+    auto search = std::make_shared<Search>(_services.dispatcher);
     search->input = input;
     search->client = client;
     search->now = _now();
@@ -220,11 +226,11 @@ std::vector<ORXSuggestion> EngagedCompletionCache::completionsForInput(std::stri
         search->late = true;
         log().debug("EngagedCompletionCache search timed out for input {} timeout value {}", platform::privately(input),
                     std::chrono::duration_cast<std::chrono::milliseconds>(timeout).count());
-        _assembly.counters().add("com.kelvar.orvexd.completions.late");
+        _services.counters.add("com.kelvar.orvexd.completions.late");
         return {};
     }
     auto found = std::move(search->found);
-    const auto duration = std::chrono::duration_cast<std::chrono::microseconds>(_assembly.dispatcher().now() - begin);
+    const auto duration = std::chrono::duration_cast<std::chrono::microseconds>(_services.dispatcher.now() - begin);
     for (const auto& match : found) {
         log().log("Match found input {}, completion {}, score {:f} duration {}", platform::privately(input),
                   platform::privately(match.suggestion), match.score, duration.count());
@@ -247,7 +253,7 @@ void EngagedCompletionCache::featureCountsForInput(std::string input, std::int64
         completion({});
         return;
     }
-    auto search = std::make_shared<Search>(_assembly.dispatcher());
+    auto search = std::make_shared<Search>(_services.dispatcher);
     search->input = std::move(input);
     search->client = client;
     search->now = _now();
@@ -256,7 +262,7 @@ void EngagedCompletionCache::featureCountsForInput(std::string input, std::int64
 }
 
 void EngagedCompletionCache::_warmup() {
-    auto search = std::make_shared<Search>(_assembly.dispatcher());
+    auto search = std::make_shared<Search>(_services.dispatcher);
     search->input = "warm";
     search->now = _now();
     search->count = 1;
@@ -271,7 +277,8 @@ void EngagedCompletionCache::_submit(std::shared_ptr<Search> search) {
             return;
         }
     }
-    const platform::GlobalQueue pool(_assembly.dispatcher(), platform::Priority::high);
+    // Not before other work: searches that never end would keep the changes from their turn.
+    const platform::GlobalQueue pool(_services.dispatcher, platform::Priority::standard);
     pool.async([weak = weak_from_this(), search = std::move(search)] {
         const auto self = weak.lock();
         if (self && !search->late) {

@@ -19,6 +19,11 @@
 #include "query/engaged_reader.h"
 #include "query/engaged_store.h"
 
+namespace orvex::platform {
+class Transactions;
+class UserDefaults;
+}  // namespace orvex::platform
+
 namespace orvex {
 
 class Assembly;
@@ -52,12 +57,21 @@ public:
     /// By age, "h", "d", "w", "m" or "y"; none: no counts.
     using FeatureCounts = std::map<std::string, std::int64_t>;
 
+    /// What it needs of the platform. All of it outlives the cache.
+    struct Services {
+        platform::Dispatcher& dispatcher;
+        platform::UserDefaults& userDefaults;
+        platform::FileManager& fileManager;
+        platform::Counters& counters;
+        platform::Transactions& transactions;
+    };
+
     static constexpr std::chrono::milliseconds defaultTimeout{50};
 
     /// The one of this assembly, made on first use.
     static std::shared_ptr<EngagedCompletionCache> sharedInstance(Assembly& assembly);
     /// Opens "EngagedCompletions/Cache.db" in the caches directory, without waiting for it.
-    static std::shared_ptr<EngagedCompletionCache> create(Assembly& assembly);
+    static std::shared_ptr<EngagedCompletionCache> create(Services services);
     ~EngagedCompletionCache();  ///< runs the changes that are queued
 
     /// Applied when it returns, to every search that begins later; one that has begun keeps what it has. One with a
@@ -100,7 +114,7 @@ private:
     struct Search;
     enum class File : std::uint8_t { opening, open, closed };
 
-    explicit EngagedCompletionCache(Assembly& assembly);
+    explicit EngagedCompletionCache(Services services);
     void _begin();
     [[nodiscard]] bool _cacheEnabled() const;
     [[nodiscard]] std::int64_t _now() const;
@@ -120,7 +134,7 @@ private:
     void _searchFailed(int code, std::uint64_t generation);
 
     // Constant after construction.
-    Assembly& _assembly;
+    const Services _services;
 
     // Synchronised by themselves.
     platform::ConcurrentQueue _searchQueue;  ///< searches; the barrier closes their connections

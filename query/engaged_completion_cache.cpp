@@ -23,6 +23,7 @@ namespace {
 const platform::Logger& log() { return OrvexLogForCategory(OrvexLoggingCategory::search); }
 
 constexpr std::size_t maxIdleReaders = 4;
+constexpr std::chrono::hours longestTimeout{1};
 constexpr std::chrono::seconds aroundEqualDates{5};
 
 /// The ends of time stay the ends of time.
@@ -65,11 +66,12 @@ struct EngagedCompletionCache::Search {
     std::int64_t client = 0;
     std::int64_t now = 0;
     std::int64_t count = 0;
+    std::optional<platform::MonotonicTime> deadline;
     EngagedParameters parameters;
     std::move_only_function<void(FeatureCounts)> wantsFeatureCounts;  ///< empty: completions are searched
 
     platform::TaskGroup underWay;
-    std::atomic<bool> late = false;
+    std::atomic<bool> late = false;    ///< its caller waits no longer, or it was stopped at the deadline
     std::vector<ORXSuggestion> found;  ///< the caller's once `underWay` has ended
 };
 
@@ -217,12 +219,14 @@ std::vector<ORXSuggestion> EngagedCompletionCache::completionsForInput(std::stri
     search->client = client;
     search->now = _now();
     search->count = static_cast<std::int64_t>(std::min<std::uint64_t>(count, std::numeric_limits<std::int64_t>::max()));
+    timeout = std::clamp<std::chrono::nanoseconds>(timeout, {}, longestTimeout);
+    search->deadline = begin + timeout;
     {
         const platform::MutexLock lock(_mutex);
         search->parameters = _parameters;
     }
     _submit(search);
-    if (!search->underWay.wait(timeout)) {
+    if (!search->underWay.wait(timeout) || search->late) {
         search->late = true;
         log().debug("EngagedCompletionCache search timed out for input {} timeout value {}", platform::privately(input),
                     std::chrono::duration_cast<std::chrono::milliseconds>(timeout).count());
@@ -292,7 +296,10 @@ void EngagedCompletionCache::_submit(std::shared_ptr<Search> search) {
 }
 
 void EngagedCompletionCache::_run(Search& search) {
-    const EngagedReader::Unwanted unwanted = [this, &search] { return search.late || _stopsSearches; };
+    const EngagedReader::Unwanted unwanted = [this, &search] {
+        if (search.deadline && _services.dispatcher.now() >= *search.deadline) search.late = true;
+        return search.late || _stopsSearches;
+    };
     std::uint64_t generation = 0;
     auto reader = _takeReader(generation);
     int code = SQLITE_OK;

@@ -84,7 +84,7 @@ TEST_F(EngagedThreadsTest, ALateSearchIsGivenUpAndTheNextDoesNotWaitForIt) {
     ASSERT_TRUE(add("tree"));
     EXPECT_EQ(find("tr", 60s), 1u);
     disk.sql(
-        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 300000) "
+        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 60000) "
         "INSERT INTO completion_cache_engagement SELECT 'x' || i, 'x' || i, 1700000000, 'se', 2, 'x' || i FROM n");
     disk.leave();
     EXPECT_EQ(find("x", 1ms), 0u);

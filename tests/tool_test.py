@@ -1,7 +1,9 @@
 #!/usr/bin/python3
 """orvex_tool: what each command prints, as JSON and for people, and how it ends."""
 
+import contextlib
 import json
+import sqlite3
 import unittest
 
 import harness
@@ -17,7 +19,7 @@ class ToolTest(harness.Scenario):
 
     def start(self):
         self.reference = self.server()
-        self.daemon(self.private_bus, defaults={"ORXBagURL": self.reference.bag_url})
+        self.running = self.daemon(self.private_bus, defaults={"ORXBagURL": self.reference.bag_url})
         client = self.client(self.private_bus).configure()
         client.wait_for_signal("BagDidLoad")
 
@@ -43,6 +45,21 @@ class ToolTest(harness.Scenario):
                     self.assertTrue(check(json.loads("\n".join(document.out))), document.describe())
         self.assertEqual(self.tool("defaults", "delete", "key").wait(), 0)
 
+    def test_completions_are_stored_when_the_command_ends_and_cleared_between_dates(self):
+        self.start()
+        store = self.running.caches / "EngagedCompletions/Cache.db"
+
+        def stored():
+            with contextlib.closing(sqlite3.connect(f"file:{store}?mode=ro", uri=True)) as database:
+                return database.execute("SELECT completion, input, client FROM completion_cache_engagement").fetchall()
+
+        added = self.tool("--json", "completions", "add", "tea house", "te")
+        self.assertEqual((added.wait(), json.loads(added.out[0])), (0, {"added": "tea house"}))
+        self.assertEqual(stored(), [("tea house", "te", 0)])
+        for arguments, left in ((["--from", "5", "--to", "9"], 1), (["--from", "5"], 0)):
+            self.assertEqual(self.tool("completions", "clear", *arguments).wait(), 0)
+            self.assertEqual(len(stored()), left)
+
     def test_an_answered_error_is_status_1(self):
         self.start()
         self.reference.misbehave({"path": "/search", "action": "reset", "times": 0})
@@ -56,7 +73,8 @@ class ToolTest(harness.Scenario):
     def test_wrong_usage_is_status_2_whether_a_daemon_runs_or_not(self):
         for arguments in ([], ["nonsense"], ["search"], ["search", "a", "b"], ["bag", "--set", "x=1"],
                           ["search", "a", "--set", "scale"], ["search", "a", "--set", "scale=wide"],
-                          ["defaults"], ["defaults", "write", "key"], ["run-activity"]):
+                          ["defaults"], ["defaults", "write", "key"], ["completions", "add", "tea"],
+                          ["completions", "clear", "--from", "noon"], ["run-activity"]):
             with self.subTest(arguments):
                 ended = self.tool(*arguments)
                 self.assertEqual((ended.wait(), ended.out), (2, []), ended.describe())

@@ -74,6 +74,17 @@ ExitStatus show(const Options& options, std::string_view interface, const char* 
     return ExitStatus::done;
 }
 
+/// One method of the clients' interface whose answer is empty.
+ExitStatus tellDaemon(const Options& options, const char* member, std::string_view signature, BusArguments arguments,
+                      const json::object& done) {
+    auto client = connectAsClient(options);
+    if (!client) return client.error();
+    const Answer answer = client->call(kORXDaemonInterface, member, signature, std::move(arguments));
+    if (!answer) return tell(answer.error());
+    if (options.json) print(done);
+    return ExitStatus::done;
+}
+
 platform::Result<platform::BusDictionary> requestDictionary(const RequestOptions& options) {
     platform::BusDictionary request;
     if (!options.entry.empty()) request.set(options.entry, options.text);
@@ -135,6 +146,17 @@ ExitStatus showSessions(const Options& options) {
 ExitStatus showImages(const Options& options) { return show(options, kORXDaemonInterface, "GetImageMap", mapPage); }
 ExitStatus showStatus(const Options& options) { return show(options, kORXDiagnosticsInterface, "Status", statusPage); }
 ExitStatus showCounters(const Options& options) { return show(options, kORXDiagnosticsInterface, "Counters", mapPage); }
+
+ExitStatus addCompletion(const Options& options, const std::string& completion, const std::string& input) {
+    return tellDaemon(options, "AddCompletion", "ss", {completion, input}, {{"added", completion}});
+}
+
+ExitStatus clearCompletions(const Options& options, std::optional<double> from, std::optional<double> to) {
+    constexpr double endOfTime = 1e12;  // later than any date that the daemon knows
+    const double begin = from.value_or(-endOfTime), end = to.value_or(endOfTime);
+    return tellDaemon(options, "ClearEngagedCompletions", "dd", {begin, end},
+                      {{"cleared_from", begin}, {"cleared_to", end}});
+}
 
 ExitStatus runActivity(const Options& options, const std::string& name) {
     auto client = connect(options);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <expected>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -42,6 +43,9 @@ ExitStatus showSessions(const Options& options);
 ExitStatus showImages(const Options& options);
 ExitStatus showStatus(const Options& options);
 ExitStatus showCounters(const Options& options);
+/// Of the engaged completions. Absent dates (seconds since 1970) mean from the beginning, and to the end, of time.
+ExitStatus addCompletion(const Options& options, const std::string& completion, const std::string& input);
+ExitStatus clearCompletions(const Options& options, std::optional<double> from, std::optional<double> to);
 ExitStatus runActivity(const Options& options, const std::string& name);
 
 ExitStatus readDefaults(const Options& options, const std::string& key);  ///< an empty key: all that are stored

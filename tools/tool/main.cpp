@@ -3,6 +3,7 @@
 #include <CLI/Formatter.hpp>
 #include <cstdio>
 #include <functional>
+#include <optional>
 
 #include "core/constants.h"
 #include "tools/tool/commands.h"
@@ -37,6 +38,7 @@ public:
         _app.fallthrough();
         _addRequests();
         _addReads();
+        _addCompletions();
         _addDefaults();
     }
 
@@ -99,6 +101,19 @@ private:
         activity->callback([this] { _chosen = [this] { return orvex::tool::runActivity(_options, _name); }; });
     }
 
+    void _addCompletions() {
+        auto* completions = _app.add_subcommand("completions", "Add and clear completions that were picked");
+        completions->require_subcommand(1);
+        auto* add = completions->add_subcommand("add", "Note that COMPLETION was picked for INPUT");
+        add->add_option("COMPLETION", _name, "What was picked")->required();
+        add->add_option("INPUT", _value, "What had been typed")->required();
+        add->callback([this] { _chosen = [this] { return orvex::tool::addCompletion(_options, _name, _value); }; });
+        auto* clear = completions->add_subcommand("clear", "Clear the completions of the client --identifier");
+        clear->add_option("--from", _from, "Not those before D, seconds since 1970")->type_name("D");
+        clear->add_option("--to", _to, "Not those after D")->type_name("D");
+        clear->callback([this] { _chosen = [this] { return orvex::tool::clearCompletions(_options, _from, _to); }; });
+    }
+
     void _addDefaults() {
         auto* defaults = _app.add_subcommand("defaults", "Read and change the daemon's settings");
         defaults->require_subcommand(1);
@@ -119,6 +134,7 @@ private:
     RequestOptions _request;
     std::string _name;
     std::string _value;
+    std::optional<double> _from, _to;
     std::function<ExitStatus()> _chosen;
 };
 

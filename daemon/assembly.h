@@ -13,12 +13,14 @@ class Counters;
 class DeviceInformation;
 class Dispatcher;
 class FileManager;
+class InstalledDictionaries;
 class LocaleService;
 class LocationService;
 class MemoryPressure;
 class MotionService;
 class NotificationCenter;
 class RoutineService;
+class SettingsFile;
 class Transactions;
 class URLSession;
 class URLSessionFactory;
@@ -33,6 +35,8 @@ class ClientStateManager;
 class EngagedCompletionCache;
 class GUIDController;
 class LocationManager;
+class MotionManager;
+class OrvexSubscriptionManager;
 class ORXNetworkRequestFactory;
 
 /// The one container through which managers reach each other, the platform's services and the shared HTTP sessions.
@@ -64,6 +68,9 @@ public:
         platform::LocationService* location = nullptr;
         platform::MotionService* motion = nullptr;
         platform::RoutineService* routine = nullptr;
+        platform::InstalledDictionaries* dictionaries = nullptr;
+        platform::SettingsFile* policy = nullptr;
+        platform::SettingsFile* subscriptions = nullptr;
     };
 
     explicit Assembly(Platform platform);
@@ -85,9 +92,20 @@ public:
     [[nodiscard]] platform::LocationService* location() const { return _platform.location; }
     [[nodiscard]] platform::MotionService* motion() const { return _platform.motion; }
     [[nodiscard]] platform::RoutineService* routine() const { return _platform.routine; }
+    [[nodiscard]] platform::InstalledDictionaries* dictionaries() const { return _platform.dictionaries; }
+    [[nodiscard]] platform::SettingsFile* policy() const { return _platform.policy; }
+    [[nodiscard]] platform::SettingsFile* subscriptions() const { return _platform.subscriptions; }
 
     [[nodiscard]] const std::shared_ptr<LocationManager>& locationManager() const { return _locationManager; }
     void setLocationManager(std::shared_ptr<LocationManager> manager) { _locationManager = std::move(manager); }
+    [[nodiscard]] const std::shared_ptr<MotionManager>& motionManager() const { return _motionManager; }
+    void setMotionManager(std::shared_ptr<MotionManager> manager) { _motionManager = std::move(manager); }
+    [[nodiscard]] const std::shared_ptr<OrvexSubscriptionManager>& subscriptionManager() const {
+        return _subscriptionManager;
+    }
+    void setSubscriptionManager(std::shared_ptr<OrvexSubscriptionManager> manager) {
+        _subscriptionManager = std::move(manager);
+    }
     [[nodiscard]] const std::shared_ptr<ORXNetworkRequestFactory>& requestFactory() const { return _requestFactory; }
     void setRequestFactory(std::shared_ptr<ORXNetworkRequestFactory> factory) { _requestFactory = std::move(factory); }
     [[nodiscard]] const std::shared_ptr<BagController>& bagController() const { return _bagController; }
@@ -127,7 +145,9 @@ private:
 
     // Added by `main`, in this order.
     std::shared_ptr<LocationManager> _locationManager;
+    std::shared_ptr<MotionManager> _motionManager;
     std::shared_ptr<ORXNetworkRequestFactory> _requestFactory;
+    std::shared_ptr<OrvexSubscriptionManager> _subscriptionManager;
     std::shared_ptr<BagController> _bagController;
     std::shared_ptr<ClientStateManager> _clientStateManager;
     std::shared_ptr<AppWhitelistSignature> _appWhitelistController;

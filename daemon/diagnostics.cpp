@@ -10,6 +10,7 @@
 #include "daemon/assembly.h"
 #include "daemon/client_state_manager.h"
 #include "network/bag_controller.h"
+#include "network/orx_network_request_factory.h"
 #include "platform/counters.h"
 #include "platform/text.h"
 #include "platform/transactions.h"
@@ -64,6 +65,7 @@ platform::BusDictionary Diagnostics::_status() const {
     const auto& states = _assembly.clientStateManager();
     const auto caches = states ? states->queryCacheUsage() : ClientStateManager::CacheUsage{};
     const std::chrono::duration<double> uptime = _assembly.dispatcher().now() - _started;
+    const auto& factory = _assembly.requestFactory();
     platform::BusDictionary status;
     status.set("version", kORXOrvexdNameVersion().substr(kORXOrvexdNameVersion().find('/') + 1))
         .set("uptime_seconds", uptime.count())
@@ -77,8 +79,8 @@ platform::BusDictionary Diagnostics::_status() const {
         .set("downloads_pending", std::uint32_t{0})
         .set("query_cache_entries", caches.entries)
         .set("query_cache_cost", caches.cost)
-        .set("gazel_visible", false)
-        .set("hashtag_images_visible", false);
+        .set("gazel_visible", factory && factory->gazelVisible())
+        .set("hashtag_images_visible", factory && factory->hashtagImagesVisible());
     return status;
 }
 

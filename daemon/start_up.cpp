@@ -8,7 +8,9 @@
 #include "daemon/notify_names.h"
 #include "daemon/orvex_service.h"
 #include "network/location_manager.h"
+#include "network/motion_manager.h"
 #include "network/orvex_bag_controller.h"
+#include "network/orvex_subscription_manager.h"
 #include "network/orx_network_request_factory.h"
 #include "network/orx_tracing.h"
 #include "platform/counters.h"
@@ -63,7 +65,9 @@ std::shared_ptr<OrvexService> assemble(Assembly& assembly) {
     registerDefaults(assembly.userDefaults());
     createCustomFeedbackDirectories(assembly.fileManager());
     assembly.setLocationManager(LocationManager::create(assembly));
+    assembly.setMotionManager(std::make_shared<MotionManager>(assembly));
     assembly.setRequestFactory(ORXNetworkRequestFactory::create(assembly));
+    assembly.setSubscriptionManager(OrvexSubscriptionManager::create(assembly, assembly.requestFactory()));
     assembly.counters().add("com.kelvar.orvexd.launch");
     assembly.setBagController(OrvexBagController::create(assembly));
     assembly.setClientStateManager(std::make_shared<ClientStateManager>(assembly));

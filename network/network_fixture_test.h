@@ -9,7 +9,9 @@
 #include "core/orx_bag.h"
 #include "daemon/assembly.h"
 #include "network/location_manager.h"
+#include "network/motion_manager.h"
 #include "network/orvex_bag_controller.h"
+#include "network/orvex_subscription_manager.h"
 #include "network/orx_network_request_factory.h"
 #include "platform/background_activity_scheduler.h"
 #include "platform/counters.h"
@@ -19,6 +21,7 @@
 #include "platform/fakes/fake_locale.h"
 #include "platform/fakes/fake_location.h"
 #include "platform/fakes/fake_memory_pressure.h"
+#include "platform/fakes/fake_settings_file.h"
 #include "platform/fakes/fake_url_session.h"
 #include "platform/fakes/fake_user_defaults.h"
 #include "platform/fakes/manual_dispatcher.h"
@@ -33,7 +36,9 @@ class NetworkFixture : public testing::Test {
 protected:
     void makeFactory() {
         assembly.setLocationManager(LocationManager::create(assembly));
+        assembly.setMotionManager(std::make_shared<MotionManager>(assembly));
         assembly.setRequestFactory(ORXNetworkRequestFactory::create(assembly));
+        assembly.setSubscriptionManager(OrvexSubscriptionManager::create(assembly, assembly.requestFactory()));
     }
 
     platform::ManualDispatcher time;
@@ -49,6 +54,9 @@ protected:
     platform::FakeLocation location;
     platform::FakeMotion motion;
     platform::FakeRoutine routine;
+    platform::FakeInstalledDictionaries dictionaries;
+    platform::FakeSettingsFile policy;
+    platform::FakeSettingsFile subscriptions;
     platform::DispatcherActivityScheduler activities{time, counters};
     platform::FakeBus bus;
     platform::RecordingLog log;
@@ -67,7 +75,10 @@ protected:
                        .certificateAuthorityFile = {},
                        .location = &location,
                        .motion = &motion,
-                       .routine = &routine}};
+                       .routine = &routine,
+                       .dictionaries = &dictionaries,
+                       .policy = &policy,
+                       .subscriptions = &subscriptions}};
     platform::URLSession& bagSession = assembly.bagSession();
     platform::FakeURLSession& server = *sessions.session("com.kelvar.orvexd.bagSession");  ///< who answers it
 };

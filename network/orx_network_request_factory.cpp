@@ -6,7 +6,6 @@
 #include <chrono>
 
 #include "core/constants.h"
-#include "core/notifications.h"
 #include "core/orx_bag.h"
 #include "core/orx_request.h"
 #include "daemon/assembly.h"
@@ -14,9 +13,6 @@
 #include "network/orvex_url_request_builder.h"
 #include "platform/counters.h"
 #include "platform/device_information.h"
-#include "platform/locale.h"
-#include "platform/notification_center.h"
-#include "platform/user_defaults.h"
 
 namespace orvex {
 namespace {
@@ -29,68 +25,14 @@ std::optional<std::chrono::nanoseconds> timeoutFromSeconds(double seconds) {
         std::chrono::duration<double>(std::min(seconds, limit)));
 }
 
+bool carriesLocation(std::string_view endpoint) {
+    const auto builder = OrvexURLRequestBuilder::requestBuilderWithURL(endpoint);
+    return builder && builder->containsQueryItemWithName("latlng");
+}
+
 std::string_view orEmpty(const std::optional<std::string>& text) { return text ? *text : std::string_view(); }
 
 }  // namespace
-
-std::shared_ptr<ORXNetworkRequestFactory> ORXNetworkRequestFactory::create(Assembly& assembly) {
-    std::shared_ptr<ORXNetworkRequestFactory> factory(new ORXNetworkRequestFactory(assembly));
-    // Subscribed first, then read: no change is missed between the two.
-    assembly.locale().addChangeHandler([weak = factory->weak_from_this()](const platform::LocaleSettings& settings) {
-        if (const auto self = weak.lock()) self->_localeDidChange(settings);
-    });
-    factory->_readContext();
-    return factory;
-}
-
-ORXNetworkRequestFactory::ORXNetworkRequestFactory(Assembly& assembly)
-    : _assembly(assembly),
-      _contextAccessQueue(assembly.dispatcher(), "com.kelvar.orvexd.contextaccess") {}
-
-void ORXNetworkRequestFactory::_readContext() {
-    _contextAccessQueue.barrierSync([this] {
-        _contextAccessQueue.assertBarrier();
-        _context.setLocale(_assembly.locale().current());
-        _context.readUserDefaults(_assembly.userDefaults());
-    });
-}
-
-void ORXNetworkRequestFactory::_localeDidChange(const platform::LocaleSettings& settings) {
-    _contextAccessQueue.barrierAsync([weak = weak_from_this(), settings] {
-        const auto self = weak.lock();
-        if (!self) return;
-        self->_contextAccessQueue.assertBarrier();
-        const RequestContext before = self->_context;
-        const bool bagDepends = self->_context.setLocale(settings);
-        ++self->_contextGeneration;
-        const bool country = before.geoDeviceCountryCode != self->_context.geoDeviceCountryCode;
-        const bool timeZone = before.localTimeZoneName != self->_context.localTimeZoneName;
-        platform::MainQueue(self->_assembly.dispatcher()).async([weak, bagDepends, country, timeZone] {
-            const auto factory = weak.lock();
-            if (!factory) return;
-            auto& center = factory->_assembly.notificationCenter();
-            if (country) center.post(CountryCodeDidChangeNotification{});
-            if (timeZone) center.post(SystemTimeZoneDidChangeNotification{});
-            if (bagDepends) center.post(CurrentLocaleDidChangeNotification{});
-            if (bagDepends) center.post(ORXBagRefreshRequiredNotification{});
-        });
-    });
-}
-
-void ORXNetworkRequestFactory::setSilhouetteTopics(std::string_view json) {
-    _change(
-        [topics = SilhouetteTopics::fromText(json)](RequestContext& context) { context.silhouetteTopics = topics; });
-}
-
-void ORXNetworkRequestFactory::_change(std::move_only_function<void(RequestContext&)> change) {
-    _contextAccessQueue.barrierAsync([weak = weak_from_this(), change = std::move(change)]() mutable {
-        const auto self = weak.lock();
-        if (!self) return;
-        self->_contextAccessQueue.assertBarrier();
-        change(self->_context);
-        ++self->_contextGeneration;
-    });
-}
 
 std::optional<platform::URLRequest> ORXNetworkRequestFactory::bagFetchRequest(
     const OrvexBagController& controller, std::string_view userAgent, const std::optional<std::string>& version) const {
@@ -123,7 +65,7 @@ std::optional<platform::URLRequest> ORXNetworkRequestFactory::warmRequest(std::s
 std::optional<platform::URLRequest> ORXNetworkRequestFactory::searchRequest(const ORXSearchRequest& request,
                                                                             const ORXBag& bag,
                                                                             std::string_view userGuid,
-                                                                            FieldMask fieldMask) const {
+                                                                            FieldMask fieldMask) {
     return _queryRequest(bag.searchURL(), {.kind = RequestKind::search,
                                            .bag = &bag,
                                            .request = &request,
@@ -138,7 +80,7 @@ std::optional<platform::URLRequest> ORXNetworkRequestFactory::searchRequest(cons
 std::optional<platform::URLRequest> ORXNetworkRequestFactory::zeroKeywordRequest(const ORXZeroKeywordRequest& request,
                                                                                  const ORXBag& bag,
                                                                                  std::string_view userGuid,
-                                                                                 FieldMask fieldMask) const {
+                                                                                 FieldMask fieldMask) {
     return _queryRequest(bag.searchURL(), {.kind = RequestKind::zeroKeyword,
                                            .bag = &bag,
                                            .request = &request,
@@ -151,7 +93,7 @@ std::optional<platform::URLRequest> ORXNetworkRequestFactory::zeroKeywordRequest
 std::optional<platform::URLRequest> ORXNetworkRequestFactory::moreResultsRequest(const ORXMoreResultsRequest& request,
                                                                                  const ORXBag& bag,
                                                                                  std::string_view userGuid,
-                                                                                 FieldMask fieldMask) const {
+                                                                                 FieldMask fieldMask) {
     return _queryRequest(bag.moreResultsURL(), {.kind = RequestKind::moreResults,
                                                 .bag = &bag,
                                                 .request = &request,
@@ -162,7 +104,7 @@ std::optional<platform::URLRequest> ORXNetworkRequestFactory::moreResultsRequest
 
 std::optional<platform::URLRequest> ORXNetworkRequestFactory::lookupRequest(const ORXLookupRequest& request,
                                                                             const ORXBag& bag,
-                                                                            std::string_view userGuid) const {
+                                                                            std::string_view userGuid) {
     return _queryRequest(bag.searchURL(), {.kind = RequestKind::lookup,
                                            .bag = &bag,
                                            .request = &request,
@@ -175,7 +117,7 @@ std::optional<platform::URLRequest> ORXNetworkRequestFactory::lookupRequest(cons
 
 std::optional<platform::URLRequest> ORXNetworkRequestFactory::flightSearchRequest(const ORXFlightSearchRequest& request,
                                                                                   const ORXBag& bag,
-                                                                                  std::string_view userGuid) const {
+                                                                                  std::string_view userGuid) {
     return _queryRequest(bag.flightURL(), {.kind = RequestKind::flight,
                                            .bag = &bag,
                                            .request = &request,
@@ -219,8 +161,10 @@ std::optional<platform::URLRequest> ORXNetworkRequestFactory::flusherUploadReque
 }
 
 std::optional<platform::URLRequest> ORXNetworkRequestFactory::_queryRequest(const std::optional<std::string>& endpoint,
-                                                                            const RequestInputs& inputs) const {
+                                                                            const RequestInputs& inputs) {
     if (!endpoint) return std::nullopt;
+    if (inputs.kind != RequestKind::moreResults || !carriesLocation(*endpoint)) _startUpdatingLocation();
+    _startUpdatingMotion();
     auto request = _read(inputs, *endpoint);
     if (request) request->timeout = timeoutFromSeconds(inputs.bag->timeoutIntervalForRequest());
     return request;

@@ -9,6 +9,12 @@
 #include <string>
 #include <string_view>
 
+#include "network/device_policy.h"
+#include "network/location_context.h"
+#include "network/location_manager.h"
+#include "network/motion_manager.h"
+#include "network/network_service_proxy.h"
+#include "network/orvex_subscription_manager.h"
 #include "network/request_context.h"
 #include "network/request_vocabulary.h"
 #include "platform/dispatch.h"
@@ -38,10 +44,16 @@ struct ORXZeroKeywordRequest;
 /// What a request carries, in which order, is data (network/request_vocabulary.h); a builder here only says which
 /// request it is and what it is made of.
 ///
+/// A query's builder also sees to it that the location is less than 300 s old and samples the movement once; it waits
+/// for neither. A new bag says which location sources it takes, what is visible, and through which proxy queries go.
+///
 /// Threading: callable from any thread, but never from a block of the context queue itself. Builders run on the
 /// caller's thread, in a read of that queue, so that each request sees one state of the context; updates are barriers
 /// that are queued and never waited for.
-class ORXNetworkRequestFactory : public std::enable_shared_from_this<ORXNetworkRequestFactory> {
+class ORXNetworkRequestFactory : public std::enable_shared_from_this<ORXNetworkRequestFactory>,
+                                 public LocationManagerDelegate,
+                                 public MotionManagerDelegate,
+                                 public OrvexSubscriptionManagerDelegate {
 public:
     /// Reads the whole context first: the bag controller that is made next is told apart by it.
     static std::shared_ptr<ORXNetworkRequestFactory> create(Assembly& assembly);
@@ -60,19 +72,18 @@ public:
     [[nodiscard]] std::optional<platform::URLRequest> warmRequest(std::string_view url) const;
     [[nodiscard]] std::optional<platform::URLRequest> searchRequest(const ORXSearchRequest& request, const ORXBag& bag,
                                                                     std::string_view userGuid,
-                                                                    FieldMask fieldMask = FieldMask::none) const;
+                                                                    FieldMask fieldMask = FieldMask::none);
 
     [[nodiscard]] std::optional<platform::URLRequest> zeroKeywordRequest(const ORXZeroKeywordRequest& request,
                                                                          const ORXBag& bag, std::string_view userGuid,
-                                                                         FieldMask fieldMask = FieldMask::none) const;
+                                                                         FieldMask fieldMask = FieldMask::none);
     [[nodiscard]] std::optional<platform::URLRequest> moreResultsRequest(const ORXMoreResultsRequest& request,
                                                                          const ORXBag& bag, std::string_view userGuid,
-                                                                         FieldMask fieldMask = FieldMask::none) const;
+                                                                         FieldMask fieldMask = FieldMask::none);
     [[nodiscard]] std::optional<platform::URLRequest> lookupRequest(const ORXLookupRequest& request, const ORXBag& bag,
-                                                                    std::string_view userGuid) const;
+                                                                    std::string_view userGuid);
     [[nodiscard]] std::optional<platform::URLRequest> flightSearchRequest(const ORXFlightSearchRequest& request,
-                                                                          const ORXBag& bag,
-                                                                          std::string_view userGuid) const;
+                                                                          const ORXBag& bag, std::string_view userGuid);
     /// To the card's own URL.
     [[nodiscard]] std::optional<platform::URLRequest> cardRequest(const ORXCardRequest& request, const ORXBag& bag,
                                                                   std::string_view userGuid) const;
@@ -92,12 +103,31 @@ public:
     /// A POST without its body, which is deflated.
     [[nodiscard]] std::optional<platform::URLRequest> flusherUploadRequest(const FlusherUpload& upload) const;
 
-    /// JSON text; see SilhouetteTopics. Does not wait.
+    /// After a search, resource downloads tell the location as it is.
+    void setPerformedSearch();
+    /// JSON text; see SilhouetteTopics.
     void setSilhouetteTopics(std::string_view json);
 
     /// The daemon's own agent for `name`: "NAME-AND-VERSION (DEVICE) name"; for an empty one its own name and version.
     [[nodiscard]] static std::string createUserAgentString(const platform::DeviceInformation& device,
                                                            std::string_view name);
+
+    /// 1 when queries shall go through the proxy, else 0.
+    [[nodiscard]] std::int32_t cindoraStatus() const;
+    /// Sends a query's task, not resumed yet, through the proxy if they shall; one that cannot goes direct.
+    void enableCindora(platform::URLSessionTask& task) const;
+
+    // What the last bag makes visible on the device.
+    [[nodiscard]] bool gazelVisible() const { return _gazelVisible; }
+    [[nodiscard]] bool hashtagImagesVisible() const { return _hashtagImagesVisible; }
+
+    // What the managers tell.
+    void didUpdateLocations(const std::vector<platform::Location>& locations) override;
+    void didChangeAuthorizationStatus(platform::LocationAuthorization status) override;
+    void didFailWithError(const platform::Failure& error) override;
+    void didUpdateMotionActivity(const platform::MotionActivity& activity) override;
+    void didUpdateSubscriptionDictionaries(const boost::json::array& dictionaries) override;
+    void didUpdateStorefrontIdentifier(const std::string& identifier) override;
 
     /// Goes up with every change of the context: what was made from it may be kept as long as this stays.
     [[nodiscard]] std::uint64_t contextGeneration() const { return _contextGeneration; }
@@ -111,18 +141,29 @@ public:
 private:
     explicit ORXNetworkRequestFactory(Assembly& assembly);
 
+    using Update = std::move_only_function<void(ORXNetworkRequestFactory& self)>;
+
+    void _subscribe();
     void _readContext();
     [[nodiscard]] std::optional<platform::URLRequest> _bagRequest(const OrvexBagController& controller,
                                                                   const RequestInputs& inputs) const;
     [[nodiscard]] std::optional<platform::URLRequest> _queryRequest(const std::optional<std::string>& endpoint,
-                                                                    const RequestInputs& inputs) const;
+                                                                    const RequestInputs& inputs);
     [[nodiscard]] std::optional<platform::URLRequest> _read(const RequestInputs& inputs,
                                                             std::string_view endpoint) const;
     [[nodiscard]] std::optional<platform::URLRequest> _build(RequestInputs inputs, std::string_view endpoint) const
         ORX_REQUIRES_SHARED(_contextAccessQueue);
-    /// Queues an update of the context.
-    void _change(std::move_only_function<void(RequestContext&)> change);
+    /// Queues `update` as a barrier of the context queue.
+    void _update(Update update);
     void _localeDidChange(const platform::LocaleSettings& settings);
+    void _policyDidChange();
+    void _readDictionaries();
+    void _didGetBag(std::shared_ptr<const ORXBag> bag);
+    void _publishVisibility(const ORXBag& bag);
+    void _startUpdatingLocation();
+    void _ensureLocation() ORX_REQUIRES(_contextAccessQueue);
+    void _startUpdatingMotion();
+    void _refreshRoutineMode();
 
     // Constant after construction.
     Assembly& _assembly;
@@ -130,9 +171,13 @@ private:
     // Synchronised by themselves.
     mutable platform::ConcurrentQueue _contextAccessQueue;
     std::atomic<std::uint64_t> _contextGeneration = 0;
+    std::atomic<bool> _gazelVisible = false;
+    std::atomic<bool> _hashtagImagesVisible = false;
+    NetworkServiceProxy _proxy;
 
     // On the context queue: reads, and barriers that change it.
     RequestContext _context ORX_GUARDED_BY(_contextAccessQueue);
+    LocationContext _location ORX_GUARDED_BY(_contextAccessQueue);
 };
 
 }  // namespace orvex

@@ -49,7 +49,8 @@ TEST_F(FactoryTest, ASearchTellsQueryContextAndClient) {
     request.queryItems = {{"x", "1"}};
     const auto built = factory().searchRequest(request, *bag(), "GUID").value();
     EXPECT_EQ(built.url,
-              "https://a.example/s?24h=1&alwaysSendTophit=off&calendar=gregorian&card=1&cc=DE&esl=de-DE&kb_ime=de&"
+              "https://a.example/"
+              "s?24h=1&alwaysSendTophit=off&calendar=gregorian&card=1&cc=DE&esl=de-DE&geosrc=slow&kb_ime=de&"
               "key=tabbycat5208&l2=7&locale=de_DE&q=weather%20in%20K%C3%B6ln&suggest_queries=withtop&temp=C&"
               "time_zone=Europe%2FBerlin&tm=1&units=SI&x=1");
     EXPECT_THAT(built.headers,
@@ -63,7 +64,8 @@ TEST_F(FactoryTest, ASearchTellsQueryContextAndClient) {
 TEST_F(FactoryTest, AnEmptyContextAndQuerySendLittle) {
     locale.set({});
     const auto built = factory().searchRequest(query(""), *bag(), "GUID").value();
-    EXPECT_EQ(built.url, "https://a.example/s?alwaysSendTophit=off&card=1&key=tabbycat5208&locale=&q=&tm=1&units=SI");
+    EXPECT_EQ(built.url,
+              "https://a.example/s?alwaysSendTophit=off&card=1&geosrc=slow&key=tabbycat5208&locale=&q=&tm=1&units=SI");
     EXPECT_EQ(platform::headerValue(built.headers, "X-Kelvar-UI-Scale"), std::nullopt);
 }
 

@@ -221,6 +221,7 @@ void ClientState::warm() {
                             error ? error->reason : "(null)");
         });
     task->setPreconnect();
+    factory->enableCindora(*task);
     task->resume();
 }
 

@@ -106,6 +106,7 @@ void ClientState::_dispatchSearch(ORXSearchRequest request, platform::URLRequest
                                   ORXReplyCallback reply) {
     searchLog().log("Dispatching network request for (id, query): ({}, {})", request.queryId,
                     platform::privately(request.queryString));
+    const bool mayUseProxy = fieldMaskFor(userAgent) == FieldMask::none;
     SearchOnItsWay search{QueryOnItsWay(request, httpRequest, std::move(reply)), std::move(request.queryString),
                           std::move(userAgent), platform::newUUIDString()};
     auto task = _assembly.urlSession().dataTask(
@@ -114,8 +115,11 @@ void ClientState::_dispatchSearch(ORXSearchRequest request, platform::URLRequest
                                     std::optional<platform::TransportError> error) mutable {
             self->_finishSearch(std::move(search), std::move(data), std::move(response), std::move(error));
         });
+    const auto& factory = _assembly.requestFactory();
+    if (factory && mayUseProxy) factory->enableCindora(*task);
     task->resume();
     _assembly.counters().add(OrvexSearchAggdKey);
+    if (factory) factory->setPerformedSearch();
     _markNetworkRequest();
     // Asking for the bag is what renews a stale one; the next query will see it.
     if (const auto& controller = _assembly.bagController()) (void)controller->currentBag();

@@ -17,13 +17,17 @@
 #include "platform/linux/counter_file.h"
 #include "platform/linux/curl_session.h"
 #include "platform/linux/device_information.h"
+#include "platform/linux/dictionary_directories.h"
 #include "platform/linux/file_manager.h"
 #include "platform/linux/file_watcher.h"
+#include "platform/linux/geoclue_location.h"
 #include "platform/linux/icu_locale.h"
+#include "platform/linux/linux_settings_file.h"
 #include "platform/linux/log_sinks.h"
 #include "platform/linux/memory_pressure.h"
 #include "platform/linux/process.h"
 #include "platform/linux/sd_bus.h"
+#include "platform/linux/system_settings.h"
 #include "platform/linux/thread_dispatcher.h"
 #include "platform/linux/user_defaults.h"
 #include "platform/notification_center.h"
@@ -87,6 +91,14 @@ std::unique_ptr<platform::SdBus> connectToBus(const std::string& address) {
     return *std::move(bus);
 }
 
+/// Null where there is none, which costs what its services tell and nothing else.
+std::unique_ptr<platform::SdBus> connectToSystemBus() {
+    auto bus = platform::SdBus::create({.address = {}, .kind = platform::SdBus::Kind::system});
+    if (bus) return *std::move(bus);
+    platform::defaultLogger().info("no system bus: {}", bus.error().text);
+    return nullptr;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -106,11 +118,19 @@ int main(int argc, char** argv) {
     platform::NotificationCenter notificationCenter;
     platform::CurlSessionFactory urlSessions;
     const auto transactions = std::make_shared<platform::Transactions>(dispatcher);
-    platform::IcuLocale locale;
+    platform::SystemSettings systemSettings;
+    platform::IcuLocale locale(systemSettings.environment());
     platform::LinuxDeviceInformation device;
     platform::LinuxMemoryPressure memoryPressure;
     platform::DispatcherActivityScheduler activities(dispatcher, counters);
     const auto bus = connectToBus(commandLine.busAddress);
+    const auto systemBus = connectToSystemBus();
+    if (systemBus) systemSettings.follow(*systemBus, [&] { locale.refresh(); });
+    const auto location = platform::GeoClueLocation::create({.system = systemBus.get(), .session = *bus});
+    platform::DictionaryDirectories dictionaries(watcher, {});
+    platform::LinuxSettingsFile policy(watcher, "/etc/orvexd", "policy.json");
+    platform::LinuxSettingsFile subscriptions(
+        watcher, files.configurationPath("com.kelvar.orvexd").value_or("/nonexistent"), "subscriptions.json");
 
     Assembly assembly({.dispatcher = dispatcher,
                        .userDefaults = userDefaults,
@@ -124,7 +144,11 @@ int main(int argc, char** argv) {
                        .memoryPressure = memoryPressure,
                        .activities = activities,
                        .bus = *bus,
-                       .certificateAuthorityFile = commandLine.certificateAuthorityFile});
+                       .certificateAuthorityFile = commandLine.certificateAuthorityFile,
+                       .location = location.get(),
+                       .dictionaries = &dictionaries,
+                       .policy = &policy,
+                       .subscriptions = &subscriptions});
     const auto service = assemble(assembly);
     if (const auto exported = service->exportObject(); !exported) giveUp(notAlone, exported.error().text);
     dispatcher.start();

@@ -125,7 +125,7 @@ bool FileWatcher::_concerns(Target& target, const Event& event) {
         _arm(target);
         return atHome || target.armedAt == target.directory;
     }
-    if (atHome) return (event.mask & fileChanged) != 0 && event.name == target.name;
+    if (atHome) return (event.mask & fileChanged) != 0 && (target.name.empty() || event.name == target.name);
     if (event.name != nextPart(target.directory, target.armedAt)) return false;
     _arm(target);
     return target.armedAt == target.directory;  // the file may be there already

@@ -45,7 +45,7 @@ public:
     FileWatcher(const FileWatcher&) = delete;
     FileWatcher& operator=(const FileWatcher&) = delete;
 
-    /// `directory` is an absolute path without a slash at its end.
+    /// `directory` is an absolute path without a slash at its end. An empty `name` means any file in it.
     [[nodiscard]] std::unique_ptr<Watch> watch(std::string directory, std::string name, Handler handler);
 
 private:

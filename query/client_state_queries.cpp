@@ -106,7 +106,10 @@ void ClientState::_dispatchQuery(QueryOnItsWay query, const std::optional<Retry>
                                      {.attempt = 1, .retriesLeft = retriesOfAQuery}, std::move(completion))
             ->resume();
     } else {
-        _assembly.urlSession().dataTask(std::move(httpRequest), std::move(completion))->resume();
+        const auto task = _assembly.urlSession().dataTask(std::move(httpRequest), std::move(completion));
+        const auto& factory = _assembly.requestFactory();
+        if (factory && fieldMaskFor(userAgent().value_or("")) == FieldMask::none) factory->enableCindora(*task);
+        task->resume();
     }
     // Asking for the bag is what renews a stale one; the next query will see it.
     if (const auto& controller = _assembly.bagController()) (void)controller->currentBag();

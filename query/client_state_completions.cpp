@@ -52,7 +52,8 @@ ORXReplyCallback ClientState::_offerLocalCompletions(ORXSearchRequest& request, 
     }
     searchLog().debug("{} Total completions found for {}, {} remaining", found.size(),
                       platform::privately(request.queryString), found.size() - 1);
-    request.completionCacheSuggestions.assign(1, std::move(found.front()));
+    request.completionCacheSuggestions.clear();
+    request.completionCacheSuggestions.push_back(std::move(found.front()));
     found.erase(found.begin());
     if (found.empty()) return reply;
     return [reply = std::move(reply), rest = std::move(found)](std::uint64_t queryId, std::optional<ORXReply> answer,

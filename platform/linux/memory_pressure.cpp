@@ -74,14 +74,14 @@ struct LinuxMemoryPressure::State : std::enable_shared_from_this<State> {
     void arm() ORX_REQUIRES(thread) {
         sd_event_source* added = nullptr;
         auto opened = openTrigger(options.pressureFile);
+        const std::string why = opened ? "no event source for the trigger" : opened.error().text;
         if (opened) {
             triggerFile = *std::move(opened);
             const int r = sd_event_add_io(thread->event(), &added, triggerFile.get(), EPOLLPRI, triggered, this);
             source.reset(r < 0 ? nullptr : added);
         }
         if (source) return;
-        defaultLogger().debug("memory is watched by a timer: {}",
-                              opened ? "no event source for the trigger" : opened.error().text);
+        defaultLogger().debug("memory is watched by a timer: {}", why);
         const int r = sd_event_add_time_relative(thread->event(), &added, CLOCK_MONOTONIC, interval(), interval() / 10,
                                                  timePassed, this);
         source.reset(r < 0 ? nullptr : added);

@@ -125,7 +125,7 @@ void HTTPConnection::hold(std::chrono::milliseconds duration) {
 void HTTPConnection::reset() {
     sockaddr nowhere{};
     nowhere.sa_family = AF_UNSPEC;
-    ::connect(_socket, &nowhere, sizeof nowhere);
+    if (::connect(_socket, &nowhere, sizeof nowhere) != 0) ::shutdown(_socket, SHUT_RDWR);
     _output.clear();
     _isBroken = true;
 }

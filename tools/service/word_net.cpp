@@ -92,7 +92,7 @@ private:
         const int code = errno;
         if (descriptor >= 0) ::close(descriptor);
         return platform::failure(code,
-                                 fmt::format("cannot read {}: {} (package wordnet-base)", path, std::strerror(code)));
+                                 fmt::format("cannot read {}: {} (package wordnet-base)", path, strerrordesc_np(code)));
     }
 
     void* const _start;

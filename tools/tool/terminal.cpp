@@ -30,6 +30,8 @@ sigset_t ourSignals() {
     return signals;
 }
 
+// NOLINTBEGIN(concurrency-mt-unsafe): the locale is set before there is a second thread, and characters are converted
+// on one only.
 bool takeUTF8() {
     const auto isUTF8 = [] { return std::string_view(::nl_langinfo(CODESET)) == "UTF-8"; };
     if (std::setlocale(LC_CTYPE, "") != nullptr && isUTF8()) return true;
@@ -42,6 +44,7 @@ std::string utf8(wchar_t character) {
     const std::size_t count = std::wcrtomb(bytes.data(), character, &state);
     return count == static_cast<std::size_t>(-1) ? std::string() : std::string(bytes.data(), count);
 }
+// NOLINTEND(concurrency-mt-unsafe)
 
 Terminal::Key functionKey(wint_t key) {
     switch (key) {

@@ -22,6 +22,16 @@ function(orvex_folder folder)
   endif()
 endfunction()
 
+# core/feedback_records.proto, compiled: included as "core/feedback_records.pb.h". A target of its own, since generated
+# code keeps to nobody's warnings.
+function(orvex_records)
+  add_library(orvex_records STATIC core/feedback_records.proto)
+  protobuf_generate(TARGET orvex_records LANGUAGE cpp)
+  target_compile_options(orvex_records PRIVATE -w)
+  target_include_directories(orvex_records SYSTEM PUBLIC ${CMAKE_BINARY_DIR})
+  target_link_libraries(orvex_records PUBLIC protobuf::libprotobuf)
+endfunction()
+
 # The assembly and the loggers stand below the folders that use them, so they are a target of their own.
 function(orvex_assembly)
   add_library(orvex_assembly STATIC daemon/assembly.cpp daemon/orvex_logging.cpp)

@@ -31,6 +31,7 @@ namespace orvex {
 
 class AppWhitelistSignature;
 class BagController;
+class ClientSessionManagerProtocol;
 class ClientStateManager;
 class EngagedCompletionCache;
 class GUIDController;
@@ -38,6 +39,7 @@ class LocationManager;
 class MotionManager;
 class OrvexSubscriptionManager;
 class ORXNetworkRequestFactory;
+class PersistentStorage;
 
 /// The one container through which managers reach each other, the platform's services and the shared HTTP sessions.
 ///
@@ -122,6 +124,15 @@ public:
     }
     [[nodiscard]] const std::shared_ptr<GUIDController>& guidController() const { return _guidController; }
     void setGuidController(std::shared_ptr<GUIDController> controller) { _guidController = std::move(controller); }
+    /// The shared session's manager; null when clients have their own.
+    [[nodiscard]] const std::shared_ptr<ClientSessionManagerProtocol>& clientSessionManager() const {
+        return _clientSessionManager;
+    }
+    void setClientSessionManager(std::shared_ptr<ClientSessionManagerProtocol> manager) {
+        _clientSessionManager = std::move(manager);
+    }
+    [[nodiscard]] const std::shared_ptr<PersistentStorage>& persistentStorage() const { return _persistentStorage; }
+    void setPersistentStorage(std::shared_ptr<PersistentStorage> storage) { _persistentStorage = std::move(storage); }
     [[nodiscard]] bool sharedSession() const { return _sharedSession; }
     void setSharedSession(bool shared) { _sharedSession = shared; }
 
@@ -152,6 +163,8 @@ private:
     std::shared_ptr<ClientStateManager> _clientStateManager;
     std::shared_ptr<AppWhitelistSignature> _appWhitelistController;
     std::shared_ptr<GUIDController> _guidController;
+    std::shared_ptr<ClientSessionManagerProtocol> _clientSessionManager;
+    std::shared_ptr<PersistentStorage> _persistentStorage;
     bool _sharedSession = false;
 
     // Synchronised by themselves.

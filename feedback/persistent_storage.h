@@ -1,0 +1,25 @@
+#pragma once
+
+#include <memory>
+#include <vector>
+
+namespace orvex {
+
+class FileContainer;
+
+/// The role of the keeper of session files: hands out new ones, keeps the list of finished ones until they are
+/// uploaded. Threading: callable from any thread, but never from a callback of a file container.
+class PersistentStorage {
+public:
+    virtual ~PersistentStorage() = default;
+    /// A new, empty, open session file; null when none can be made, logged.
+    [[nodiscard]] virtual std::shared_ptr<FileContainer> createFileContainerForWriting() = 0;
+    /// The finished sessions that wait for upload, oldest first.
+    [[nodiscard]] virtual std::vector<std::shared_ptr<FileContainer>> getAvailableSessionHandles() = 0;
+    /// Puts it on the list of finished ones, then closes its file. Asynchronous.
+    virtual void closeSessionWithFileContainer(std::shared_ptr<FileContainer> container) = 0;
+    /// Off the list when this returns; its file is unlinked when the last reference to the container goes.
+    virtual void deleteSessionWithFileContainer(const std::shared_ptr<FileContainer>& container) = 0;
+};
+
+}  // namespace orvex

@@ -6,6 +6,7 @@
 #include <limits>
 #include <type_traits>
 
+#include "platform/base64.h"
 #include "platform/text.h"
 
 namespace orvex::platform {
@@ -33,21 +34,6 @@ std::int64_t integerFromText(std::string_view text) {
         return text.starts_with('-') ? std::numeric_limits<std::int64_t>::min()
                                      : std::numeric_limits<std::int64_t>::max();
     return integerFromDouble(number);
-}
-
-std::string base64(std::string_view bytes) {
-    constexpr std::string_view alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string text;
-    text.reserve((bytes.size() + 2) / 3 * 4);
-    for (std::size_t at = 0; at < bytes.size(); at += 3) {
-        const auto octet = [&](std::size_t index) {
-            return index < bytes.size() ? static_cast<std::uint32_t>(static_cast<unsigned char>(bytes[index])) : 0u;
-        };
-        const std::uint32_t group = octet(at) << 16 | octet(at + 1) << 8 | octet(at + 2);
-        for (const int shift : {18, 12, 6, 0}) text += alphabet[group >> shift & 63];
-    }
-    for (std::size_t padding = (3 - bytes.size() % 3) % 3; padding > 0; --padding) text[text.size() - padding] = '=';
-    return text;
 }
 
 PropertyArray arrayFromJSON(const json::array& items) {
@@ -136,7 +122,7 @@ json::value jsonFromPropertyValue(const PropertyValue& value) {
                                  [](double number) { return numberToJSON(number); },
                                  [](const std::string& text) { return json::value(text); },
                                  [](WallTime date) { return json::value(secondsSince1970(date)); },
-                                 [](const PropertyData& data) { return json::value(base64(data.bytes)); },
+                                 [](const PropertyData& data) { return json::value(encodedBase64(data.bytes)); },
                                  [](const PropertyArray& items) {
                                      json::array result;
                                      result.reserve(items.size());

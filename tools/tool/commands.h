@@ -52,4 +52,7 @@ ExitStatus readDefaults(const Options& options, const std::string& key);  ///< a
 ExitStatus writeDefault(const Options& options, const std::string& key, const std::string& value);
 ExitStatus deleteDefault(const Options& options, const std::string& key);
 
+/// Explains a signature of installed applications; an empty text: the one that the daemon has stored.
+ExitStatus showSignature(const Options& options, const std::string& text);
+
 }  // namespace orvex::tool

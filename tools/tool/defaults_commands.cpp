@@ -3,15 +3,17 @@
 #include <boost/json/object.hpp>
 #include <boost/json/serialize.hpp>
 #include <boost/json/value.hpp>
+#include <boost/json/value_from.hpp>
 
 #include "core/json.h"
+#include "core/whitelist_signature.h"
 #include "platform/linux/file_manager.h"
 #include "platform/linux/file_watcher.h"
 #include "platform/linux/user_defaults.h"
 #include "tools/tool/commands.h"
 
 // The daemon's settings are a file that every program of the user may change, under the writers' lock: the tool does so
-// itself, and a daemon that runs sees the change.
+// itself, and a daemon that runs sees the change. What the daemon stores there beside them, it explains.
 
 namespace orvex::tool {
 namespace {
@@ -29,6 +31,13 @@ ExitStatus tell(const platform::Result<void>& result) {
     if (result) return ExitStatus::done;
     fmt::print(stderr, "orvex_tool: {}\n", result.error().text);
     return ExitStatus::refused;
+}
+
+std::optional<std::string> storedSignature() {
+    const Settings settings;
+    const auto stored = settings.defaults.stored();
+    const auto found = stored.find("ORXAppWhitelistSignature");
+    return found == stored.end() ? std::nullopt : found->second.coerceToString();
 }
 
 }  // namespace
@@ -67,6 +76,34 @@ ExitStatus writeDefault(const Options&, const std::string& key, const std::strin
 ExitStatus deleteDefault(const Options&, const std::string& key) {
     Settings settings;
     return tell(settings.defaults.removeObject(key));
+}
+
+ExitStatus showSignature(const Options& options, const std::string& text) {
+    const auto stored = text.empty() ? storedSignature() : text;
+    if (!stored) {
+        fmt::print(stderr, "orvex_tool: no signature is stored\n");
+        return ExitStatus::refused;
+    }
+    const auto signature = checkSignature(*stored);
+    if (!signature) {
+        fmt::print(stderr, "orvex_tool: no valid signature: {}\n", signature.error().text);
+        return ExitStatus::refused;
+    }
+    const auto ids = signature->ids();
+    const auto version = fmt::format("{:04x}", signature->version);
+    if (options.json) {
+        fmt::print("{}\n", json::serialize(json::object{{"version", version},
+                                                        {"compressed", signature->compressed},
+                                                        {"bitmap_bytes", signature->bitmap.size()},
+                                                        {"ids", json::value_from(ids)}}));
+    } else {
+        fmt::print("version   ends in {} (its highest bit is not told)\n", version);
+        fmt::print("bitmap    {} bytes, {}\n", signature->bitmap.size(),
+                   signature->compressed ? "run-length coded" : "as it is");
+        fmt::print("checks    checksum and digest are right\n");
+        fmt::print("installed {}\n", ids.empty() ? "none that is told" : fmt::format("{}", fmt::join(ids, " ")));
+    }
+    return ExitStatus::done;
 }
 
 }  // namespace orvex::tool

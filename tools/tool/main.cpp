@@ -96,6 +96,9 @@ private:
         _add("images", "Show the image map of the bag", orvex::tool::showImages);
         _add("status", "Show what the daemon is doing", orvex::tool::showStatus);
         _add("counters", "Show what happened how often", orvex::tool::showCounters);
+        auto* signature = _app.add_subcommand("signature", "Explain a signature of the installed applications");
+        signature->add_option("TEXT", _value, "The signature, base64; by default the one that the daemon has stored");
+        signature->callback([this] { _chosen = [this] { return orvex::tool::showSignature(_options, _value); }; });
         auto* activity = _app.add_subcommand("run-activity", "Run a background activity now");
         activity->add_option("NAME", _name, "Its name, for example com.kelvar.orvexd.flusher.background")->required();
         activity->callback([this] { _chosen = [this] { return orvex::tool::runActivity(_options, _name); }; });

@@ -42,6 +42,12 @@ struct FileAttributes {
     std::uint32_t permissions = 0;  ///< the lower twelve bits of the mode
 };
 
+/// A file to be read from its beginning, and what it was like when it was opened.
+struct OpenFile {
+    FileDescriptor descriptor;
+    FileAttributes attributes;
+};
+
 /// One directory of ours and what lies below it. A name is a path relative to it; one that is absolute, or has an empty
 /// part, `.` or `..`, is refused (EINVAL), and so is a symbolic link on the way (ELOOP or ENOTDIR).
 ///
@@ -58,6 +64,9 @@ public:
 
     /// The whole file; code ENOENT when there is none, EFBIG when it is larger than `maxBytes`.
     [[nodiscard]] virtual Result<std::string> read(std::string_view name, std::size_t maxBytes) const = 0;
+
+    /// The file as it is now: once opened, it stays the same whatever replaces it under its name. Fails as `read`.
+    [[nodiscard]] virtual Result<OpenFile> openFile(std::string_view name) const = 0;
 
     /// Replaces the file as a whole, or leaves the old one: a new file beside it, synced, renamed, the directory
     /// synced. Durable when it returns without an error. Mode 0600. A crash may leave the new file under a name that

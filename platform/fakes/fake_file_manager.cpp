@@ -1,6 +1,8 @@
 #include "platform/fakes/fake_file_manager.h"
 
 #include <fmt/core.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <system_error>
@@ -22,6 +24,17 @@ public:
         if (!node) return std::unexpected(node.error());
         if ((*node)->bytes.size() > maxBytes) return _fail("read", name, EFBIG);
         return (*node)->bytes;
+    }
+
+    Result<OpenFile> openFile(std::string_view name) const override {
+        const MutexLock lock(_tree->mutex);
+        const auto node = _file(name);
+        if (!node) return std::unexpected(node.error());
+        FileDescriptor file(::memfd_create("fake", MFD_CLOEXEC));
+        const auto& bytes = (*node)->bytes;
+        if (!file.valid() || ::pwrite(file.get(), bytes.data(), bytes.size(), 0) != std::ssize(bytes))
+            return _fail("open", name, errno);
+        return OpenFile{.descriptor = std::move(file), .attributes = _attributes(**node)};
     }
 
     Result<void> replace(std::string_view name, std::string_view bytes) override {
@@ -65,10 +78,7 @@ public:
         const MutexLock lock(_tree->mutex);
         const auto node = _file(name);
         if (!node) return std::unexpected(node.error());
-        return FileAttributes{.size = (*node)->bytes.size(),
-                              .created = (*node)->created,
-                              .modified = (*node)->modified,
-                              .permissions = 0600};
+        return _attributes(**node);
     }
 
     Result<std::vector<std::string>> list(std::string_view name) const override {
@@ -97,6 +107,10 @@ private:
 
     std::unexpected<Failure> _fail(std::string_view what, std::string_view name, int code) const {
         return failure(code, fmt::format("cannot {} {}: {}", what, _full(name), std::generic_category().message(code)));
+    }
+
+    static FileAttributes _attributes(const Node& node) {
+        return {.size = node.bytes.size(), .created = node.created, .modified = node.modified, .permissions = 0600};
     }
 
     /// Why nothing can stand under `name`, or 0.

@@ -73,6 +73,8 @@ Result<std::string> FaultyDirectory::read(std::string_view name, std::size_t max
     return _inner->read(name, maxBytes);
 }
 
+Result<OpenFile> FaultyDirectory::openFile(std::string_view name) const { return _inner->openFile(name); }
+
 Result<void> FaultyDirectory::replace(std::string_view name, std::string_view bytes) {
     using enum DirectoryFault;
     const auto fault = _plan->_next({writeFails, writeTears, syncFails, renameFails});

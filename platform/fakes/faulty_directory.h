@@ -63,6 +63,7 @@ public:
 
     [[nodiscard]] std::string path() const override { return _inner->path(); }
     [[nodiscard]] Result<std::string> read(std::string_view name, std::size_t maxBytes) const override;
+    [[nodiscard]] Result<OpenFile> openFile(std::string_view name) const override;
     [[nodiscard]] Result<void> replace(std::string_view name, std::string_view bytes) override;
     [[nodiscard]] Result<void> remove(std::string_view name) override;
     [[nodiscard]] Result<void> rename(std::string_view from, std::string_view to) override;

@@ -5,6 +5,7 @@
 #include "platform/fakes/fake_file_manager.h"
 #include "platform/fakes/temporary_directory.h"
 #include "platform/linux/file_manager.h"
+#include "platform/mapped_file.h"
 
 namespace orvex::platform {
 namespace {
@@ -49,6 +50,21 @@ TYPED_TEST(FileManagerContract, AReadIsBounded) {
     EXPECT_EQ(this->code(this->directory->read("a", 99'999)), EFBIG);
     EXPECT_EQ(this->directory->read("a", 100'000)->size(), 100'000u);
     EXPECT_EQ(this->code(this->directory->read("a", 0)), EFBIG);
+}
+
+TYPED_TEST(FileManagerContract, AnOpenFileStaysWhatItWas) {
+    ASSERT_TRUE(this->directory->makeDirectory("d"));
+    EXPECT_EQ(this->code(this->directory->openFile("d")), EISDIR);
+    EXPECT_EQ(this->code(this->directory->openFile("a")), ENOENT);
+    EXPECT_EQ(this->code(this->directory->openFile("../a")), EINVAL);
+    ASSERT_TRUE(this->write("a", "old"));
+    const auto file = this->directory->openFile("a");
+    ASSERT_TRUE(file);
+    EXPECT_EQ(file->attributes.size, 3u);
+    ASSERT_TRUE(this->write("a", "new text"));
+    EXPECT_EQ(mmapFileHandle(file->descriptor).value().bytes(), "old");
+    ASSERT_TRUE(this->write("a", ""));
+    EXPECT_EQ(this->code(mmapFileHandle(this->directory->openFile("a")->descriptor)), EINVAL);
 }
 
 TYPED_TEST(FileManagerContract, ADirectoryHoldsFilesThatTheOneAboveNamesByPath) {

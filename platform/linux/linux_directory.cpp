@@ -11,6 +11,7 @@
 #include <algorithm>
 
 #include "platform/linux/open_beneath.h"
+#include "platform/linux/read_descriptor.h"
 #include "platform/linux/system_failure.h"
 
 // A file is opened first and looked at then, by its handle, so that nothing can change between the two. O_NONBLOCK lets
@@ -42,6 +43,20 @@ int refusal(const FileDescriptor& file) {
 
 WallTime wallTime(const struct statx_timestamp& time) {
     return wallTimeFromSeconds(static_cast<double>(time.tv_sec)) + std::chrono::nanoseconds(time.tv_nsec);
+}
+
+/// Of a file that we read; the error is an errno.
+std::expected<FileAttributes, int> attributesOf(const FileDescriptor& file) {
+    struct statx status{};
+    constexpr unsigned int wanted = STATX_BASIC_STATS | STATX_BTIME;
+    if (::statx(file.get(), "", AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW, wanted, &status) != 0)
+        return std::unexpected(errno);
+    if (const int code = refusal(status.stx_mode, status.stx_uid)) return std::unexpected(code);
+    const bool hasBirth = (status.stx_mask & STATX_BTIME) != 0 && status.stx_btime.tv_sec != 0;
+    return FileAttributes{.size = status.stx_size,
+                          .created = wallTime(hasBirth ? status.stx_btime : status.stx_mtime),
+                          .modified = wallTime(status.stx_mtime),
+                          .permissions = status.stx_mode & 07777u};
 }
 
 /// 0, or the errno of the write that failed.
@@ -99,21 +114,19 @@ Result<std::shared_ptr<LinuxDirectory>> LinuxDirectory::open(int parent, std::st
 }
 
 Result<std::string> LinuxDirectory::read(std::string_view name, std::size_t maxBytes) const {
-    const auto file = openBeneath(_handle.get(), name, O_RDONLY | O_NONBLOCK | O_NOCTTY);
-    if (!file) return _failed(file.error().code, "read", name);
-    if (const int code = refusal(*file)) return _failed(code, "read", name);
+    const auto file = _openToRead(name);
+    if (!file) return std::unexpected(file.error());
+    auto bytes = readDescriptor(*file, maxBytes);
+    if (!bytes) return _failed(bytes.error(), "read", name);
+    return *std::move(bytes);
+}
 
-    std::string bytes;
-    constexpr std::size_t pieceBytes = 64 * 1024;
-    while (true) {
-        const std::size_t length = bytes.size();
-        bytes.resize(length + std::min(pieceBytes, maxBytes - length + 1));  // one more tells a file that is too large
-        const auto got = ::read(file->get(), bytes.data() + length, bytes.size() - length);
-        bytes.resize(length + static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
-        if (got < 0 && errno != EINTR) return _failed(errno, "read", name);
-        if (got == 0) return bytes;
-        if (bytes.size() > maxBytes) return _failed(EFBIG, "read", name);
-    }
+Result<OpenFile> LinuxDirectory::openFile(std::string_view name) const {
+    auto file = _openToRead(name);
+    if (!file) return std::unexpected(file.error());
+    auto attributes = attributesOf(*file);
+    if (!attributes) return _failed(attributes.error(), "read", name);
+    return OpenFile{.descriptor = *std::move(file), .attributes = *attributes};
 }
 
 Result<void> LinuxDirectory::replace(std::string_view name, std::string_view bytes) {
@@ -169,16 +182,9 @@ Result<void> LinuxDirectory::makeDirectory(std::string_view name) {
 Result<FileAttributes> LinuxDirectory::attributes(std::string_view name) const {
     const auto file = openBeneath(_handle.get(), name, O_PATH);
     if (!file) return _failed(file.error().code, "look at", name);
-    struct statx status{};
-    constexpr unsigned int wanted = STATX_BASIC_STATS | STATX_BTIME;
-    if (::statx(file->get(), "", AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW, wanted, &status) != 0)
-        return _failed(errno, "look at", name);
-    if (const int code = refusal(status.stx_mode, status.stx_uid)) return _failed(code, "look at", name);
-    const bool hasBirth = (status.stx_mask & STATX_BTIME) != 0 && status.stx_btime.tv_sec != 0;
-    return FileAttributes{.size = status.stx_size,
-                          .created = wallTime(hasBirth ? status.stx_btime : status.stx_mtime),
-                          .modified = wallTime(status.stx_mtime),
-                          .permissions = status.stx_mode & 07777u};
+    const auto attributes = attributesOf(*file);
+    if (!attributes) return _failed(attributes.error(), "look at", name);
+    return *attributes;
 }
 
 Result<std::vector<std::string>> LinuxDirectory::list(std::string_view name) const {
@@ -220,6 +226,13 @@ Result<FileDescriptor> LinuxDirectory::lock(std::string_view name, std::chrono::
         ::nanosleep(&pause, nullptr);
     }
     return std::move(*file);
+}
+
+Result<FileDescriptor> LinuxDirectory::_openToRead(std::string_view name) const {
+    auto file = openBeneath(_handle.get(), name, O_RDONLY | O_NONBLOCK | O_NOCTTY);
+    if (!file) return _failed(file.error().code, "read", name);
+    if (const int code = refusal(*file)) return _failed(code, "read", name);
+    return file;
 }
 
 Result<LinuxDirectory::Place> LinuxDirectory::_place(std::string_view name) const {

@@ -21,6 +21,7 @@ public:
 
     [[nodiscard]] std::string path() const override { return _path; }
     [[nodiscard]] Result<std::string> read(std::string_view name, std::size_t maxBytes) const override;
+    [[nodiscard]] Result<OpenFile> openFile(std::string_view name) const override;
     [[nodiscard]] Result<void> replace(std::string_view name, std::string_view bytes) override;
     [[nodiscard]] Result<void> remove(std::string_view name) override;
     [[nodiscard]] Result<void> rename(std::string_view from, std::string_view to) override;
@@ -36,6 +37,7 @@ public:
 private:
     struct Place;  ///< a name's parent directory, open, and its last part
 
+    [[nodiscard]] Result<FileDescriptor> _openToRead(std::string_view name) const;
     [[nodiscard]] Result<Place> _place(std::string_view name) const;
     [[nodiscard]] std::unexpected<Failure> _failed(int code, std::string_view verb, std::string_view name) const;
 

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 
+#include "platform/linux/read_descriptor.h"
 #include "platform/linux/system_failure.h"
 
 namespace orvex::platform {
@@ -20,20 +21,9 @@ Result<std::string> LinuxSettingsFile::read() const {
     if (!S_ISREG(status.st_mode)) return failure(EINVAL, fmt::format("{} is no regular file", path));
     if (status.st_uid != 0 && status.st_uid != ::geteuid())
         return failure(EPERM, fmt::format("{} belongs to another user", path));
-
-    std::string text(maxSettingsFileBytes + 1, '\0');
-    std::size_t length = 0;
-    while (length < text.size()) {
-        const auto count = ::read(file.get(), text.data() + length, text.size() - length);
-        if (count < 0 && errno == EINTR) continue;
-        if (count < 0) return systemFailure(errno, fmt::format("read {}", path));
-        if (count == 0) break;
-        length += static_cast<std::size_t>(count);
-    }
-    if (length > maxSettingsFileBytes)
-        return failure(EFBIG, fmt::format("{} has more than {} bytes", path, maxSettingsFileBytes));
-    text.resize(length);
-    return text;
+    auto text = readDescriptor(file, maxSettingsFileBytes);
+    if (!text) return systemFailure(text.error(), fmt::format("read {}", path));
+    return *std::move(text);
 }
 
 void LinuxSettingsFile::setChangeHandler(std::function<void()> handler) {

@@ -33,6 +33,8 @@ struct URLRequest {
     std::string body;
     std::optional<std::chrono::nanoseconds> timeout;  ///< for the whole of it; none: 60 s
     CachePolicy cachePolicy = CachePolicy::useProtocol;
+    /// For a background task: how long past its earliest begin it may be put off for a better moment. None: a day.
+    std::optional<std::chrono::seconds> timeWindow;
 };
 
 /// Why `request` must not reach the wire as it is: its method or the name of a header is no token (RFC 9110, section
@@ -90,13 +92,6 @@ public:
     virtual void setPreconnect() = 0;
     /// Set before `resume`: through the CONNECT proxy at this URL, which follows the rule for every URL.
     virtual void setProxy(std::string proxyURL) = 0;
-
-    /// How many feedback records the task's body carries; 0 unless it is an upload.
-    [[nodiscard]] std::uint64_t numberOfFeedbacks() const { return _numberOfFeedbacks; }
-    void setNumberOfFeedbacks(std::uint64_t count) { _numberOfFeedbacks = count; }
-
-private:
-    std::uint64_t _numberOfFeedbacks = 0;
 };
 
 struct URLSessionConfiguration {

@@ -136,7 +136,7 @@ private:
     }
 
     HTTPAnswer _asReceived(FakeAnswer answer) const {
-        HTTPAnswer received{.response = {_request.url, answer.isHTTP, 0, {}}};
+        HTTPAnswer received{.response = {answer.url.empty() ? _request.url : answer.url, answer.isHTTP, 0, {}}};
         if (answer.isHTTP) received.response.statusCode = answer.statusCode;
         if (answer.isHTTP) received.response.headers = std::move(answer.headers);
         if (!answer.body.empty()) received.body = std::make_shared<std::string>(std::move(answer.body));

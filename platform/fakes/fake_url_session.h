@@ -25,6 +25,7 @@ struct FakeAnswer {
     bool isHTTP = true;                   ///< false: the response has neither status nor headers
     std::optional<TransportError> error;  ///< then there is neither response nor body
     std::map<std::string, double> timing;
+    std::string url;  ///< of the last redirect; empty: there was none
 };
 
 /// A session whose server is the test. A request that is resumed gets the script's answer, or is held until the test

@@ -8,6 +8,9 @@
 
 namespace orvex::platform {
 class BackgroundActivityScheduler;
+class BackgroundSession;
+class BackgroundSessionDelegate;
+class BackgroundSessionFactory;
 class Bus;
 class Counters;
 class DeviceInformation;
@@ -65,6 +68,9 @@ public:
         platform::BackgroundActivityScheduler& activities;
         platform::Bus& bus;
         std::string certificateAuthorityFile;  ///< PEM for all HTTP sessions; empty: the system's
+
+        /// Null only where a test has neither uploads nor downloads.
+        platform::BackgroundSessionFactory* backgroundSessions = nullptr;
 
         // What a device may lack. Null: it has none.
         platform::LocationService* location = nullptr;
@@ -150,6 +156,19 @@ public:
     /// For bag fetches.
     [[nodiscard]] platform::URLSession& bagSession();
 
+    /// For feedback uploads and for resource downloads. Both are made with the delegate that was set with the managers;
+    /// tasks that an earlier process stored go on from their first use on.
+    [[nodiscard]] platform::BackgroundSession& uploadURLSession();
+    [[nodiscard]] platform::BackgroundSession& downloadURLSession();
+    /// Null while it was not used yet; asking does not make it.
+    [[nodiscard]] platform::BackgroundSession* uploadURLSessionIfMade() const { return _madeUploadURLSession; }
+    [[nodiscard]] platform::BackgroundSession* downloadURLSessionIfMade() const { return _madeDownloadURLSession; }
+    void setUploadDelegate(std::weak_ptr<platform::BackgroundSessionDelegate> delegate);
+    void setDownloadDelegate(std::weak_ptr<platform::BackgroundSessionDelegate> delegate);
+
+    /// The end of start-up: tasks that an earlier process stored go on, and the delegates hear of ends.
+    void resumeStoredTransfers();
+
 private:
     // Constant after construction.
     const Platform _platform;
@@ -166,15 +185,23 @@ private:
     std::shared_ptr<ClientSessionManagerProtocol> _clientSessionManager;
     std::shared_ptr<PersistentStorage> _persistentStorage;
     bool _sharedSession = false;
+    std::weak_ptr<platform::BackgroundSessionDelegate> _uploadDelegate;
+    std::weak_ptr<platform::BackgroundSessionDelegate> _downloadDelegate;
 
     // Synchronised by themselves.
     std::once_flag _urlSessionOnce;
     std::once_flag _bagSessionOnce;
+    std::once_flag _uploadURLSessionOnce;
+    std::once_flag _downloadURLSessionOnce;
     std::once_flag _engagedCompletionCacheOnce;
     std::shared_ptr<platform::URLSession> _urlSession;
     std::shared_ptr<platform::URLSession> _bagSession;
     std::shared_ptr<EngagedCompletionCache> _engagedCompletionCache;
     std::atomic<platform::URLSession*> _madeURLSession = nullptr;
+    std::shared_ptr<platform::BackgroundSession> _uploadURLSession;
+    std::shared_ptr<platform::BackgroundSession> _downloadURLSession;
+    std::atomic<platform::BackgroundSession*> _madeUploadURLSession = nullptr;
+    std::atomic<platform::BackgroundSession*> _madeDownloadURLSession = nullptr;
 };
 
 }  // namespace orvex

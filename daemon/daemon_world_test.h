@@ -9,6 +9,7 @@
 #include "daemon/start_up.h"
 #include "platform/background_activity_scheduler.h"
 #include "platform/counters.h"
+#include "platform/fakes/fake_background_session.h"
 #include "platform/fakes/fake_bus.h"
 #include "platform/fakes/fake_device_information.h"
 #include "platform/fakes/fake_file_manager.h"
@@ -93,6 +94,7 @@ public:
     platform::FakeFileManager files;
     platform::NotificationCenter notifications;
     platform::FakeURLSessionFactory sessions{time};
+    platform::FakeBackgroundSessionFactory backgroundSessions{time, files};
     platform::Counters counters;
     std::shared_ptr<platform::Transactions> transactions = std::make_shared<platform::Transactions>(time);
     platform::FakeLocale locale;
@@ -112,7 +114,8 @@ public:
                        .memoryPressure = memoryPressure,
                        .activities = activities,
                        .bus = bus,
-                       .certificateAuthorityFile = {}}};
+                       .certificateAuthorityFile = {},
+                       .backgroundSessions = &backgroundSessions}};
     std::shared_ptr<OrvexService> service;
 };
 

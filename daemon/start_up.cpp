@@ -82,6 +82,7 @@ void beginService(Assembly& assembly) {
     background.async([&assembly] { (void)assembly.bagController()->currentBag(); });
     const platform::GlobalQueue standard(assembly.dispatcher(), platform::Priority::standard);
     standard.async([&assembly] { assembly.notificationCenter().post(ORXStartupNotification{}); });
+    assembly.resumeStoredTransfers();
 }
 
 }  // namespace orvex

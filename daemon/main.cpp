@@ -7,6 +7,7 @@
 #include <optional>
 
 #include "core/constants.h"
+#include "core/feedback_record.h"
 #include "daemon/assembly.h"
 #include "daemon/command_line.h"
 #include "daemon/idle_exit.h"
@@ -62,6 +63,7 @@ void startLog(const CommandLine& commandLine) {
     auto sink = platform::makeLogSink(commandLine.logFormat);
     if (!sink) giveUp(wrongUsage, sink.error().text);
     platform::installLogSink(*std::move(sink), commandLine.logLevel);
+    routeProtobufLog();
 }
 
 /// The lock of the state directory. Without a state directory there is nothing to share, and the bus name alone

@@ -93,6 +93,17 @@ bool isValidUTF8(std::string_view bytes) {
     return true;
 }
 
+std::string wellFormed(std::string_view bytes) {
+    if (isValidUTF8(bytes)) return std::string(bytes);
+    std::string result;
+    while (!bytes.empty()) {
+        const auto character = decodeFirst(bytes);
+        result += character.valid ? bytes.substr(0, character.bytes) : "\xEF\xBF\xBD";
+        bytes.remove_prefix(character.bytes);
+    }
+    return result;
+}
+
 bool hasControlCharacter(std::string_view text) {
     return std::ranges::any_of(text, [](char character) {
         const auto byte = static_cast<unsigned char>(character);

@@ -9,6 +9,7 @@ namespace orvex {
 
 inline constexpr std::string_view kORXErrorDomain = "ORXErrorDomain";
 inline constexpr std::string_view kORXURLErrorDomain = "ORXURLErrorDomain";
+inline constexpr std::string_view kORXPOSIXErrorDomain = "ORXPOSIXErrorDomain";  ///< errno; 0 when it is not known
 
 /// Codes of `kORXErrorDomain`.
 enum class ORXErrorCode : std::int64_t {

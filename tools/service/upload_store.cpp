@@ -1,45 +1,20 @@
 #include "tools/service/upload_store.h"
 
 #include <fmt/core.h>
-#include <openssl/evp.h>
-#include <zlib.h>
 
 #include <algorithm>
-#include <array>
 #include <boost/json.hpp>
 #include <charconv>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <system_error>
+
+#include "core/compressed_output_stream.h"
 
 namespace orvex {
 namespace {
 
 namespace json = boost::json;
-
-constexpr int rawDeflate = -15, level = 6, memoryLevel = 8;
-constexpr std::size_t pieceBytes = 8192, passBytes = 4096;
-
-Bytef* bytesOf(std::string_view text) { return reinterpret_cast<Bytef*>(const_cast<char*>(text.data())); }
-
-struct Inflater {
-    z_stream stream{};
-    Inflater() { inflateInit2(&stream, rawDeflate); }
-    ~Inflater() { inflateEnd(&stream); }
-};
-
-struct Deflater {
-    z_stream stream{};
-    Deflater() { deflateInit2(&stream, level, Z_DEFLATED, rawDeflate, memoryLevel, Z_DEFAULT_STRATEGY); }
-    ~Deflater() { deflateEnd(&stream); }
-};
-
-std::string hexadecimal(const unsigned char* bytes, std::size_t count) {
-    std::string text;
-    for (std::size_t i = 0; i < count; ++i) text += fmt::format("{:02x}", bytes[i]);
-    return text;
-}
 
 json::array pairsAsJSON(const std::vector<platform::QueryItem>& pairs) {
     json::array list;
@@ -48,50 +23,6 @@ json::array pairsAsJSON(const std::vector<platform::QueryItem>& pairs) {
 }
 
 }  // namespace
-
-platform::Result<std::string> inflated(std::string_view deflated, std::size_t maxBytes) {
-    Inflater inflater;
-    std::string body;
-    std::array<char, 65536> block;
-    inflater.stream.next_in = bytesOf(deflated);
-    inflater.stream.avail_in = static_cast<uInt>(deflated.size());
-    for (int status = Z_OK; status != Z_STREAM_END;) {
-        inflater.stream.next_out = bytesOf({block.data(), block.size()});
-        inflater.stream.avail_out = block.size();
-        status = inflate(&inflater.stream, Z_NO_FLUSH);
-        if (status == Z_BUF_ERROR) return platform::failure(400, "the body ends in the middle of its deflate stream");
-        if (status != Z_OK && status != Z_STREAM_END) return platform::failure(400, "the body is no raw deflate");
-        body.append(block.data(), block.size() - inflater.stream.avail_out);
-        if (body.size() > maxBytes)
-            return platform::failure(400, fmt::format("the body inflates to over {} bytes", maxBytes));
-    }
-    if (inflater.stream.avail_in > 0)
-        return platform::failure(400, "there is more after the end of the deflate stream");
-    return body;
-}
-
-std::string uploadDigest(std::string_view body) {
-    const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> digest(EVP_MD_CTX_new(), &EVP_MD_CTX_free);
-    EVP_DigestInit_ex(digest.get(), EVP_sha512(), nullptr);
-    Deflater deflater;
-    std::array<char, passBytes> output;
-    for (std::string_view rest = body; !rest.empty();) {
-        const std::string_view piece = rest.substr(0, pieceBytes);
-        rest.remove_prefix(piece.size());
-        deflater.stream.next_in = bytesOf(piece);
-        deflater.stream.avail_in = static_cast<uInt>(piece.size());
-        while (deflater.stream.avail_in > 0) {
-            EVP_DigestUpdate(digest.get(), piece.data(), piece.size());
-            deflater.stream.next_out = bytesOf({output.data(), output.size()});
-            deflater.stream.avail_out = output.size();
-            deflate(&deflater.stream, Z_NO_FLUSH);
-        }
-    }
-    std::array<unsigned char, EVP_MAX_MD_SIZE> result;
-    unsigned size = 0;
-    EVP_DigestFinal_ex(digest.get(), result.data(), &size);
-    return hexadecimal(result.data(), size);
-}
 
 UploadStore::UploadStore(std::string directory) : _directory(std::move(directory)) {
     if (_directory.empty()) return;
@@ -108,7 +39,7 @@ UploadStore::UploadStore(std::string directory) : _directory(std::move(directory
 
 platform::Result<void> UploadStore::take(const ServerRequest& request) {
     const auto body = inflated(request.body, maxBodyBytes);
-    if (!body) return std::unexpected(body.error());
+    if (!body) return platform::failure(400, "the body does not inflate: " + body.error().text);
     const std::string digest = uploadDigest(*body);
     if (request.header("X-Kelvar-Digest") != digest)
         return platform::failure(400, fmt::format("the digest does not fit the body, whose own is {}", digest));

@@ -11,14 +11,6 @@
 
 namespace orvex {
 
-/// Raw deflate (RFC 1951) undone. Fails on what is no deflate, ends early, goes on after its end, or is larger than
-/// `maxBytes`.
-platform::Result<std::string> inflated(std::string_view deflated, std::size_t maxBytes);
-
-/// The digest that an upload of `body` carries, 128 hexadecimal digits: what the compressing stream hashes is each
-/// piece of 8192 bytes once for every pass that the compressor makes over it with its output buffer of 4096 bytes.
-std::string uploadDigest(std::string_view body);
-
 /// Takes uploads: inflates them, checks their digest, and keeps each as `upload.N.body` (inflated) and `upload.N.json`
 /// (path, items, headers, size). The second appears last and each at once and whole, so a reader waits for it.
 ///

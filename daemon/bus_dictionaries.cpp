@@ -218,7 +218,8 @@ std::expected<ORXAnyRequest, BadEntry> requestFromBus(std::string_view kind, con
     if (kind == "flight") return flightFromBus(dictionary);
     if (kind == "more_results") {
         ORXMoreResultsRequest request;
-        return finish(readCommon(dictionary, request), request);
+        const auto reader = readCommon(dictionary, request);
+        return finish(reader, std::move(request));
     }
     if (kind == "zero_keyword") {
         ORXZeroKeywordRequest request;

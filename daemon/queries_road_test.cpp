@@ -108,6 +108,7 @@ TEST_F(QueriesRoadTest, MoreResultsAndCardsTakeAListWithStatus200Only) {
     auto outcome = ask("more_results");
     answer("[]");
     EXPECT_EQ(data(outcome), "[]");
+    EXPECT_EQ(*outcome->arguments->at(0).as<std::uint64_t>(), 3u);
     outcome = ask("more_results");
     answer("{}");
     EXPECT_EQ(error(outcome), "ORXErrorDomain 500 invalid response class");
@@ -163,14 +164,53 @@ TEST_F(QueriesRoadTest, WithoutARenderTimeoutNothingIsTriedAgain) {
     EXPECT_EQ(error(outcome), "ORXURLErrorDomain -1005 lost");
 }
 
+TEST_F(QueriesRoadTest, TheFirstAttemptOfEveryKindGoesThroughTheProxyAndNoOther) {
+    start(R"(, "search_render_timeout": 1500, "cindora_configuration": {"proxy_url": "https://proxy.example:8443",
+               "appRule": {"enable": {"Enabled": true}}})");
+    const auto lastProxy = [this] { return world.server().sent().back().proxyURL; };
+    for (const auto* kind : {"zero_keyword", "more_results", "lookup", "flight"}) {
+        (void)ask(kind);
+        EXPECT_EQ(lastProxy(), "https://proxy.example:8443") << kind;
+    }
+    failTransport();  // of the zero-keyword query
+    failTransport();  // of more results
+    EXPECT_EQ(world.server().sent().size(), 4u);
+    failTransport();
+    EXPECT_EQ(world.server().sent().size(), 5u);
+    EXPECT_EQ(lastProxy(), std::nullopt);
+    ASSERT_TRUE(world.configure(":1.2", "com.kelvar.missiv", "Missiv/1")->arguments);
+    (void)world.callDaemon(":1.2", "Request", {"lookup", BusDictionary{}.set("query_string", "oak")});
+    EXPECT_EQ(lastProxy(), std::nullopt);
+}
+
+TEST_F(QueriesRoadTest, AReplyTellsTheUseOfTheMapsServiceThatItsRequestTold) {
+    start();
+    std::optional<std::string> told;
+    for (const auto* kind : {"zero_keyword", "lookup", "flight", "more_results"}) {
+        const auto outcome = ask(kind);
+        const auto header = platform::headerValue(world.server().sent().back().request.headers, "X-Kelvar-GeoSession");
+        EXPECT_EQ(header.has_value(), kind != std::string("more_results"));
+        if (header) told = header;
+        answer("[]");
+        const auto* entity = outcome->arguments->at(1).as<BusDictionary>()->find("geo_session_entity");
+        ASSERT_NE(entity, nullptr) << kind;
+        EXPECT_EQ(*entity->as<std::string>(), told);  // time stands still
+    }
+}
+
 TEST_F(QueriesRoadTest, WithoutABagEachSaysWhatItCouldNotDo) {
     world.serveBag(std::nullopt);
     world.start();
     ASSERT_TRUE(world.configure(":1.1")->arguments);
-    for (const auto* kind : {"zero_keyword", "more_results", "card", "lookup", "flight"})
+    BusDictionary more;
+    more.set("query_items",
+             platform::BusArray{"(ss)", {platform::BusStruct{{platform::BusValue("q"), platform::BusValue("pine")}}}});
+    EXPECT_EQ(error(ask("more_results", std::move(more))), "ORXErrorDomain 1 timeout");
+    for (const auto* kind : {"zero_keyword", "card", "lookup", "flight"})
         EXPECT_EQ(error(ask(kind)), "ORXErrorDomain 1 timeout");
     for (const auto* text : {"can't complete non-cached zkw query.", "can't complete non-cached lookup query.",
-                             "Bag fetch failed, can't complete flight query.", "can't complete non-cached query"})
+                             "Bag fetch failed, can't complete flight query.", "can't complete non-cached query pine.",
+                             "can't complete non-cached query ."})
         EXPECT_TRUE(logged(LogLevel::error, text)) << text;
 }
 

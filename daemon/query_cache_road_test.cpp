@@ -53,6 +53,8 @@ TEST_F(QueryCacheRoadTest, TypingOnIsAnsweredFromMemory) {
     const auto* reply = outcome->arguments->at(1).as<BusDictionary>();
     EXPECT_EQ(reply->find("data")->as<platform::BusBytes>()->view(), completions);
     EXPECT_EQ(reply->find("http_response"), nullptr);
+    ASSERT_NE(reply->find("geo_session_entity"), nullptr);
+    EXPECT_NE(reply->find("geo_session_entity")->as<std::string>()->find(" 2 "), std::string::npos);
     EXPECT_TRUE(world.log.contains(LogLevel::standard, "Orvex_Caching", "prefix: wear input: wea score: 0.900000"));
     EXPECT_EQ(world.counters.value("com.kelvar.orvexd.lumisk.ondevicecachehits"), 1);
     EXPECT_EQ(world.counters.value("com.kelvar.orvexd.search"), 1);

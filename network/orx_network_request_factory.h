@@ -117,6 +117,9 @@ public:
     /// Sends a query's task, not resumed yet, through the proxy if they shall; one that cannot goes direct.
     void enableCindora(platform::URLSessionTask& task) const;
 
+    /// The present use of the maps service as requests tell it, without counting; none where there is no such service.
+    [[nodiscard]] std::optional<std::string> getMapsUserSessionEntity() const;
+
     // What the last bag makes visible on the device.
     [[nodiscard]] bool gazelVisible() const { return _gazelVisible; }
     [[nodiscard]] bool hashtagImagesVisible() const { return _hashtagImagesVisible; }

@@ -303,6 +303,11 @@ void ORXNetworkRequestFactory::_publishVisibility(const ORXBag& bag) {
                      _hashtagImagesVisible.load());
 }
 
+std::optional<std::string> ORXNetworkRequestFactory::getMapsUserSessionEntity() const {
+    const auto& manager = _assembly.locationManager();
+    return manager ? std::optional(manager->mapsUserSession().currentEntity()) : std::nullopt;
+}
+
 std::int32_t ORXNetworkRequestFactory::cindoraStatus() const {
     return _assembly.useCindora() && _proxy.enabled() ? 1 : 0;
 }
@@ -310,7 +315,7 @@ std::int32_t ORXNetworkRequestFactory::cindoraStatus() const {
 void ORXNetworkRequestFactory::enableCindora(platform::URLSessionTask& task) const {
     if (cindoraStatus() != 1) return;
     if (const auto enabled = _proxy.enableForTask(task); !enabled)
-        OrvexLogForCategory(OrvexLoggingCategory::search).error("Enabling Cindora for request failed.");
+        OrvexLogForCategory(OrvexLoggingCategory::connection).error("Enabling Cindora for request failed.");
 }
 
 }  // namespace orvex

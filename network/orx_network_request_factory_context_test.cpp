@@ -279,11 +279,12 @@ TEST_F(ContextTest, ANewBagSaysWhatIsVisibleAndWhetherQueriesGoThroughAProxy) {
     configured(R"("https://proxy.example:8443")");
     EXPECT_TRUE(factory().gazelVisible() && factory().hashtagImagesVisible());
     EXPECT_EQ(factory().cindoraStatus(), 1);
-    EXPECT_FALSE(log.contains(platform::LogLevel::error, "Orvex_Search", "Enabling Cindora for request failed."));
+    EXPECT_FALSE(log.contains(platform::LogLevel::error, "Orvex_Connection", "Enabling Cindora for request failed."));
     for (const auto* refused : {"1", R"("http://proxy.example")"}) {
         configured(refused);
         EXPECT_TRUE(log.contains(platform::LogLevel::error, "Orvex_Request", "NSP configuration failed."));
-        EXPECT_TRUE(log.contains(platform::LogLevel::error, "Orvex_Search", "Enabling Cindora for request failed."));
+        EXPECT_TRUE(
+            log.contains(platform::LogLevel::error, "Orvex_Connection", "Enabling Cindora for request failed."));
     }
     userDefaults.store("ORXUseCindora", false);
     EXPECT_EQ(factory().cindoraStatus(), 0);

@@ -116,7 +116,7 @@ public:
     [[nodiscard]] virtual std::shared_ptr<URLSessionTask> dataTask(URLRequest request,
                                                                    DataTaskCompletion completion) = 0;
 
-    /// Empties the memory cache. False when the session has none.
+    /// Empties the memory cache; what is under way will not be stored there. False when the session has none.
     virtual bool purgeMemoryCache() = 0;
 };
 

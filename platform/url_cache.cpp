@@ -240,8 +240,9 @@ HTTPAnswer URLCache::accept(const Exchange& exchange, HTTPAnswer answer) {
     return refreshed;
 }
 
-bool URLCache::purge() {
+bool URLCache::purge(MonotonicTime now) {
     const MutexLock lock(_mutex);
+    _purged = now;
     _byURL.clear();
     _entries.clear();
     _bytes = 0;
@@ -259,11 +260,12 @@ void URLCache::_store(const Exchange& exchange, const HTTPAnswer& answer) {
     if (!stored->isFresh(exchange.arrived) && stored->conditions().empty()) return;
     const std::size_t bytes = exchange.request.url.size() + vary.size() + bytesOf(*varied) + bytesOf(answer);
     if (bytes > _capacity / 4) return;
-    _insert({exchange.request.url, std::move(vary), *std::move(varied), std::move(stored), bytes});
+    _insert({exchange.request.url, std::move(vary), *std::move(varied), std::move(stored), bytes}, exchange.requested);
 }
 
-void URLCache::_insert(Entry entry) {
+void URLCache::_insert(Entry entry, MonotonicTime requested) {
     const MutexLock lock(_mutex);
+    if (_purged && requested <= *_purged) return;
     if (const auto found = _byURL.find(entry.url); found != _byURL.end()) _erase(found->second);
     _bytes += entry.bytes;
     _entries.push_front(std::move(entry));

@@ -92,8 +92,9 @@ public:
     /// answer itself, or the stored one that a 304 has validated.
     [[nodiscard]] HTTPAnswer accept(const Exchange& exchange, HTTPAnswer answer);
 
-    /// Empties it. False when it has no capacity.
-    bool purge();
+    /// Empties it; an answer to a request of before `now` that is still under way will not be stored. False when it has
+    /// no capacity.
+    bool purge(MonotonicTime now);
 
 private:
     struct Entry {
@@ -106,7 +107,7 @@ private:
     using Entries = std::list<Entry>;
 
     void _store(const Exchange& exchange, const HTTPAnswer& answer);
-    void _insert(Entry entry);
+    void _insert(Entry entry, MonotonicTime requested);
     void _remove(const std::string& url);
     void _erase(Entries::iterator entry) ORX_REQUIRES(_mutex);
 
@@ -118,6 +119,7 @@ private:
     Entries _entries ORX_GUARDED_BY(_mutex);  ///< the most recently used first
     std::unordered_map<std::string, Entries::iterator> _byURL ORX_GUARDED_BY(_mutex);
     std::size_t _bytes ORX_GUARDED_BY(_mutex) = 0;
+    std::optional<MonotonicTime> _purged ORX_GUARDED_BY(_mutex);
 };
 
 }  // namespace orvex::platform

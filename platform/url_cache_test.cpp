@@ -137,7 +137,6 @@ TEST_F(URLCacheTest, A304RefreshesWhatItValidates) {
     EXPECT_FALSE(stored->isFresh(now));
     EXPECT_THAT(stored->conditions(), ElementsAre(Pair("If-None-Match", "\"1\""), Pair("If-Modified-Since", date)));
 
-    EXPECT_TRUE(cache.purge());  // while the request is under way
     const HTTPHeaders notModified{{"etag", "W/\"1\""}, {"Cache-Control", "max-age=100"}, {"Content-Length", "7"}};
     const auto answer = accept(request, 304, notModified, stored);
     EXPECT_EQ(answer.response.statusCode, 200);
@@ -151,6 +150,10 @@ TEST_F(URLCacheTest, A304RefreshesWhatItValidates) {
     EXPECT_EQ(accept(request, 304, {{"ETag", "\"2\""}}, refreshed).response.statusCode, 200);
     EXPECT_FALSE(find(request)) << "the 304 named another version";
     EXPECT_EQ(accept(request, 304, {}).response.statusCode, 304) << "nobody asked for it";
+
+    EXPECT_TRUE(cache.purge(now.monotonic));  // while the request is under way
+    EXPECT_EQ(accept(request, 304, notModified, stored).body, body);
+    EXPECT_FALSE(find(request)) << "of before the purge";
 }
 
 TEST_F(URLCacheTest, TheLeastRecentlyUsedGoesFirst) {
@@ -168,13 +171,14 @@ TEST_F(URLCacheTest, TheLeastRecentlyUsedGoesFirst) {
     for (const int number : {1, 3, 4, 5}) EXPECT_TRUE(find(url(number))) << number;
     EXPECT_FALSE(find(url(2)));
 
-    EXPECT_TRUE(cache.purge());
+    EXPECT_TRUE(cache.purge(now.monotonic));
     EXPECT_FALSE(find(url(1)));
+    advance(1s);
     for (const int number : {1, 2, 3, 4}) store(number, 900);
     EXPECT_TRUE(find(url(1))) << "what was purged still counts";
 
     URLCache none(0);
-    EXPECT_FALSE(none.purge());
+    EXPECT_FALSE(none.purge(now.monotonic));
 }
 
 }  // namespace

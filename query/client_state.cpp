@@ -194,6 +194,12 @@ std::string ClientState::_currentUserGUID() const {
     return controller ? controller->currentUserGUID() : std::string();
 }
 
+std::optional<std::string> ClientState::_geoSessionEntity(const platform::URLRequest& request) const {
+    if (auto told = platform::headerValue(request.headers, "X-Kelvar-GeoSession")) return told;
+    const auto& factory = _assembly.requestFactory();
+    return factory ? factory->getMapsUserSessionEntity() : std::nullopt;
+}
+
 void ClientState::warm() {
     const auto& controller = _assembly.bagController();
     const auto url = controller ? controller->warmURL() : std::nullopt;

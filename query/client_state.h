@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -20,6 +21,7 @@ class Assembly;
 class GUIDController;
 class ORXBag;
 class QueryCache;
+enum class FieldMask : std::uint32_t;
 struct QueryOnItsWay;
 struct CachedResultSet;
 struct ORXBagChangeNotification;
@@ -100,13 +102,16 @@ private:
     void _bind(const HeldBag& bag, const std::optional<HeldBag>& inPlaceOf);
     void _markNetworkRequest();
     [[nodiscard]] std::string _currentUserGUID() const;
+    /// The use of the maps service that a reply tells: as the request told it, else the present one.
+    [[nodiscard]] std::optional<std::string> _geoSessionEntity(const platform::URLRequest& request) const;
     [[nodiscard]] std::optional<BoundBag> _boundBag() const;
     [[nodiscard]] static bool _isDisabled(const ORXSearchRequest& request, const ORXBag& bag, ORXReplyCallback& reply);
     /// Puts the best completion into the request; returns the callback, which brings the others into the reply.
     [[nodiscard]] ORXReplyCallback _offerLocalCompletions(ORXSearchRequest& request, const ORXBag& bag,
                                                           ORXReplyCallback reply) const;
     [[nodiscard]] static bool _isTooShort(const ORXSearchRequest& request, const ORXBag& bag, ORXReplyCallback& reply);
-    void _replyFromCache(const ORXSearchRequest& request, const CachedResultSet& entry, ORXReplyCallback& reply);
+    void _replyFromCache(const ORXSearchRequest& request, const platform::URLRequest& httpRequest,
+                         const CachedResultSet& entry, ORXReplyCallback& reply);
     void _dispatchSearch(ORXSearchRequest request, platform::URLRequest httpRequest, std::string userAgent,
                          ORXReplyCallback reply);
     void _finishSearch(SearchOnItsWay search, platform::Body data, std::optional<platform::URLResponse> response,
@@ -124,13 +129,13 @@ private:
     /// None, and the client has been told, when there is no bag or it is disabled.
     [[nodiscard]] std::optional<BoundBag> _bagForQuery(const QueryTexts& texts, std::uint64_t queryId,
                                                        platform::MonotonicTime arrival, ORXReplyCallback& reply);
-    [[nodiscard]] std::optional<BoundBag> _bagForListQuery(const ORXRequest& request, platform::MonotonicTime arrival,
-                                                           ORXReplyCallback& reply);
+    [[nodiscard]] std::optional<BoundBag> _bagForListQuery(const ORXRequest& request, std::string_view input,
+                                                           platform::MonotonicTime arrival, ORXReplyCallback& reply);
     /// True, and the client has been told "nothing", when no request could be built.
     [[nodiscard]] static bool _hasNoEndpoint(const std::optional<platform::URLRequest>& built, std::uint64_t queryId,
                                              ORXReplyCallback& reply);
     /// Without `retry` as a plain task.
-    void _dispatchQuery(QueryOnItsWay query, const std::optional<Retry>& retry, Finish finish);
+    void _dispatchQuery(QueryOnItsWay query, FieldMask fieldMask, const std::optional<Retry>& retry, Finish finish);
     [[nodiscard]] static Finish _anyBodyCounts(std::string_view gotResponse);
     void _debugFlightSearch(const ORXFlightSearchRequest& request, ORXReplyCallback& reply);
     void _recordSearchResult(const std::string& userAgent, std::int64_t statusCode);

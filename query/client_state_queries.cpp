@@ -15,6 +15,7 @@
 #include "platform/dispatch.h"
 #include "platform/text.h"
 #include "platform/user_defaults.h"
+#include "query/cached_result_set.h"
 #include "query/client_state.h"
 #include "query/flight_debug_data.h"
 #include "query/query_on_its_way.h"
@@ -75,8 +76,8 @@ std::string_view bodyText(const platform::Body& data) {
 struct ClientState::QueryTexts {
     std::string_view bagFailed;
     std::string_view disabled;
-    std::string_view dispatching;
-    std::string_view gotResponse;
+    std::string_view dispatching = {};
+    std::string_view gotResponse = {};
 };
 
 std::optional<ClientState::BoundBag> ClientState::_bagForQuery(const QueryTexts& texts, std::uint64_t queryId,
@@ -94,21 +95,26 @@ std::optional<ClientState::BoundBag> ClientState::_bagForQuery(const QueryTexts&
     return bound;
 }
 
-void ClientState::_dispatchQuery(QueryOnItsWay query, const std::optional<Retry>& retry, Finish finish) {
+void ClientState::_dispatchQuery(QueryOnItsWay query, FieldMask fieldMask, const std::optional<Retry>& retry,
+                                 Finish finish) {
+    const auto& factory = _assembly.requestFactory();
+    const bool mayUseProxy = factory && fieldMask == FieldMask::none;
     auto httpRequest = query.httpRequest;
+    query.geoSessionEntity = _geoSessionEntity(httpRequest);
     platform::DataTaskCompletion completion =
         [self = shared_from_this(), query = std::move(query), finish = std::move(finish)](
             platform::Body data, std::optional<platform::URLResponse> response,
             std::optional<platform::TransportError> error) mutable { finish(query, std::move(data), response, error); };
     if (retry) {
-        dataTaskWithRetryableRequest(_assembly.urlSession(), _assembly.dispatcher(),
-                                     {.httpRequest = std::move(httpRequest), .expire = retry->expire},
-                                     {.attempt = 1, .retriesLeft = retriesOfAQuery}, std::move(completion))
-            ->resume();
+        const auto retryable =
+            dataTaskWithRetryableRequest(_assembly.urlSession(), _assembly.dispatcher(),
+                                         {.httpRequest = std::move(httpRequest), .expire = retry->expire},
+                                         {.attempt = 1, .retriesLeft = retriesOfAQuery}, std::move(completion));
+        if (mayUseProxy) factory->enableCindora(*retryable->task());
+        retryable->resume();
     } else {
         const auto task = _assembly.urlSession().dataTask(std::move(httpRequest), std::move(completion));
-        const auto& factory = _assembly.requestFactory();
-        if (factory && fieldMaskFor(userAgent().value_or("")) == FieldMask::none) factory->enableCindora(*task);
+        if (mayUseProxy) factory->enableCindora(*task);
         task->resume();
     }
     // Asking for the bag is what renews a stale one; the next query will see it.
@@ -139,8 +145,8 @@ void ClientState::zeroKeyword(const ORXZeroKeywordRequest& request, platform::Mo
                 : std::nullopt;
     if (_hasNoEndpoint(built, request.queryId, reply)) return;
     searchLog().log("{}", texts.dispatching);
-    _dispatchQuery(QueryOnItsWay(request, *std::move(built), std::move(reply)), std::nullopt,
-                   _anyBodyCounts(texts.gotResponse));
+    _dispatchQuery(QueryOnItsWay(request, *std::move(built), std::move(reply)), fieldMaskFor(bound->userAgent),
+                   std::nullopt, _anyBodyCounts(texts.gotResponse));
     _markNetworkRequest();
 }
 
@@ -157,8 +163,9 @@ void ClientState::lookup(const ORXLookupRequest& request, platform::MonotonicTim
     auto built = factory ? factory->lookupRequest(request, *bound->bag, _currentUserGUID()) : std::nullopt;
     if (_hasNoEndpoint(built, request.queryId, reply)) return;
     searchLog().log("{}", texts.dispatching);
-    _dispatchQuery(QueryOnItsWay(request, *std::move(built), std::move(reply)), retry,
+    _dispatchQuery(QueryOnItsWay(request, *std::move(built), std::move(reply)), fieldMaskFor(bound->userAgent), retry,
                    _anyBodyCounts(texts.gotResponse));
+    factory->setPerformedSearch();
     _markNetworkRequest();
 }
 
@@ -177,7 +184,7 @@ void ClientState::flightSearch(const ORXFlightSearchRequest& request, platform::
     auto built = factory ? factory->flightSearchRequest(request, *bound->bag, _currentUserGUID()) : std::nullopt;
     if (_hasNoEndpoint(built, request.queryId, reply)) return;
     searchLog().log("{}", texts.dispatching);
-    _dispatchQuery(QueryOnItsWay(request, *std::move(built), std::move(reply)), retry,
+    _dispatchQuery(QueryOnItsWay(request, *std::move(built), std::move(reply)), fieldMaskFor(bound->userAgent), retry,
                    _anyBodyCounts(texts.gotResponse));
     _markNetworkRequest();
 }
@@ -196,7 +203,8 @@ void ClientState::_debugFlightSearch(const ORXFlightSearchRequest& request, ORXR
 
 void ClientState::moreResults(const ORXMoreResultsRequest& request, platform::MonotonicTime arrival,
                               ORXReplyCallback reply) {
-    const auto bound = _bagForListQuery(request, arrival, reply);
+    const auto input = findQueryParam(request.queryItems, "q").value_or("");
+    const auto bound = _bagForListQuery(request, input, arrival, reply);
     if (!bound) return;
     const auto& factory = _assembly.requestFactory();
     auto built =
@@ -213,11 +221,12 @@ void ClientState::moreResults(const ORXMoreResultsRequest& request, platform::Mo
                           response ? response->statusCode : 0, platform::privately(bodyText(data)));
         query.fail(std::move(why->error));
     };
-    _dispatchQuery(QueryOnItsWay(request, *std::move(built), std::move(reply)), Retry{}, finish);
+    _dispatchQuery(QueryOnItsWay(request, *std::move(built), std::move(reply)), fieldMaskFor(bound->userAgent), Retry{},
+                   finish);
 }
 
 void ClientState::card(const ORXCardRequest& request, platform::MonotonicTime arrival, ORXReplyCallback reply) {
-    const auto bound = _bagForListQuery(request, arrival, reply);
+    const auto bound = _bagForListQuery(request, "", arrival, reply);
     if (!bound) return;
     const auto& factory = _assembly.requestFactory();
     auto built = factory && bound->bag->cardURL() ? factory->cardRequest(request, *bound->bag, _currentUserGUID())
@@ -239,19 +248,19 @@ void ClientState::card(const ORXCardRequest& request, platform::MonotonicTime ar
         }
         query.fail(std::move(why->error));
     };
-    _dispatchQuery(QueryOnItsWay(request, *std::move(built), std::move(reply)), Retry{}, finish);
+    _dispatchQuery(QueryOnItsWay(request, *std::move(built), std::move(reply)), fieldMaskFor(bound->userAgent), Retry{},
+                   finish);
 }
 
-std::optional<ClientState::BoundBag> ClientState::_bagForListQuery(const ORXRequest& request,
+std::optional<ClientState::BoundBag> ClientState::_bagForListQuery(const ORXRequest& request, std::string_view input,
                                                                    platform::MonotonicTime arrival,
                                                                    ORXReplyCallback& reply) {
-    static constexpr QueryTexts texts{.bagFailed = "Bag fetch failed, can't complete non-cached query (null).",
-                                      .disabled = "no search, bag disabled",
-                                      .dispatching = "",
-                                      .gotResponse = ""};
-    searchLog().log("session {} performing query[{}] (null), reply {}", _identifier, request.queryId,
-                    reply ? "given" : "(null)");
-    return _bagForQuery(texts, request.queryId, arrival, reply);
+    searchLog().log("session {} performing query[{}] {}, reply {}", _identifier, request.queryId,
+                    platform::privately(input), reply ? "given" : "(null)");
+    const auto bagFailed =
+        fmt::format("Bag fetch failed, can't complete non-cached query {}.", platform::privately(input));
+    return _bagForQuery({.bagFailed = bagFailed, .disabled = "no search, bag disabled"}, request.queryId, arrival,
+                        reply);
 }
 
 bool ClientState::_hasNoEndpoint(const std::optional<platform::URLRequest>& built, std::uint64_t queryId,

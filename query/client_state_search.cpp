@@ -67,20 +67,20 @@ void ClientState::search(ORXSearchRequest request, platform::MonotonicTime arriv
                           describedHeaders(httpRequest->headers));
     }
     if (const auto entry = _queryCache ? _queryCache->getRequest(request, &*httpRequest) : nullptr) {
-        _replyFromCache(request, *entry, reply);
+        _replyFromCache(request, *httpRequest, *entry, reply);
         return;
     }
     _dispatchSearch(std::move(request), *std::move(httpRequest), bound->userAgent, std::move(reply));
 }
 
-void ClientState::_replyFromCache(const ORXSearchRequest& request, const CachedResultSet& entry,
-                                  ORXReplyCallback& reply) {
+void ClientState::_replyFromCache(const ORXSearchRequest& request, const platform::URLRequest& httpRequest,
+                                  const CachedResultSet& entry, ORXReplyCallback& reply) {
     reply(request.queryId,
           ORXReply{.scale = request.scale,
                    .data = entry.data,
                    .httpRequest = std::nullopt,
                    .httpResponse = std::nullopt,
-                   .geoSessionEntityString = std::nullopt,
+                   .geoSessionEntityString = _geoSessionEntity(httpRequest),
                    .localSuggestions = {}},
           std::nullopt);
     if (const auto name = clientShortName()) _assembly.counters().add(createAggdKey(*name, "ondevicecachehits"));
@@ -109,6 +109,7 @@ void ClientState::_dispatchSearch(ORXSearchRequest request, platform::URLRequest
     const bool mayUseProxy = fieldMaskFor(userAgent) == FieldMask::none;
     SearchOnItsWay search{QueryOnItsWay(request, httpRequest, std::move(reply)), std::move(request.queryString),
                           std::move(userAgent), platform::newUUIDString()};
+    search.geoSessionEntity = _geoSessionEntity(httpRequest);
     auto task = _assembly.urlSession().dataTask(
         std::move(httpRequest), [self = shared_from_this(), search = std::move(search)](
                                     platform::Body data, std::optional<platform::URLResponse> response,

@@ -37,7 +37,7 @@ void QueryOnItsWay::answer(platform::Body data, const platform::URLResponse& res
                     .data = std::move(data),
                     .httpRequest = std::nullopt,
                     .httpResponse = std::nullopt,
-                    .geoSessionEntityString = std::nullopt,
+                    .geoSessionEntityString = std::move(geoSessionEntity),
                     .localSuggestions = {}};
     if (verboseReply) {
         answer.httpRequest = std::move(httpRequest);

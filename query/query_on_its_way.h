@@ -25,6 +25,7 @@ struct QueryOnItsWay {
     double scale;
     bool verboseReply;
     platform::URLRequest httpRequest;
+    std::optional<std::string> geoSessionEntity;
     ORXReplyCallback reply;
 };
 

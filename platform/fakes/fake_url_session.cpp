@@ -200,7 +200,7 @@ bool FakeURLSession::purgeMemoryCache() {
         const MutexLock lock(_mutex);
         ++_purges;
     }
-    return _cache.purge();
+    return _cache.purge(_dispatcher.now());
 }
 
 void FakeURLSession::setScript(Script script) {

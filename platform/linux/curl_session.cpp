@@ -6,6 +6,7 @@
 
 #include "platform/linux/curl_multi_thread.h"
 #include "platform/linux/curl_task.h"
+#include "platform/linux/steady_time.h"
 
 namespace orvex::platform {
 namespace {
@@ -20,7 +21,7 @@ public:
     std::shared_ptr<URLSessionTask> dataTask(URLRequest request, DataTaskCompletion completion) override {
         return std::make_shared<CurlTask>(_threads, std::move(request), std::move(completion));
     }
-    bool purgeMemoryCache() override { return _threads->cache().purge(); }
+    bool purgeMemoryCache() override { return _threads->cache().purge(steadyNow()); }
 
 private:
     const std::shared_ptr<CurlMultiThread> _threads;

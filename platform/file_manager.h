@@ -13,6 +13,8 @@
 
 namespace orvex::platform {
 
+class AppendFile;
+
 /// A descriptor that is closed with its owner.
 class FileDescriptor {
 public:
@@ -72,6 +74,9 @@ public:
     /// synced. Durable when it returns without an error. Mode 0600. A crash may leave the new file under a name that
     /// `isTemporaryName` knows. EISDIR when the name is a directory's.
     [[nodiscard]] virtual Result<void> replace(std::string_view name, std::string_view bytes) = 0;
+
+    /// A new, empty file, mode 0600, open; EEXIST when anything stands under the name, a link too.
+    [[nodiscard]] virtual Result<std::shared_ptr<AppendFile>> createFile(std::string_view name) = 0;
 
     /// A file, or a directory that is empty (else ENOTEMPTY). ENOENT is an error too.
     [[nodiscard]] virtual Result<void> remove(std::string_view name) = 0;

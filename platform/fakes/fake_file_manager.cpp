@@ -7,7 +7,40 @@
 #include <cerrno>
 #include <system_error>
 
+#include "platform/append_file.h"
+
 namespace orvex::platform {
+
+class FakeAppendFile final : public AppendFile {
+public:
+    using Tree = FakeFileManager::Tree;
+    using Node = FakeFileManager::Node;
+
+    FakeAppendFile(std::shared_ptr<Tree> tree, std::shared_ptr<Node> node)
+        : _tree(std::move(tree)),
+          _node(std::move(node)) {}
+
+    Result<void> append(std::string_view bytes) override {
+        const MutexLock lock(_tree->mutex);
+        _node->bytes += bytes;
+        _node->modified = _tree->time;
+        return {};
+    }
+    Result<std::uint64_t> size() const override {
+        const MutexLock lock(_tree->mutex);
+        return _node->bytes.size();
+    }
+    Result<void> truncate(std::uint64_t size) override {
+        const MutexLock lock(_tree->mutex);
+        _node->bytes.resize(size);
+        return {};
+    }
+    Result<void> sync() override { return {}; }
+
+private:
+    const std::shared_ptr<Tree> _tree;
+    const std::shared_ptr<Node> _node;
+};
 
 class FakeDirectory final : public Directory {
 public:
@@ -40,11 +73,20 @@ public:
     Result<void> replace(std::string_view name, std::string_view bytes) override {
         const MutexLock lock(_tree->mutex);
         if (const int code = _parentError(name)) return _fail("write", name, code);
-        Node& node = _tree->nodes[_full(name)];
-        if (node.directory) return _fail("write", name, EISDIR);
-        // A new file each time, as `replace` makes one.
-        node = {.directory = false, .bytes = std::string(bytes), .created = _tree->time, .modified = _tree->time};
+        auto& node = _tree->nodes[_full(name)];
+        if (node && node->directory) return _fail("write", name, EISDIR);
+        node = _newNode(
+            {.directory = false, .bytes = std::string(bytes)});  // a new file each time, as `replace` makes one
         return {};
+    }
+
+    Result<std::shared_ptr<AppendFile>> createFile(std::string_view name) override {
+        const MutexLock lock(_tree->mutex);
+        if (const int code = _parentError(name)) return _fail("make", name, code);
+        auto& node = _tree->nodes[_full(name)];
+        if (node) return _fail("make", name, EEXIST);
+        node = _newNode({.directory = false});
+        return std::make_shared<FakeAppendFile>(_tree, node);
     }
 
     Result<void> remove(std::string_view name) override {
@@ -68,9 +110,8 @@ public:
     Result<void> makeDirectory(std::string_view name) override {
         const MutexLock lock(_tree->mutex);
         if (const int code = _parentError(name)) return _fail("make the directory", name, code);
-        const auto [node, made] = _tree->nodes.try_emplace(
-            _full(name), Node{.directory = true, .bytes = {}, .created = _tree->time, .modified = _tree->time});
-        if (!made && !node->second.directory) return _fail("make the directory", name, EEXIST);
+        const auto [node, made] = _tree->nodes.try_emplace(_full(name), _newNode({.directory = true}));
+        if (!made && !node->second->directory) return _fail("make the directory", name, EEXIST);
         return {};
     }
 
@@ -101,9 +142,14 @@ public:
     }
 
 private:
-    using Nodes = std::map<std::string, Node>;
+    using Nodes = std::map<std::string, std::shared_ptr<Node>>;
 
     std::string _full(std::string_view name) const { return fmt::format("{}/{}", _path, name); }
+
+    std::shared_ptr<Node> _newNode(Node node) const ORX_REQUIRES(_tree->mutex) {
+        node.created = node.modified = _tree->time;
+        return std::make_shared<Node>(std::move(node));
+    }
 
     std::unexpected<Failure> _fail(std::string_view what, std::string_view name, int code) const {
         return failure(code, fmt::format("cannot {} {}: {}", what, _full(name), std::generic_category().message(code)));
@@ -119,14 +165,14 @@ private:
         const auto full = _full(name);
         const auto parent = _tree->nodes.find(full.substr(0, full.rfind('/')));
         if (parent == _tree->nodes.end()) return ENOENT;
-        return parent->second.directory ? 0 : ENOTDIR;
+        return parent->second->directory ? 0 : ENOTDIR;
     }
 
     Result<const Node*> _find(std::string_view name) const ORX_REQUIRES(_tree->mutex) {
         if (const int code = _parentError(name)) return _fail("find", name, code);
         const auto node = _tree->nodes.find(_full(name));
         if (node == _tree->nodes.end()) return _fail("find", name, ENOENT);
-        return &node->second;
+        return node->second.get();
     }
 
     Result<const Node*> _file(std::string_view name) const ORX_REQUIRES(_tree->mutex) {
@@ -148,9 +194,9 @@ private:
         if (_full(to).starts_with(_full(from) + "/")) return EINVAL;
         const auto target = _tree->nodes.find(_full(to));
         if (target == _tree->nodes.end() || _full(from) == _full(to)) return 0;
-        if (node.directory && !target->second.directory) return ENOTDIR;
-        if (!node.directory && target->second.directory) return EISDIR;
-        return target->second.directory && !_empty(_full(to)) ? ENOTEMPTY : 0;
+        if (node.directory && !target->second->directory) return ENOTDIR;
+        if (!node.directory && target->second->directory) return EISDIR;
+        return target->second->directory && !_empty(_full(to)) ? ENOTEMPTY : 0;
     }
 
     void _move(const std::string& from, const std::string& to) ORX_REQUIRES(_tree->mutex) {
@@ -194,8 +240,9 @@ void FakeFileManager::setTime(WallTime time) {
 Result<std::shared_ptr<Directory>> FakeFileManager::_top(std::string path) {
     const MutexLock lock(_tree->mutex);
     if (!_tree->available) return failure(EACCES, "the directory is not there, as the test wants");
-    _tree->nodes.try_emplace(path,
-                             Node{.directory = true, .bytes = {}, .created = _tree->time, .modified = _tree->time});
+    _tree->nodes.try_emplace(
+        path,
+        std::make_shared<Node>(Node{.directory = true, .bytes = {}, .created = _tree->time, .modified = _tree->time}));
     return std::make_shared<FakeDirectory>(_tree, std::move(path));
 }
 

@@ -28,6 +28,7 @@ public:
     void setTime(WallTime time);
 
 private:
+    friend class FakeAppendFile;
     friend class FakeDirectory;
     struct Node {
         bool directory = false;
@@ -38,7 +39,7 @@ private:
     /// Shared by every handle. Paths are full ones, "/caches/a/b"; a directory stands before what lies in it.
     struct Tree {
         Mutex mutex;
-        std::map<std::string, Node> nodes ORX_GUARDED_BY(mutex);
+        std::map<std::string, std::shared_ptr<Node>> nodes ORX_GUARDED_BY(mutex);  ///< an open file shares its own
         WallTime time ORX_GUARDED_BY(mutex);
         bool available ORX_GUARDED_BY(mutex) = true;
     };

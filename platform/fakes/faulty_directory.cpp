@@ -5,12 +5,40 @@
 #include <limits>
 #include <ranges>
 
+#include "platform/append_file.h"
+
 namespace orvex::platform {
 namespace {
 
 std::unexpected<Failure> injectedFailure(int code) { return failure(code, "it fails, as the test wants"); }
 
 }  // namespace
+
+class FaultyAppendFile final : public AppendFile {
+public:
+    FaultyAppendFile(std::shared_ptr<AppendFile> inner, std::shared_ptr<FaultPlan> plan)
+        : _inner(std::move(inner)),
+          _plan(std::move(plan)) {}
+
+    Result<void> append(std::string_view bytes) override {
+        using enum DirectoryFault;
+        const auto fault = _plan->_next({writeFails, writeTears});
+        if (fault == writeTears) (void)_inner->append(bytes.substr(0, bytes.size() / 2));
+        return fault ? injectedFailure(ENOSPC) : _inner->append(bytes);
+    }
+    Result<std::uint64_t> size() const override { return _inner->size(); }
+    Result<void> truncate(std::uint64_t size) override {
+        return _plan->_next({DirectoryFault::truncateFails}) ? injectedFailure(EIO) : _inner->truncate(size);
+    }
+    Result<void> sync() override {
+        return _plan->_next({DirectoryFault::syncFails}) ? injectedFailure(EIO) : _inner->sync();
+    }
+
+private:
+    // Constant after construction.
+    const std::shared_ptr<AppendFile> _inner;
+    const std::shared_ptr<FaultPlan> _plan;
+};
 
 void FaultPlan::inject(DirectoryFault fault, std::size_t nth) {
     const MutexLock lock(_mutex);
@@ -93,6 +121,13 @@ Result<void> FaultyDirectory::replace(std::string_view name, std::string_view by
     }
     _plan->_keep({std::move(before)});
     return injectedFailure(EIO);
+}
+
+Result<std::shared_ptr<AppendFile>> FaultyDirectory::createFile(std::string_view name) {
+    if (_plan->_next({DirectoryFault::writeFails})) return injectedFailure(ENOSPC);
+    auto file = _inner->createFile(name);
+    if (!file) return file;
+    return std::make_shared<FaultyAppendFile>(*std::move(file), _plan);
 }
 
 Result<void> FaultyDirectory::remove(std::string_view name) { return _inner->remove(name); }

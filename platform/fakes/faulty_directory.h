@@ -13,10 +13,12 @@
 namespace orvex::platform {
 
 enum class DirectoryFault {
-    writeFails,   ///< of `replace`: no byte is written, ENOSPC
-    writeTears,   ///< of `replace`: half of the bytes stay behind in a temporary file, as after a crash, EIO
-    syncFails,    ///< of `replace` and `rename`: the change is seen but not durable, EIO
-    renameFails,  ///< of `replace` and `rename`: nothing has changed, EIO
+    writeFails,     ///< of `replace`, `append` and `createFile`: no byte is written, ENOSPC
+    writeTears,     ///< of `replace`: half of the bytes stay behind in a temporary file, as after a crash, EIO;
+                    ///< of `append`: half of the bytes stay behind at the end, ENOSPC
+    truncateFails,  ///< of an append file: nothing has changed, EIO
+    syncFails,      ///< of `replace`, `rename` and an append file: the change is seen but not durable, EIO
+    renameFails,    ///< of `replace` and `rename`: nothing has changed, EIO
 };
 
 /// Which operations of a `FaultyDirectory` fail. A test that injects a fault also checks that `injected` counted it.
@@ -29,9 +31,11 @@ public:
     [[nodiscard]] std::size_t injected() const;
 
     /// The power is cut: each change whose sync failed is undone, unless a later sync of its directory made it durable.
+    /// Append files keep what they have.
     void loseUnsynced();
 
 private:
+    friend class FaultyAppendFile;
     friend class FaultyDirectory;
     struct Waiting {
         DirectoryFault fault;
@@ -65,6 +69,7 @@ public:
     [[nodiscard]] Result<std::string> read(std::string_view name, std::size_t maxBytes) const override;
     [[nodiscard]] Result<OpenFile> openFile(std::string_view name) const override;
     [[nodiscard]] Result<void> replace(std::string_view name, std::string_view bytes) override;
+    [[nodiscard]] Result<std::shared_ptr<AppendFile>> createFile(std::string_view name) override;
     [[nodiscard]] Result<void> remove(std::string_view name) override;
     [[nodiscard]] Result<void> rename(std::string_view from, std::string_view to) override;
     [[nodiscard]] Result<void> makeDirectory(std::string_view name) override;

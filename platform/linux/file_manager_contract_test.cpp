@@ -2,6 +2,7 @@
 
 #include <cerrno>
 
+#include "platform/append_file.h"
 #include "platform/fakes/fake_file_manager.h"
 #include "platform/fakes/temporary_directory.h"
 #include "platform/linux/file_manager.h"
@@ -65,6 +66,28 @@ TYPED_TEST(FileManagerContract, AnOpenFileStaysWhatItWas) {
     EXPECT_EQ(mmapFileHandle(file->descriptor).value().bytes(), "old");
     ASSERT_TRUE(this->write("a", ""));
     EXPECT_EQ(this->code(mmapFileHandle(this->directory->openFile("a")->descriptor)), EINVAL);
+}
+
+TYPED_TEST(FileManagerContract, AnAppendFileIsNewAndGrowsAtItsEnd) {
+    ASSERT_TRUE(this->write("a", "x"));
+    ASSERT_TRUE(this->directory->makeDirectory("d"));
+    EXPECT_EQ(this->code(this->directory->createFile("a")), EEXIST);
+    EXPECT_EQ(this->code(this->directory->createFile("d")), EEXIST);
+    EXPECT_EQ(this->code(this->directory->createFile("none/b")), ENOENT);
+    EXPECT_EQ(this->code(this->directory->createFile("../b")), EINVAL);
+
+    const auto file = this->directory->createFile("b").value();
+    EXPECT_EQ(this->directory->attributes("b")->permissions, 0600u);
+    EXPECT_EQ(this->code(file->append("12345")) | this->code(file->append("")) | this->code(file->append("67")), 0);
+    EXPECT_EQ(file->size(), 7u);
+    EXPECT_EQ(this->code(file->truncate(5)) | this->code(file->append("ab")) | this->code(file->sync()), 0);
+    EXPECT_EQ(this->read("b"), "12345ab");
+    ASSERT_TRUE(this->directory->rename("b", "c"));
+    EXPECT_EQ(this->code(file->append("!")), 0);  // still the same file
+    EXPECT_EQ(this->read("c"), "12345ab!");
+    ASSERT_TRUE(this->directory->remove("c"));
+    EXPECT_EQ(this->code(file->append("!")) | this->code(file->sync()), 0);
+    EXPECT_EQ(this->list(), (std::vector<std::string>{"a", "d"}));
 }
 
 TYPED_TEST(FileManagerContract, ADirectoryHoldsFilesThatTheOneAboveNamesByPath) {

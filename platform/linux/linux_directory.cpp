@@ -10,9 +10,11 @@
 
 #include <algorithm>
 
+#include "platform/linux/linux_append_file.h"
 #include "platform/linux/open_beneath.h"
 #include "platform/linux/read_descriptor.h"
 #include "platform/linux/system_failure.h"
+#include "platform/linux/write_descriptor.h"
 
 // A file is opened first and looked at then, by its handle, so that nothing can change between the two. O_NONBLOCK lets
 // the open of a FIFO return at once; a regular file does not know it.
@@ -58,20 +60,6 @@ std::expected<FileAttributes, int> attributesOf(const FileDescriptor& file) {
                           .modified = wallTime(status.stx_mtime),
                           .permissions = status.stx_mode & 07777u};
 }
-
-/// 0, or the errno of the write that failed.
-int writeAll(int file, std::string_view bytes) {
-    while (!bytes.empty()) {
-        const auto written = ::write(file, bytes.data(), bytes.size());
-        if (written < 0 && errno == EINTR) continue;
-        if (written <= 0) return written < 0 ? errno : EIO;
-        bytes.remove_prefix(static_cast<std::size_t>(written));
-    }
-    return 0;
-}
-
-/// 0, or the errno. Some file systems have no sync of a directory and say EINVAL; there is nothing more to do there.
-int syncDirectory(int directory) { return ::fsync(directory) == 0 || errno == EINVAL ? 0 : errno; }
 
 /// A new file with these bytes, synced; 0 or the errno. A file that failed is gone.
 int writeNewFile(int directory, const std::string& name, std::string_view bytes) {
@@ -142,6 +130,16 @@ Result<void> LinuxDirectory::replace(std::string_view name, std::string_view byt
     }
     if (const int code = syncDirectory(directory)) return _failed(code, "sync the directory of", name);
     return {};
+}
+
+Result<std::shared_ptr<AppendFile>> LinuxDirectory::createFile(std::string_view name) {
+    auto place = _place(name);
+    if (!place) return _failed(place.error().code, "make", name);
+    constexpr int flags = O_WRONLY | O_APPEND | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+    FileDescriptor file(::openat(place->directory.get(), place->name.c_str(), flags, fileMode));
+    if (!file.valid()) return _failed(errno, "make", name);
+    return std::make_shared<LinuxAppendFile>(std::move(file), std::move(place->directory),
+                                             fmt::format("{}/{}", _path, name));
 }
 
 Result<void> LinuxDirectory::remove(std::string_view name) {

@@ -23,6 +23,7 @@ public:
     [[nodiscard]] Result<std::string> read(std::string_view name, std::size_t maxBytes) const override;
     [[nodiscard]] Result<OpenFile> openFile(std::string_view name) const override;
     [[nodiscard]] Result<void> replace(std::string_view name, std::string_view bytes) override;
+    [[nodiscard]] Result<std::shared_ptr<AppendFile>> createFile(std::string_view name) override;
     [[nodiscard]] Result<void> remove(std::string_view name) override;
     [[nodiscard]] Result<void> rename(std::string_view from, std::string_view to) override;
     [[nodiscard]] Result<void> makeDirectory(std::string_view name) override;

@@ -22,6 +22,7 @@ struct URL {
     std::optional<std::string> query;  ///< as written, without the "?"
     std::string fragment;
 
+    bool operator==(const URL&) const = default;
     [[nodiscard]] std::string absoluteString() const;
 };
 
@@ -32,6 +33,10 @@ Result<URL> parseURL(std::string_view text);
 /// `[::1]`), without user or password. The failure's text says which part is refused.
 Result<URL> parseAcceptableURL(std::string_view text);
 [[nodiscard]] bool isLoopbackHost(std::string_view host);
+
+/// The part of a host that its owner registered: "example.co.uk" of "www.example.co.uk", by the public suffix list of
+/// the system. In lower case; none for an IP address, and for a public suffix itself.
+[[nodiscard]] std::optional<std::string> registrableDomain(std::string_view host);
 
 /// `reference` as seen from `base` (RFC 3986, section 5).
 Result<URL> resolveURL(const URL& base, std::string_view reference);

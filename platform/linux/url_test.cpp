@@ -47,6 +47,14 @@ TEST(URLTest, WhatIsNotAURLIsRefused) {
     EXPECT_FALSE(parseURL("https://a/" + std::string((64 << 10) - 9, 'x')));
 }
 
+TEST(URLTest, TheRegistrableDomainIsWhatAnOwnerHas) {
+    EXPECT_EQ(registrableDomain("www.Example.CO.uk"), "example.co.uk");
+    EXPECT_EQ(registrableDomain("example.com."), "example.com");
+    EXPECT_EQ(registrableDomain("a.b.unknown-suffix"), "b.unknown-suffix");
+    for (const auto* none : {"co.uk", "com", "192.0.2.7", "[2001:db8::1]", "localhost", "", "."})
+        EXPECT_EQ(registrableDomain(none), std::nullopt) << none;
+}
+
 TEST(URLTest, OnlyHTTPSAndLoopbackHTTPAreOpened) {
     for (const auto* text : {"https://example.com/", "HTTPS://127.0.0.1:8443/x", "http://localhost/",
                              "http://LOCALHOST:1/", "http://127.0.0.1/", "http://127.255.3.4/", "http://[::1]:80/"})

@@ -7,6 +7,7 @@
 #include "daemon/client_state_manager.h"
 #include "daemon/notify_names.h"
 #include "daemon/orvex_service.h"
+#include "feedback/orvex_persistent_storage.h"
 #include "network/location_manager.h"
 #include "network/motion_manager.h"
 #include "network/orvex_bag_controller.h"
@@ -68,6 +69,7 @@ std::shared_ptr<OrvexService> assemble(Assembly& assembly) {
     assembly.setMotionManager(std::make_shared<MotionManager>(assembly));
     assembly.setRequestFactory(ORXNetworkRequestFactory::create(assembly));
     assembly.setSubscriptionManager(OrvexSubscriptionManager::create(assembly, assembly.requestFactory()));
+    assembly.setPersistentStorage(std::make_shared<OrvexPersistentStorage>(assembly));
     assembly.counters().add("com.kelvar.orvexd.launch");
     assembly.setBagController(OrvexBagController::create(assembly));
     assembly.setClientStateManager(std::make_shared<ClientStateManager>(assembly));

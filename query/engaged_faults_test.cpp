@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -6,7 +7,8 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
-#include <thread>
+#include <functional>
+#include <utility>
 
 #include "query/engaged_fixture_test.h"
 #include "query/engaged_reader.h"
@@ -168,29 +170,117 @@ TEST_F(EngagedFaultsTest, ACrashAtAnyWriteLeavesAWholeFile) {
     EXPECT_FALSE(isSetAside());
 }
 
-TEST_F(EngagedFaultsTest, AStatementThatFailsSaysWhichAndWhy) {
+TEST_F(EngagedFaultsTest, ALostTableIsLoggedAndMadeAnew) {
     ASSERT_TRUE(store.open());
     disk.sql("DROP TABLE completion_cache_engagement");
-    EXPECT_FALSE(store.clear({.dates = std::pair(now, now), .client = {}}));
     const auto logged = [&](const std::string& text) { return log.contains(LogLevel::error, "Orvex_Search", text); };
-    EXPECT_TRUE(logged("_execSQLStatement failed - SQL:DELETE FROM completion_cache_engagement WHERE"));
-    EXPECT_TRUE(logged("error-code: 1 error-message: no such table: completion_cache_engagement"));
-    EXPECT_TRUE(logged("Failed to clearcompletions fromDate:1700000000 toDate:1700000000 for all clients"));
     const auto reader = EngagedReader::open(store.path());
     ASSERT_TRUE(reader);
     const auto found =
         (*reader)->completions({.input = "in", .client = 2, .now = now, .count = 1}, {}, [] { return false; });
     EXPECT_EQ(found ? SQLITE_OK : found.error(), SQLITE_ERROR);
     EXPECT_TRUE(logged("_prepareSelectStatement failed - SQL:SELECT completion, origin"));
+    EXPECT_TRUE(store.clear({.dates = std::pair(now, now), .client = {}}));
+    EXPECT_TRUE(logged("_execSQLStatement failed - SQL:DELETE FROM completion_cache_engagement WHERE"));
+    EXPECT_TRUE(logged("error-code: 1 error-message: no such table: completion_cache_engagement"));
+    EXPECT_TRUE(logged("Failed to clearcompletions fromDate:1700000000 toDate:1700000000 for all clients"));
+
+    for (const auto* instead : {"", "CREATE VIEW completion_cache_engagement AS SELECT 1 AS completion",
+                                "CREATE TABLE completion_cache_engagement(completion TEXT)"}) {
+        for (const bool isOpen : {true, false}) {
+            disk.leave();
+            disk.sql(std::string("DROP TABLE completion_cache_engagement;") + instead);
+            disk.leave();
+            if (!isOpen) store.close();
+            add("a");
+            EXPECT_EQ(completions(), Texts{"a"}) << instead;
+            EngagedStore next{disk.files(), counters, [] {}};
+            ASSERT_TRUE(next.add({.completion = "b", .input = "in", .client = 2}, now));
+            EXPECT_EQ(completions(), (Texts{"a", "b"})) << instead;
+        }
+    }
+    EXPECT_EQ(counters.value("com.kelvar.orvexd.completions.repaired"), 7);
 }
 
-TEST_F(EngagedFaultsTest, ALockOfAnotherProgramIsWaitedFor) {
+/// What SQLite does while it waits for a lock: it sleeps, here as long as the test says that it did.
+class SleepsOfSQLite {
+public:
+    explicit SleepsOfSQLite(std::function<void(std::chrono::microseconds slept)> whenAsleep) {
+        _whenAsleep = std::move(whenAsleep);
+        slept = {};
+        _original = std::exchange(sqlite3_vfs_find(nullptr)->xSleep, &SleepsOfSQLite::_sleep);
+    }
+    ~SleepsOfSQLite() { sqlite3_vfs_find(nullptr)->xSleep = _original; }
+    SleepsOfSQLite(const SleepsOfSQLite&) = delete;
+    SleepsOfSQLite& operator=(const SleepsOfSQLite&) = delete;
+
+    static inline std::chrono::microseconds slept{};
+
+private:
+    static int _sleep(sqlite3_vfs*, int microseconds) {
+        slept += std::chrono::microseconds(microseconds);
+        _whenAsleep(slept);
+        return microseconds;
+    }
+
+    static inline std::function<void(std::chrono::microseconds)> _whenAsleep;
+    int (*_original)(sqlite3_vfs*, int) = nullptr;
+};
+
+TEST_F(EngagedFaultsTest, ALockOfAnotherProgramIsWaitedForSomeSeconds) {
     ASSERT_TRUE(store.open());
     disk.sql("BEGIN IMMEDIATE");
-    std::thread other([this] { disk.sql("COMMIT"); });
-    EXPECT_TRUE(tryAdd("a"));
-    other.join();
+    {
+        const SleepsOfSQLite sleeps([this](auto slept) {
+            if (slept >= std::chrono::seconds(2)) disk.sql("COMMIT; SELECT 1");
+        });
+        EXPECT_TRUE(tryAdd("a"));
+        EXPECT_GE(SleepsOfSQLite::slept, std::chrono::seconds(2));
+    }
     EXPECT_EQ(completions(), Texts{"a"});
+    disk.sql("BEGIN IMMEDIATE");
+    {
+        const SleepsOfSQLite sleeps([](auto) {});
+        const auto added = tryAdd("b");
+        EXPECT_EQ(added ? SQLITE_OK : primaryCode(added.error().code), SQLITE_BUSY);
+    }
+    disk.sql("COMMIT");
+    EXPECT_EQ(completions(), Texts{"a"});
+    EXPECT_FALSE(isSetAside());
+}
+
+/// A file system that was mounted read-only, as SQLite meets it.
+class ReadOnlyFileSystem {
+public:
+    ReadOnlyFileSystem() { _set(reinterpret_cast<sqlite3_syscall_ptr>(&_open)); }
+    ~ReadOnlyFileSystem() { _set(nullptr); }
+    ReadOnlyFileSystem(const ReadOnlyFileSystem&) = delete;
+    ReadOnlyFileSystem& operator=(const ReadOnlyFileSystem&) = delete;
+
+private:
+    static void _set(sqlite3_syscall_ptr call) {
+        sqlite3_vfs* vfs = sqlite3_vfs_find(nullptr);
+        vfs->xSetSystemCall(vfs, "open", call);
+    }
+    static int _open(const char* path, int flags, int mode) {
+        if ((flags & (O_RDWR | O_WRONLY | O_CREAT)) == 0) return ::open(path, flags, mode);
+        errno = EROFS;
+        return -1;
+    }
+};
+
+TEST_F(EngagedFaultsTest, WhatCannotBeWrittenIsRefusedAndStays) {
+    add("kept");
+    store.close();
+    {
+        const ReadOnlyFileSystem readOnly;
+        EXPECT_FALSE(tryAdd("lost"));
+        EXPECT_FALSE(store.clear({}));
+        EXPECT_FALSE(store.isOpen());
+    }
+    EXPECT_FALSE(isSetAside());
+    add("later");
+    EXPECT_EQ(completions(), (Texts{"kept", "later"}));
 }
 
 }  // namespace

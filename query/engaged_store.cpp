@@ -19,6 +19,9 @@
 // do. So the oldest date and the counts are kept here, and believed while no other process has written; an insert with
 // nothing due is one statement.
 //
+// A file of the right version that does not take an engagement, its table lost or another, is damaged like one that
+// cannot be read: nothing that is set by a version alone could mend it.
+//
 // Clearing. Deleted rows are overwritten with zeros, and the write-ahead log, which still has them, is carried over and
 // cut to nothing. A copy that was set aside cannot be cleared in part, so it goes as a whole.
 
@@ -48,6 +51,9 @@ constexpr char insertVersion[] = "INSERT INTO completion_cache_schema_version VA
 constexpr char insert[] =
     "INSERT INTO completion_cache_engagement (completion, input, engagement_date, origin, client, transformed) "
     "VALUES (?1, ?2, ?3, ?4, ?5, ?6)";
+constexpr char explainInsert[] =
+    "EXPLAIN INSERT INTO completion_cache_engagement (completion, input, engagement_date, origin, client, transformed) "
+    "VALUES (NULL, NULL, NULL, NULL, NULL, NULL)";
 constexpr char statistics[] =
     "SELECT client, COUNT(*), MIN(engagement_date) FROM completion_cache_engagement GROUP BY client";
 constexpr char dateAtOffset[] =
@@ -84,6 +90,7 @@ constexpr struct {
 constexpr const char* databaseFiles[] = {"Cache.db", "Cache.db-wal", "Cache.db-shm"};
 
 constexpr std::int64_t distantPast = std::numeric_limits<std::int64_t>::min();
+constexpr std::int64_t distantFuture = std::numeric_limits<std::int64_t>::max();
 
 constexpr std::string_view entriesCounter = "com.kelvar.orvexd.brovia.localCompletionIndex.entries";
 constexpr std::string_view sizeCounter = "com.kelvar.orvexd.brovia.localCompletionIndex.size";
@@ -97,10 +104,15 @@ std::string_view originText(int origin) {
     return origin == 2 ? "3d" : "";
 }
 
+std::string describedDate(std::int64_t date) {
+    if (date == distantPast) return "distant past";
+    return date == distantFuture ? "distant future" : std::to_string(date);
+}
+
 std::string described(const EngagedStore::Range& range) {
     if (range.dates) {
-        return fmt::format("completions fromDate:{} toDate:{}{}", range.dates->first, range.dates->second,
-                           range.client ? "" : " for all clients");
+        return fmt::format("completions fromDate:{} toDate:{}{}", describedDate(range.dates->first),
+                           describedDate(range.dates->second), range.client ? "" : " for all clients");
     }
     return range.client ? fmt::format("completions for client {}", *range.client) : "all completions";
 }
@@ -214,7 +226,7 @@ int EngagedStore::_configure(bool isNew) {
 
 int EngagedStore::_checkSchema(bool isNew) {
     if (isNew) return _setDBSchema();
-    if (_schemaVersion == schemaVersion) return SQLITE_OK;
+    if (_schemaVersion == schemaVersion) return _takesEngagements() ? SQLITE_OK : SQLITE_CORRUPT;
     int code = SQLITE_OK;
     const auto version = _value(sql::readVersion, code);
     if (code != SQLITE_OK) {
@@ -224,8 +236,11 @@ int EngagedStore::_checkSchema(bool isNew) {
     }
     if (version != schemaVersion) return _setDBSchema();
     _schemaVersion = schemaVersion;
-    return SQLITE_OK;
+    return _takesEngagements() ? SQLITE_OK : SQLITE_CORRUPT;
 }
+
+/// Whether the schema has what an insert needs, as far as can be told; nothing is inserted.
+bool EngagedStore::_takesEngagements() { return primaryCode(_database.execute(sql::explainInsert)) != SQLITE_ERROR; }
 
 int EngagedStore::_setDBSchema() {
     _statistics.reset();
@@ -271,16 +286,16 @@ std::optional<std::int64_t> EngagedStore::_value(const char* sql, int& code) {
 
 platform::Result<void> EngagedStore::add(const Engagement& engagement, std::int64_t now) {
     if (auto opened = open(); !opened) return opened;
+    const auto transformed = normalizedForMatching(engagement.completion);
     log().debug("Adding completion: {} input: {} transformed: {}", platform::privately(engagement.completion),
-                platform::privately(engagement.input),
-                platform::privately(normalizedForMatching(engagement.completion)));
-    int code = _insert(engagement, now);
+                platform::privately(engagement.input), platform::privately(transformed));
+    int code = _insert(engagement, transformed, now);
     if (code != SQLITE_OK && _isDamage(code)) {
         log().error("Corrupt db error while adding completion {}, rebuilding schema",
                     platform::privately(engagement.completion));
         _setAside();
         if (auto opened = _createOrUpdateDatabaseIfNeeded(); !opened) return opened;
-        code = _insert(engagement, now);
+        code = _insert(engagement, transformed, now);
     }
     if (code != SQLITE_OK) {
         log().error("Failed to add completion: {}", platform::privately(engagement.completion));
@@ -294,19 +309,20 @@ platform::Result<void> EngagedStore::add(const Engagement& engagement, std::int6
     return {};
 }
 
-int EngagedStore::_insert(const Engagement& engagement, std::int64_t now) {
+int EngagedStore::_insert(const Engagement& engagement, const std::string& transformed, std::int64_t now) {
     if (const int code = _refreshStatistics(); code != SQLITE_OK) return code;
     const auto cutoff = now - std::chrono::seconds(lifetime).count();
     const auto limit = engagement.maxRows == 0 ? defaultMaxRows : engagement.maxRows;
     const bool purgeIsDue = _statistics->oldest && *_statistics->oldest <= cutoff;
-    if (!purgeIsDue && _statistics->rowsOfClient[engagement.client] < limit) return _insertRow(engagement, now);
+    if (!purgeIsDue && _statistics->rowsOfClient[engagement.client] < limit)
+        return _insertRow(engagement, transformed, now);
 
     int code = _database.execute(sql::begin);
     if (code == SQLITE_OK && purgeIsDue) code = _purge(cutoff);
     if (code == SQLITE_OK && _statistics->rowsOfClient[engagement.client] >= limit) {
         code = _deleteOldestEngagements(limit, engagement.client);
     }
-    if (code == SQLITE_OK) code = _insertRow(engagement, now);
+    if (code == SQLITE_OK) code = _insertRow(engagement, transformed, now);
     if (code == SQLITE_OK) code = _database.execute(sql::commit);
     if (code != SQLITE_OK) {
         (void)_database.execute(sql::rollback);
@@ -315,8 +331,7 @@ int EngagedStore::_insert(const Engagement& engagement, std::int64_t now) {
     return code;
 }
 
-int EngagedStore::_insertRow(const Engagement& engagement, std::int64_t now) {
-    const auto transformed = normalizedForMatching(engagement.completion);
+int EngagedStore::_insertRow(const Engagement& engagement, const std::string& transformed, std::int64_t now) {
     const auto origin = originText(engagement.origin);
     auto run = _database.run(sql::insert);
     if (!run.prepared()) log().error("_prepareInsertStatement failed - SQL:{} code: {}", sql::insert, run.finish());
@@ -444,6 +459,7 @@ void EngagedStore::checkDamage(int code, std::uint64_t generation) {
 bool EngagedStore::_isDamage(int code) {
     const int primary = primaryCode(code);
     if (primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB) return true;
+    if (primary == SQLITE_ERROR && isOpen()) return !_takesEngagements();
     if (primary != SQLITE_IOERR || !isOpen()) return false;
     auto run = _database.run(sql::quickCheck);
     const bool isWhole = run.step() && run.text(0) == "ok";

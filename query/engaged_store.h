@@ -88,13 +88,14 @@ private:
     [[nodiscard]] platform::Result<std::string> _readyFile(bool& isNew);
     [[nodiscard]] int _configure(bool isNew);
     [[nodiscard]] int _checkSchema(bool isNew);
+    [[nodiscard]] bool _takesEngagements();
     [[nodiscard]] int _setDBSchema();
     [[nodiscard]] int _execSQLStatement(const char* sql);
     void _logFailed(const char* sql, int code) const;  ///< of the statement that ran last
     [[nodiscard]] std::optional<std::int64_t> _value(const char* sql, int& code);
 
-    [[nodiscard]] int _insert(const Engagement& engagement, std::int64_t now);
-    [[nodiscard]] int _insertRow(const Engagement& engagement, std::int64_t now);
+    [[nodiscard]] int _insert(const Engagement& engagement, const std::string& transformed, std::int64_t now);
+    [[nodiscard]] int _insertRow(const Engagement& engagement, const std::string& transformed, std::int64_t now);
     [[nodiscard]] int _refreshStatistics();
     [[nodiscard]] int _purge(std::int64_t cutoff);
     [[nodiscard]] int _deleteOldestEngagements(std::uint64_t limit, std::int64_t client);

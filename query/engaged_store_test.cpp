@@ -60,6 +60,8 @@ TEST_F(EngagedStoreTest, AnInsertTakesAwayWhatIsThirtyDaysOldOfAnyClient) {
     EXPECT_EQ(completions(), (Texts{"c", "d", "future"}));
     add("e", now + 1, 1);
     EXPECT_EQ(completions(), (Texts{"d", "e", "future"}));
+    EXPECT_TRUE(log.contains(platform::LogLevel::standard, "Orvex_Search",
+                             "Cleared completions fromDate:distant past toDate:1697408001 for all clients"));
 }
 
 TEST_F(EngagedStoreTest, AClientNeverExceedsItsLimitAndTheOldestGo) {

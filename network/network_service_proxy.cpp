@@ -40,15 +40,15 @@ bool NetworkServiceProxy::enabled() const {
     return _enabled;
 }
 
-platform::Result<void> NetworkServiceProxy::enableForTask(platform::URLSessionTask& task) const {
+platform::Result<std::string> NetworkServiceProxy::enableForTask(platform::URLSessionTask& task) const {
     std::string url;
     {
         const platform::MutexLock lock(_mutex);
         url = _proxyURL;
     }
     if (url.empty()) return platform::failure(0, "no proxy is configured");
-    task.setProxy(std::move(url));
-    return {};
+    task.setProxy(url);
+    return url;
 }
 
 }  // namespace orvex

@@ -23,8 +23,8 @@ public:
 
     [[nodiscard]] bool enabled() const;
 
-    /// Sends `task`, which is not resumed yet, through the proxy. Fails where there is none.
-    platform::Result<void> enableForTask(platform::URLSessionTask& task) const;
+    /// Sends `task`, which is not resumed yet, through the proxy; returns the proxy's URL. Fails where there is none.
+    platform::Result<std::string> enableForTask(platform::URLSessionTask& task) const;
 
 private:
     mutable platform::Mutex _mutex;

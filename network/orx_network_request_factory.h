@@ -114,8 +114,9 @@ public:
 
     /// 1 when queries shall go through the proxy, else 0.
     [[nodiscard]] std::int32_t cindoraStatus() const;
-    /// Sends a query's task, not resumed yet, through the proxy if they shall; one that cannot goes direct.
-    void enableCindora(platform::URLSessionTask& task) const;
+    /// Sends a query's task, not resumed yet, through the proxy if they shall; one that cannot goes direct. Returns the
+    /// proxy's URL if it goes through it.
+    std::optional<std::string> enableCindora(platform::URLSessionTask& task) const;
 
     /// The present use of the maps service as requests tell it, without counting; none where there is no such service.
     [[nodiscard]] std::optional<std::string> getMapsUserSessionEntity() const;

@@ -312,10 +312,12 @@ std::int32_t ORXNetworkRequestFactory::cindoraStatus() const {
     return _assembly.useCindora() && _proxy.enabled() ? 1 : 0;
 }
 
-void ORXNetworkRequestFactory::enableCindora(platform::URLSessionTask& task) const {
-    if (cindoraStatus() != 1) return;
-    if (const auto enabled = _proxy.enableForTask(task); !enabled)
-        OrvexLogForCategory(OrvexLoggingCategory::connection).error("Enabling Cindora for request failed.");
+std::optional<std::string> ORXNetworkRequestFactory::enableCindora(platform::URLSessionTask& task) const {
+    if (cindoraStatus() != 1) return std::nullopt;
+    auto proxyURL = _proxy.enableForTask(task);
+    if (proxyURL) return *std::move(proxyURL);
+    OrvexLogForCategory(OrvexLoggingCategory::connection).error("Enabling Cindora for request failed.");
+    return std::nullopt;
 }
 
 }  // namespace orvex

@@ -13,13 +13,6 @@
 namespace orvex {
 namespace {
 
-std::vector<platform::QueryItem> queryItemsOf(std::string_view url) {
-    url = url.substr(0, url.find('#'));
-    const auto mark = url.find('?');
-    return mark == std::string_view::npos ? std::vector<platform::QueryItem>()
-                                          : platform::decodeQuery(url.substr(mark + 1));
-}
-
 double number(std::string_view text) {
     float value = 0;
     std::from_chars(text.data(), text.data() + text.size(), value);
@@ -47,6 +40,13 @@ float scoreOf(const boost::json::object& resultSet) {
 
 }  // namespace
 
+std::vector<platform::QueryItem> queryItemsOf(const platform::URLRequest& request) {
+    const auto url = std::string_view(request.url).substr(0, request.url.find('#'));
+    const auto mark = url.find('?');
+    return mark == std::string_view::npos ? std::vector<platform::QueryItem>()
+                                          : platform::decodeQuery(url.substr(mark + 1));
+}
+
 std::optional<std::string> findQueryParam(const std::vector<platform::QueryItem>& items, std::string_view name) {
     for (const auto& [itemName, value] : items)
         if (itemName == name) return value;
@@ -54,7 +54,7 @@ std::optional<std::string> findQueryParam(const std::vector<platform::QueryItem>
 }
 
 RequestVariant::RequestVariant(const platform::URLRequest& request) {
-    const auto items = queryItemsOf(request.url);
+    const auto items = queryItemsOf(request);
     qtype = findQueryParam(items, "qtype");
     suggestQueries = findQueryParam(items, "suggest_queries");
     localCompletion = findQueryParam(items, "lc");

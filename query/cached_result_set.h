@@ -13,6 +13,9 @@
 
 namespace orvex {
 
+/// What the URL of a request asks for.
+[[nodiscard]] std::vector<platform::QueryItem> queryItemsOf(const platform::URLRequest& request);
+
 /// The value of the first item of that name.
 [[nodiscard]] std::optional<std::string> findQueryParam(const std::vector<platform::QueryItem>& items,
                                                         std::string_view name);

@@ -14,6 +14,7 @@
 #include "platform/notification_center.h"
 #include "platform/user_defaults.h"
 #include "query/query_cache.h"
+#include "query/query_feedback.h"
 
 // Waiting for a bag. Every waiting query has a semaphore of its own, listed while it waits: one bag change wakes them
 // all, and a change that came too late for one wait cannot end the next. The list is joined, and the change observed,
@@ -27,6 +28,7 @@ const platform::Logger& cachingLog() { return OrvexLogForCategory(OrvexLoggingCa
 const platform::Logger& searchLog() { return OrvexLogForCategory(OrvexLoggingCategory::search); }
 
 constexpr std::chrono::seconds connectionStaysWarm{30};
+constexpr std::uint32_t warmEvent = 19;
 
 }  // namespace
 
@@ -37,6 +39,7 @@ std::shared_ptr<ClientState> ClientState::create(std::string identifier, Assembl
 ClientState::ClientState(std::string identifier, Assembly& assembly)
     : _identifier(std::move(identifier)),
       _assembly(assembly),
+      _feedback(assembly, nullptr),
       _clientShortName(extractClientNameFromString(_identifier)) {
     if (assembly.userDefaults().boolean("ORXNoQueryCache")) {
         cachingLog().log("query cache OFF for {}", _identifier);
@@ -194,6 +197,23 @@ std::string ClientState::_currentUserGUID() const {
     return controller ? controller->currentUserGUID() : std::string();
 }
 
+RecordedQuery ClientState::_recordedWithUserGUID(std::uint64_t queryId) const {
+    return {.queryId = queryId, .userAgent = userAgent(), .userGuid = _currentUserGUID()};
+}
+
+std::shared_ptr<NetworkSearch> ClientState::_startSearchEventForRequest(const platform::URLRequest& request,
+                                                                        const NetworkSearchOccasion& occasion,
+                                                                        std::optional<std::string> userAgent) const {
+    return std::make_shared<NetworkSearch>(
+        _feedback, request, occasion,
+        RecordedQuery{.queryId = occasion.queryId, .userAgent = std::move(userAgent), .userGuid = {}});
+}
+
+std::optional<std::int32_t> ClientState::_cindoraStatus() const {
+    const auto& factory = _assembly.requestFactory();
+    return factory && _assembly.useCindora() ? std::optional(factory->cindoraStatus()) : std::nullopt;
+}
+
 std::optional<std::string> ClientState::_geoSessionEntity(const platform::URLRequest& request) const {
     if (auto told = platform::headerValue(request.headers, "X-Kelvar-GeoSession")) return told;
     const auto& factory = _assembly.requestFactory();
@@ -220,14 +240,21 @@ void ClientState::warm() {
     const auto& factory = _assembly.requestFactory();
     auto request = factory ? factory->warmRequest(*url) : std::nullopt;
     if (!request) return;
-    auto task = _assembly.urlSession().dataTask(
-        *std::move(request), [](platform::Body, std::optional<platform::URLResponse> response,
-                                std::optional<platform::TransportError> error) {
-            searchLog().log("Status for warm request: ({}) error: ({})", response ? response->statusCode : 0,
-                            error ? error->reason : "(null)");
+    const auto agent = userAgent();
+    const auto networkSearch = _startSearchEventForRequest(
+        *request, {.triggerEvent = warmEvent, .endpoint = SearchEndpoint::warm, .cindoraStatus = _cindoraStatus()},
+        agent);
+    const auto task = _assembly.urlSession().dataTask(
+        *std::move(request), [self = shared_from_this(), networkSearch, agent](
+                                 const platform::Body& data, const std::optional<platform::URLResponse>& response,
+                                 const std::optional<platform::TransportError>& error) {
+            const auto statusCode = response ? response->statusCode : 0;
+            searchLog().log("Status for warm request: ({}) error: ({})", statusCode, error ? error->reason : "(null)");
+            networkSearch->endNetworkFeedback({.userAgent = agent},
+                                              {.size = data ? data->size() : 0, .statusCode = statusCode}, nullptr);
         });
     task->setPreconnect();
-    factory->enableCindora(*task);
+    networkSearch->setTask(task, factory->enableCindora(*task));
     task->resume();
 }
 

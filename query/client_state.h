@@ -10,6 +10,7 @@
 #include "core/orx_request.h"
 #include "platform/clock.h"
 #include "platform/thread_annotations.h"
+#include "query/query_feedback.h"
 
 namespace orvex::platform {
 class Semaphore;
@@ -22,6 +23,8 @@ class GUIDController;
 class ORXBag;
 class QueryCache;
 enum class FieldMask : std::uint32_t;
+class QueryResult;
+struct QueryFailure;
 struct QueryOnItsWay;
 struct CachedResultSet;
 struct ORXBagChangeNotification;
@@ -58,6 +61,10 @@ public:
     [[nodiscard]] const std::string& identifier() const { return _identifier; }
     [[nodiscard]] std::optional<std::string> userAgent() const;
     [[nodiscard]] std::optional<std::string> clientShortName() const;
+    /// What records of this client go to; null: nothing takes them.
+    [[nodiscard]] std::shared_ptr<ClientSessionManagerProtocol> sessionManager() const {
+        return _feedback.sessionManager();
+    }
     [[nodiscard]] std::shared_ptr<const ORXBag> bag() const;
     [[nodiscard]] std::optional<ORXSessionConfiguration> configuration() const;
     void setConfiguration(ORXSessionConfiguration configuration);
@@ -105,39 +112,48 @@ private:
     /// The use of the maps service that a reply tells: as the request told it, else the present one.
     [[nodiscard]] std::optional<std::string> _geoSessionEntity(const platform::URLRequest& request) const;
     [[nodiscard]] std::optional<BoundBag> _boundBag() const;
-    [[nodiscard]] static bool _isDisabled(const ORXSearchRequest& request, const ORXBag& bag, ORXReplyCallback& reply);
+    [[nodiscard]] bool _isDisabled(const ORXSearchRequest& request, const ORXBag& bag, ORXReplyCallback& reply) const;
     /// Puts the best completion into the request; returns the callback, which brings the others into the reply.
     [[nodiscard]] ORXReplyCallback _offerLocalCompletions(ORXSearchRequest& request, const ORXBag& bag,
                                                           ORXReplyCallback reply) const;
-    [[nodiscard]] static bool _isTooShort(const ORXSearchRequest& request, const ORXBag& bag, ORXReplyCallback& reply);
+    [[nodiscard]] bool _isTooShort(const ORXSearchRequest& request, const ORXBag& bag, ORXReplyCallback& reply) const;
     void _replyFromCache(const ORXSearchRequest& request, const platform::URLRequest& httpRequest,
                          const CachedResultSet& entry, ORXReplyCallback& reply);
     void _dispatchSearch(ORXSearchRequest request, platform::URLRequest httpRequest, std::string userAgent,
                          ORXReplyCallback reply);
-    void _finishSearch(SearchOnItsWay search, platform::Body data, std::optional<platform::URLResponse> response,
-                       std::optional<platform::TransportError> error);
-    void _cacheResponse(const platform::Body& data, const platform::URLRequest& request, std::string_view input,
-                        const std::string& uuid);
+    void _finishSearch(SearchOnItsWay& search, const QueryResult& result);
+    void _cacheResponse(const QueryResult& result, const SearchOnItsWay& search);
+    /// Records the end and tells the client.
+    void _finish(QueryOnItsWay& query, const QueryResult& result, const std::optional<QueryFailure>& failure);
     void _followForcedFetch(const platform::URLResponse& response);
     struct QueryTexts;
     struct Retry {
         std::optional<platform::MonotonicTime> expire;  ///< none: never tried again
     };
-    using Finish = std::move_only_function<void(QueryOnItsWay& query, platform::Body data,
-                                                const std::optional<platform::URLResponse>& response,
-                                                const std::optional<platform::TransportError>& error)>;
+    /// Whether what came is an answer; called once, at the end.
+    using Check = std::move_only_function<std::optional<QueryFailure>(const QueryResult& result)>;
+    /// How a query that is no search is sent.
+    struct Dispatch;
     /// None, and the client has been told, when there is no bag or it is disabled.
     [[nodiscard]] std::optional<BoundBag> _bagForQuery(const QueryTexts& texts, std::uint64_t queryId,
-                                                       platform::MonotonicTime arrival, ORXReplyCallback& reply);
+                                                       std::string_view input, platform::MonotonicTime arrival,
+                                                       ORXReplyCallback& reply);
     [[nodiscard]] std::optional<BoundBag> _bagForListQuery(const ORXRequest& request, std::string_view input,
                                                            platform::MonotonicTime arrival, ORXReplyCallback& reply);
     /// True, and the client has been told "nothing", when no request could be built.
     [[nodiscard]] static bool _hasNoEndpoint(const std::optional<platform::URLRequest>& built, std::uint64_t queryId,
                                              ORXReplyCallback& reply);
-    /// Without `retry` as a plain task.
-    void _dispatchQuery(QueryOnItsWay query, FieldMask fieldMask, const std::optional<Retry>& retry, Finish finish);
-    [[nodiscard]] static Finish _anyBodyCounts(std::string_view gotResponse);
+    void _dispatchQuery(QueryOnItsWay query, Dispatch dispatch);
+    [[nodiscard]] static Check _anyBodyCounts(std::string_view gotResponse);
     void _debugFlightSearch(const ORXFlightSearchRequest& request, ORXReplyCallback& reply);
+    // What records say of a query.
+    [[nodiscard]] RecordedQuery _recorded(std::uint64_t queryId) const { return {queryId, userAgent()}; }
+    [[nodiscard]] RecordedQuery _recordedWithUserGUID(std::uint64_t queryId) const;
+    [[nodiscard]] std::shared_ptr<NetworkSearch> _startSearchEventForRequest(
+        const platform::URLRequest& request, const NetworkSearchOccasion& occasion,
+        std::optional<std::string> userAgent) const;
+    /// None: proxies are off, and records say nothing of them.
+    [[nodiscard]] std::optional<std::int32_t> _cindoraStatus() const;
     void _recordSearchResult(const std::string& userAgent, std::int64_t statusCode);
 
     // Constant after construction.
@@ -145,6 +161,7 @@ private:
     Assembly& _assembly;
     std::shared_ptr<GUIDController> _ownGUIDController;  ///< null: the assembly's is shared
     std::shared_ptr<QueryCache> _queryCache;
+    const QueryFeedback _feedback;
 
     // Under the mutex.
     mutable platform::Mutex _mutex;

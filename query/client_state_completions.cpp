@@ -44,8 +44,11 @@ ORXReplyCallback ClientState::_offerLocalCompletions(ORXSearchRequest& request, 
     const bool longEnough = platform::utf16Length(request.queryString) >= bag.smartHistoryMinimumQueryLength();
     if (!bag.smartHistoryEnabled() || !longEnough || !takesPart(client, request.triggerEvent)) return reply;
 
+    const auto recorded = _recordedWithUserGUID(request.queryId);
+    const auto localSearch = _feedback.localSearchBegan(recorded, request);
     auto found = EngagedCompletionCache::sharedInstance(_assembly)->completionsForInput(
         request.queryString, client, countFor(client, bag), timeoutOf(bag));
+    _feedback.localSearchEnded(recorded, localSearch);
     if (found.empty()) {
         searchLog().debug("Local completion not found: input {}", platform::privately(request.queryString));
         return reply;

@@ -1,7 +1,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <boost/json/monotonic_resource.hpp>
 #include <boost/json/value.hpp>
 
 #include "core/http_description.h"
@@ -31,6 +30,8 @@ const platform::Logger& searchLog() { return OrvexLogForCategory(OrvexLoggingCat
 const platform::Logger& protocolLog() { return OrvexLogForCategory(OrvexLoggingCategory::protocol); }
 
 constexpr std::uint32_t retriesOfAQuery = 3;
+constexpr std::uint32_t lookupEvent = 11;
+constexpr std::uint32_t flightEvent = 20;
 
 void logRequest(std::string_view what, const platform::URLRequest& request) {
     if (!protocolLog().enabled(platform::LogLevel::standard)) return;
@@ -52,15 +53,13 @@ struct NoList {
     bool undecodable = false;  ///< else it has another status, is not HTTP's, or is JSON of another kind
 };
 
-std::optional<NoList> whyNoList(const platform::Body& data, const std::optional<platform::URLResponse>& response,
-                                const std::optional<platform::TransportError>& error) {
-    if (error) return NoList{clientError(*error)};
-    if (!response || !response->isHTTP) return NoList{ORXError(ORXErrorCode::internal, "invalid response class")};
-    if (response->statusCode != 200)
-        return NoList{ORXError(ORXErrorCode::internal, fmt::format("status code {}", response->statusCode))};
-    const std::string_view text = data ? std::string_view(*data) : std::string_view();
-    boost::json::monotonic_resource memory(text.size() + 1);
-    const auto decoded = parseJSON(text, kReplyJSONDepth, &memory);
+std::optional<NoList> whyNoList(const QueryResult& result) {
+    if (result.error) return NoList{clientError(*result.error)};
+    if (!result.response || !result.response->isHTTP)
+        return NoList{ORXError(ORXErrorCode::internal, "invalid response class")};
+    if (result.statusCode() != 200)
+        return NoList{ORXError(ORXErrorCode::internal, fmt::format("status code {}", result.statusCode()))};
+    const auto& decoded = result.decoded();
     if (!decoded) return NoList{ORXError(ORXErrorCode::internal, decoded.error().text), true};
     if (!decoded->is_array()) return NoList{ORXError(ORXErrorCode::internal, "invalid response class")};
     return std::nullopt;
@@ -80,54 +79,80 @@ struct ClientState::QueryTexts {
     std::string_view gotResponse = {};
 };
 
+struct ClientState::Dispatch {
+    NetworkSearchOccasion occasion;
+    std::string userAgent;       ///< that the query's bag is bound to
+    std::optional<Retry> retry;  ///< none: a plain task
+    Check check;
+};
+
 std::optional<ClientState::BoundBag> ClientState::_bagForQuery(const QueryTexts& texts, std::uint64_t queryId,
-                                                               platform::MonotonicTime arrival,
+                                                               std::string_view input, platform::MonotonicTime arrival,
                                                                ORXReplyCallback& reply) {
     auto bound = _ensureBag(arrival) ? _boundBag() : std::nullopt;
     if (!bound) {
         searchLog().error("{}", texts.bagFailed);
         reply(queryId, std::nullopt, ORXError(ORXErrorCode::timeout, "timeout"));
+        _feedback.skipped(_recorded(queryId), SkipReason::bagFetchFailed, input);
     } else if (!bound->bag->isEnabled()) {
         searchLog().log("{}", texts.disabled);
         reply(queryId, std::nullopt, std::nullopt);
+        _feedback.skipped(_recorded(queryId), SkipReason::bagDisabled, input);
         bound.reset();
     }
     return bound;
 }
 
-void ClientState::_dispatchQuery(QueryOnItsWay query, FieldMask fieldMask, const std::optional<Retry>& retry,
-                                 Finish finish) {
+void ClientState::_dispatchQuery(QueryOnItsWay query, Dispatch dispatch) {
     const auto& factory = _assembly.requestFactory();
-    const bool mayUseProxy = factory && fieldMask == FieldMask::none;
+    const bool mayUseProxy = factory && fieldMaskFor(dispatch.userAgent) == FieldMask::none;
+    const auto networkSearch = _startSearchEventForRequest(query.httpRequest, dispatch.occasion, dispatch.userAgent);
+    const auto prepare = [&](const std::shared_ptr<platform::URLSessionTask>& task) {
+        networkSearch->setTask(task, mayUseProxy ? factory->enableCindora(*task) : std::nullopt);
+    };
+    query.networkSearch = networkSearch;
     auto httpRequest = query.httpRequest;
     query.geoSessionEntity = _geoSessionEntity(httpRequest);
-    platform::DataTaskCompletion completion =
-        [self = shared_from_this(), query = std::move(query), finish = std::move(finish)](
-            platform::Body data, std::optional<platform::URLResponse> response,
-            std::optional<platform::TransportError> error) mutable { finish(query, std::move(data), response, error); };
-    if (retry) {
+    platform::DataTaskCompletion completion = [self = shared_from_this(), query = std::move(query),
+                                               check = std::move(dispatch.check)](
+                                                  platform::Body data, std::optional<platform::URLResponse> response,
+                                                  std::optional<platform::TransportError> error) mutable {
+        const QueryResult result(std::move(data), std::move(response), std::move(error));
+        self->_finish(query, result, check(result));
+    };
+    if (dispatch.retry) {
         const auto retryable =
             dataTaskWithRetryableRequest(_assembly.urlSession(), _assembly.dispatcher(),
-                                         {.httpRequest = std::move(httpRequest), .expire = retry->expire},
+                                         {.httpRequest = std::move(httpRequest), .expire = dispatch.retry->expire},
                                          {.attempt = 1, .retriesLeft = retriesOfAQuery}, std::move(completion));
-        if (mayUseProxy) factory->enableCindora(*retryable->task());
+        prepare(retryable->task());
         retryable->resume();
     } else {
         const auto task = _assembly.urlSession().dataTask(std::move(httpRequest), std::move(completion));
-        if (mayUseProxy) factory->enableCindora(*task);
+        prepare(task);
         task->resume();
     }
     // Asking for the bag is what renews a stale one; the next query will see it.
     if (const auto& controller = _assembly.bagController()) (void)controller->currentBag();
 }
 
-ClientState::Finish ClientState::_anyBodyCounts(std::string_view gotResponse) {
-    return
-        [gotResponse](QueryOnItsWay& query, platform::Body data, const std::optional<platform::URLResponse>& response,
-                      const std::optional<platform::TransportError>& error) {
-            searchLog().log("{}", gotResponse);
-            if (!query.failed(data, response, error)) query.answer(std::move(data), *response);
-        };
+ClientState::Check ClientState::_anyBodyCounts(std::string_view gotResponse) {
+    return [gotResponse](const QueryResult& result) {
+        searchLog().log("{}", gotResponse);
+        return whyNoAnswer(result);
+    };
+}
+
+void ClientState::_finish(QueryOnItsWay& query, const QueryResult& result, const std::optional<QueryFailure>& failure) {
+    const auto recorded = _recorded(query.queryId);
+    const NetworkSearch::Answer answer{.size = result.size(), .statusCode = result.statusCode()};
+    if (failure) {
+        query.fail(failure->error);
+        query.networkSearch->failSearchFeedback(recorded, answer, failure->error);
+    } else {
+        query.networkSearch->endNetworkFeedback(recorded, answer, result.decoded() ? &*result.decoded() : nullptr);
+        query.answer(result);
+    }
 }
 
 void ClientState::zeroKeyword(const ORXZeroKeywordRequest& request, platform::MonotonicTime arrival,
@@ -137,7 +162,7 @@ void ClientState::zeroKeyword(const ORXZeroKeywordRequest& request, platform::Mo
                                       .dispatching = "Dispatching network request for zkw query",
                                       .gotResponse = "Got network response for zkw query"};
     searchLog().log("session {} performing zkw query, reply {}", _identifier, reply ? "given" : "(null)");
-    const auto bound = _bagForQuery(texts, request.queryId, arrival, reply);
+    const auto bound = _bagForQuery(texts, request.queryId, "", arrival, reply);
     if (!bound) return;
     const auto& factory = _assembly.requestFactory();
     auto built =
@@ -145,8 +170,11 @@ void ClientState::zeroKeyword(const ORXZeroKeywordRequest& request, platform::Mo
                 : std::nullopt;
     if (_hasNoEndpoint(built, request.queryId, reply)) return;
     searchLog().log("{}", texts.dispatching);
-    _dispatchQuery(QueryOnItsWay(request, *std::move(built), std::move(reply)), fieldMaskFor(bound->userAgent),
-                   std::nullopt, _anyBodyCounts(texts.gotResponse));
+    _dispatchQuery(QueryOnItsWay(request, *std::move(built), std::move(reply)),
+                   {.occasion = {.queryId = request.queryId, .triggerEvent = request.triggerEvent},
+                    .userAgent = bound->userAgent,
+                    .retry = std::nullopt,
+                    .check = _anyBodyCounts(texts.gotResponse)});
     _markNetworkRequest();
 }
 
@@ -156,15 +184,22 @@ void ClientState::lookup(const ORXLookupRequest& request, platform::MonotonicTim
                                       .dispatching = "Dispatching network request for lookup query",
                                       .gotResponse = "Got network response for lookup query"};
     searchLog().log("session {} performing lookup query, reply {}", _identifier, reply ? "given" : "(null)");
-    const auto bound = _bagForQuery(texts, request.queryId, arrival, reply);
+    const auto bound = _bagForQuery(texts, request.queryId, request.queryString, arrival, reply);
     if (!bound) return;
     const Retry retry{.expire = expiryOfRetries(*bound->bag, _assembly.dispatcher().now())};
     const auto& factory = _assembly.requestFactory();
     auto built = factory ? factory->lookupRequest(request, *bound->bag, _currentUserGUID()) : std::nullopt;
     if (_hasNoEndpoint(built, request.queryId, reply)) return;
     searchLog().log("{}", texts.dispatching);
-    _dispatchQuery(QueryOnItsWay(request, *std::move(built), std::move(reply)), fieldMaskFor(bound->userAgent), retry,
-                   _anyBodyCounts(texts.gotResponse));
+    _dispatchQuery(QueryOnItsWay(request, *std::move(built), std::move(reply)),
+                   {.occasion = {.queryId = request.queryId,
+                                 .input = request.queryString,
+                                 .triggerEvent = lookupEvent,
+                                 .lookupSelectionType = request.lookupSelectionType,
+                                 .cindoraStatus = _cindoraStatus()},
+                    .userAgent = bound->userAgent,
+                    .retry = retry,
+                    .check = _anyBodyCounts(texts.gotResponse)});
     factory->setPerformedSearch();
     _markNetworkRequest();
 }
@@ -177,15 +212,22 @@ void ClientState::flightSearch(const ORXFlightSearchRequest& request, platform::
                                       .gotResponse = "Got network response for flight query"};
     if (_assembly.userDefaults().boolean("ORXFlightUseDebugData")) return _debugFlightSearch(request, reply);
     searchLog().log("session {} performing flight query, reply {}", _identifier, reply ? "given" : "(null)");
-    const auto bound = _bagForQuery(texts, request.queryId, arrival, reply);
+    const auto bound = _bagForQuery(texts, request.queryId, request.flightQuery, arrival, reply);
     if (!bound) return;
     const Retry retry{.expire = expiryOfRetries(*bound->bag, _assembly.dispatcher().now())};
     const auto& factory = _assembly.requestFactory();
     auto built = factory ? factory->flightSearchRequest(request, *bound->bag, _currentUserGUID()) : std::nullopt;
     if (_hasNoEndpoint(built, request.queryId, reply)) return;
     searchLog().log("{}", texts.dispatching);
-    _dispatchQuery(QueryOnItsWay(request, *std::move(built), std::move(reply)), fieldMaskFor(bound->userAgent), retry,
-                   _anyBodyCounts(texts.gotResponse));
+    _dispatchQuery(QueryOnItsWay(request, *std::move(built), std::move(reply)),
+                   {.occasion = {.queryId = request.queryId,
+                                 .input = request.flightQuery,
+                                 .triggerEvent = flightEvent,
+                                 .endpoint = SearchEndpoint::flight,
+                                 .cindoraStatus = _cindoraStatus()},
+                    .userAgent = bound->userAgent,
+                    .retry = retry,
+                    .check = _anyBodyCounts(texts.gotResponse)});
     _markNetworkRequest();
 }
 
@@ -212,17 +254,22 @@ void ClientState::moreResults(const ORXMoreResultsRequest& request, platform::Mo
                 : std::nullopt;
     if (_hasNoEndpoint(built, request.queryId, reply)) return;
     logRequest("request", *built);
-    const auto finish = [](QueryOnItsWay& query, platform::Body data,
-                           const std::optional<platform::URLResponse>& response,
-                           const std::optional<platform::TransportError>& error) {
-        auto why = whyNoList(data, response, error);
-        if (!why) return query.answer(std::move(data), *response);
-        searchLog().error("More results fetch failed with HTTP status code {} error {}",
-                          response ? response->statusCode : 0, platform::privately(bodyText(data)));
-        query.fail(std::move(why->error));
+    auto sentText = findQueryParam(queryItemsOf(*built), "q").value_or("");
+    auto check = [](const QueryResult& result) -> std::optional<QueryFailure> {
+        auto why = whyNoList(result);
+        if (!why) return std::nullopt;
+        searchLog().error("More results fetch failed with HTTP status code {} error {}", result.statusCode(),
+                          platform::privately(bodyText(result.data)));
+        return QueryFailure{std::move(why->error)};
     };
-    _dispatchQuery(QueryOnItsWay(request, *std::move(built), std::move(reply)), fieldMaskFor(bound->userAgent), Retry{},
-                   finish);
+    _dispatchQuery(QueryOnItsWay(request, *std::move(built), std::move(reply)),
+                   {.occasion = {.queryId = request.queryId,
+                                 .input = std::move(sentText),
+                                 .triggerEvent = request.triggerEvent,
+                                 .cindoraStatus = _cindoraStatus()},
+                    .userAgent = bound->userAgent,
+                    .retry = Retry{},
+                    .check = std::move(check)});
 }
 
 void ClientState::card(const ORXCardRequest& request, platform::MonotonicTime arrival, ORXReplyCallback reply) {
@@ -233,23 +280,27 @@ void ClientState::card(const ORXCardRequest& request, platform::MonotonicTime ar
                                                   : std::nullopt;
     if (_hasNoEndpoint(built, request.queryId, reply)) return;
     logRequest("card request", *built);
-    const auto finish = [](QueryOnItsWay& query, platform::Body data,
-                           const std::optional<platform::URLResponse>& response,
-                           const std::optional<platform::TransportError>& error) {
-        auto why = whyNoList(data, response, error);
-        if (!why) return query.answer(std::move(data), *response);
+    auto check = [](const QueryResult& result) -> std::optional<QueryFailure> {
+        auto why = whyNoList(result);
+        if (!why) return std::nullopt;
         if (why->undecodable) {
             searchLog().error(
                 "Failed to deserialize card details for into a dictionary. Error: {}. Response data: \"{}\"",
-                why->error.description(), platform::privately(bodyText(data)));
+                why->error.description(), platform::privately(bodyText(result.data)));
         } else {
-            searchLog().error("Card fetch failed with HTTP status code {} error {}",
-                              response ? response->statusCode : 0, platform::privately(bodyText(data)));
+            searchLog().error("Card fetch failed with HTTP status code {} error {}", result.statusCode(),
+                              platform::privately(bodyText(result.data)));
         }
-        query.fail(std::move(why->error));
+        return QueryFailure{std::move(why->error)};
     };
-    _dispatchQuery(QueryOnItsWay(request, *std::move(built), std::move(reply)), fieldMaskFor(bound->userAgent), Retry{},
-                   finish);
+    _dispatchQuery(QueryOnItsWay(request, *std::move(built), std::move(reply)),
+                   {.occasion = {.queryId = request.queryId,
+                                 .triggerEvent = request.triggerEvent,
+                                 .endpoint = SearchEndpoint::card,
+                                 .cindoraStatus = _cindoraStatus()},
+                    .userAgent = bound->userAgent,
+                    .retry = Retry{},
+                    .check = std::move(check)});
 }
 
 std::optional<ClientState::BoundBag> ClientState::_bagForListQuery(const ORXRequest& request, std::string_view input,
@@ -259,8 +310,8 @@ std::optional<ClientState::BoundBag> ClientState::_bagForListQuery(const ORXRequ
                     platform::privately(input), reply ? "given" : "(null)");
     const auto bagFailed =
         fmt::format("Bag fetch failed, can't complete non-cached query {}.", platform::privately(input));
-    return _bagForQuery({.bagFailed = bagFailed, .disabled = "no search, bag disabled"}, request.queryId, arrival,
-                        reply);
+    return _bagForQuery({.bagFailed = bagFailed, .disabled = "no search, bag disabled"}, request.queryId, input,
+                        arrival, reply);
 }
 
 bool ClientState::_hasNoEndpoint(const std::optional<platform::URLRequest>& built, std::uint64_t queryId,

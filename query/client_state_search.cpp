@@ -1,4 +1,3 @@
-#include <boost/json/monotonic_resource.hpp>
 #include <boost/json/object.hpp>
 #include <boost/json/value.hpp>
 
@@ -13,9 +12,9 @@
 #include "platform/counters.h"
 #include "platform/dispatch.h"
 #include "platform/text.h"
-#include "platform/uuid.h"
 #include "query/client_state.h"
 #include "query/query_cache.h"
+#include "query/query_feedback.h"
 #include "query/query_on_its_way.h"
 
 // The road of a search, in its order. What stops it early answers at once; everything after the dispatch happens on the
@@ -27,6 +26,7 @@ namespace {
 const platform::Logger& searchLog() { return OrvexLogForCategory(OrvexLoggingCategory::search); }
 const platform::Logger& protocolLog() { return OrvexLogForCategory(OrvexLoggingCategory::protocol); }
 
+constexpr std::uint32_t didGoToSearchEvent = 23;
 constexpr std::string_view OrvexSearchAggdKey = "com.kelvar.orvexd.search";
 
 }  // namespace
@@ -34,7 +34,6 @@ constexpr std::string_view OrvexSearchAggdKey = "com.kelvar.orvexd.search";
 struct ClientState::SearchOnItsWay : QueryOnItsWay {
     std::string queryString;
     std::string userAgent;
-    std::string uuid;  ///< of this network search
 };
 
 void ClientState::search(ORXSearchRequest request, platform::MonotonicTime arrival, ORXReplyCallback reply) {
@@ -46,12 +45,16 @@ void ClientState::search(ORXSearchRequest request, platform::MonotonicTime arriv
         searchLog().error("Bag fetch failed, can't complete non-cached query {}.",
                           platform::privately(request.queryString));
         reply(request.queryId, std::nullopt, ORXError(ORXErrorCode::timeout, "timeout"));
+        _feedback.skipped(_recorded(request.queryId), SkipReason::bagFetchFailed, request.queryString);
         return;
     }
     const auto bound = _boundBag();
     if (!bound || _isDisabled(request, *bound->bag, reply)) return;
     reply = _offerLocalCompletions(request, *bound->bag, std::move(reply));
     if (_isTooShort(request, *bound->bag, reply)) return;
+    if (request.triggerEvent == didGoToSearchEvent) {
+        _feedback.didGoToSearch(_recordedWithUserGUID(request.queryId), request);
+    }
 
     const auto& factory = _assembly.requestFactory();
     auto httpRequest =
@@ -84,21 +87,24 @@ void ClientState::_replyFromCache(const ORXSearchRequest& request, const platfor
                    .localSuggestions = {}},
           std::nullopt);
     if (const auto name = clientShortName()) _assembly.counters().add(createAggdKey(*name, "ondevicecachehits"));
+    _feedback.answeredFromCache(_recorded(request.queryId), request, entry);
 }
 
-bool ClientState::_isDisabled(const ORXSearchRequest& request, const ORXBag& bag, ORXReplyCallback& reply) {
+bool ClientState::_isDisabled(const ORXSearchRequest& request, const ORXBag& bag, ORXReplyCallback& reply) const {
     if (bag.isEnabled()) return false;
     searchLog().log("no search, bag disabled");
     reply(request.queryId, std::nullopt, std::nullopt);
+    _feedback.skipped(_recorded(request.queryId), SkipReason::bagDisabled, request.queryString);
     return true;
 }
 
-bool ClientState::_isTooShort(const ORXSearchRequest& request, const ORXBag& bag, ORXReplyCallback& reply) {
+bool ClientState::_isTooShort(const ORXSearchRequest& request, const ORXBag& bag, ORXReplyCallback& reply) const {
     if (!request.completionCacheSuggestions.empty()) return false;
     if (platform::utf16Length(request.queryString) >= bag.minimumQueryLength()) return false;
     searchLog().debug("query[{}] input '{}' less than {}", request.queryId, platform::privately(request.queryString),
                       bag.minimumQueryLength());
     reply(request.queryId, std::nullopt, std::nullopt);
+    _feedback.skipped(_recorded(request.queryId), SkipReason::lessThanMinimumQueryLength, request.queryString);
     return true;
 }
 
@@ -106,18 +112,25 @@ void ClientState::_dispatchSearch(ORXSearchRequest request, platform::URLRequest
                                   ORXReplyCallback reply) {
     searchLog().log("Dispatching network request for (id, query): ({}, {})", request.queryId,
                     platform::privately(request.queryString));
+    const auto networkSearch = _startSearchEventForRequest(httpRequest,
+                                                           {.queryId = request.queryId,
+                                                            .input = request.queryString,
+                                                            .triggerEvent = request.triggerEvent,
+                                                            .cindoraStatus = _cindoraStatus()},
+                                                           userAgent);
     const bool mayUseProxy = fieldMaskFor(userAgent) == FieldMask::none;
     SearchOnItsWay search{QueryOnItsWay(request, httpRequest, std::move(reply)), std::move(request.queryString),
-                          std::move(userAgent), platform::newUUIDString()};
+                          std::move(userAgent)};
     search.geoSessionEntity = _geoSessionEntity(httpRequest);
-    auto task = _assembly.urlSession().dataTask(
+    search.networkSearch = networkSearch;
+    const auto task = _assembly.urlSession().dataTask(
         std::move(httpRequest), [self = shared_from_this(), search = std::move(search)](
                                     platform::Body data, std::optional<platform::URLResponse> response,
                                     std::optional<platform::TransportError> error) mutable {
-            self->_finishSearch(std::move(search), std::move(data), std::move(response), std::move(error));
+            self->_finishSearch(search, QueryResult(std::move(data), std::move(response), std::move(error)));
         });
     const auto& factory = _assembly.requestFactory();
-    if (factory && mayUseProxy) factory->enableCindora(*task);
+    networkSearch->setTask(task, factory && mayUseProxy ? factory->enableCindora(*task) : std::nullopt);
     task->resume();
     _assembly.counters().add(OrvexSearchAggdKey);
     if (factory) factory->setPerformedSearch();
@@ -126,33 +139,29 @@ void ClientState::_dispatchSearch(ORXSearchRequest request, platform::URLRequest
     if (const auto& controller = _assembly.bagController()) (void)controller->currentBag();
 }
 
-void ClientState::_finishSearch(SearchOnItsWay search, platform::Body data,
-                                std::optional<platform::URLResponse> response,
-                                std::optional<platform::TransportError> error) {
-    if (const auto agent = userAgent()) _recordSearchResult(*agent, response ? response->statusCode : 0);
+void ClientState::_finishSearch(SearchOnItsWay& search, const QueryResult& result) {
+    if (const auto agent = userAgent()) _recordSearchResult(*agent, result.statusCode());
     searchLog().log("Got network response for (id, query): ({}, {})", search.queryId,
                     platform::privately(search.queryString));
     if (protocolLog().enabled(platform::LogLevel::standard)) {
-        protocolLog().log("resp: {}", describedResponse(response));
+        protocolLog().log("resp: {}", describedResponse(result.response));
     }
-    if (search.failed(data, response, error)) return;
-    _cacheResponse(data, search.httpRequest, search.queryString, search.uuid);
-    search.answer(std::move(data), *response);
-    _followForcedFetch(*response);
+    const auto failure = whyNoAnswer(result);
+    if (!failure) _cacheResponse(result, search);
+    _finish(search, result, failure);
+    if (!failure) _followForcedFetch(*result.response);
 }
 
-void ClientState::_cacheResponse(const platform::Body& data, const platform::URLRequest& request,
-                                 std::string_view input, const std::string& uuid) {
-    if (!_queryCache || input.empty()) return;
-    boost::json::monotonic_resource memory(data->size());
-    const auto decoded = parseJSON(*data, kReplyJSONDepth, &memory);
-    const auto* elements = decoded ? decoded->if_array() : nullptr;
+void ClientState::_cacheResponse(const QueryResult& result, const SearchOnItsWay& search) {
+    if (!_queryCache || search.queryString.empty()) return;
+    const auto* elements = result.decoded() ? result.decoded()->if_array() : nullptr;
     if (elements == nullptr) return;
     const auto now = _assembly.dispatcher().now();
     for (const auto& element : *elements) {
         const auto* resultSet = element.if_object();
         if (resultSet == nullptr || stringMember(*resultSet, "status") == "ERROR") continue;
-        _queryCache->set(std::make_shared<const CachedResultSet>(input, request, *resultSet, uuid, data, now));
+        _queryCache->set(std::make_shared<const CachedResultSet>(search.queryString, search.httpRequest, *resultSet,
+                                                                 search.networkSearch->uuid(), result.data, now));
     }
 }
 

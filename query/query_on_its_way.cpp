@@ -1,6 +1,7 @@
 #include "query/query_on_its_way.h"
 
 #include "core/http_description.h"
+#include "core/json.h"
 #include "daemon/orvex_logging.h"
 #include "platform/text.h"
 
@@ -11,6 +12,25 @@ const platform::Logger& searchLog() { return OrvexLogForCategory(OrvexLoggingCat
 
 }  // namespace
 
+QueryResult::QueryResult(platform::Body body, std::optional<platform::URLResponse> answer,
+                         std::optional<platform::TransportError> failure)
+    : data(std::move(body)),
+      response(std::move(answer)),
+      error(std::move(failure)),
+      _memory(size() + 1),
+      _decoded(parseJSON(data ? std::string_view(*data) : std::string_view(), kReplyJSONDepth, &_memory)) {}
+
+std::optional<QueryFailure> whyNoAnswer(const QueryResult& result) {
+    if (!result.data || result.error) {
+        const auto error = result.error ? std::optional(clientError(*result.error)) : std::nullopt;
+        searchLog().error("error with request {}", error ? error->description() : "(null)");
+        return QueryFailure{error};
+    }
+    if (result.response && result.response->isHTTP) return std::nullopt;
+    searchLog().error("not http response? {}", result.response ? describedURL(result.response->url) : "(null)");
+    return QueryFailure{ORXError(ORXErrorCode::internal, "invalid response class")};
+}
+
 QueryOnItsWay::QueryOnItsWay(const ORXRequest& request, platform::URLRequest sent, ORXReplyCallback callback)
     : queryId(request.queryId),
       scale(request.scale),
@@ -18,30 +38,16 @@ QueryOnItsWay::QueryOnItsWay(const ORXRequest& request, platform::URLRequest sen
       httpRequest(std::move(sent)),
       reply(std::move(callback)) {}
 
-bool QueryOnItsWay::failed(const platform::Body& data, const std::optional<platform::URLResponse>& response,
-                           const std::optional<platform::TransportError>& error) {
-    if (!data || error) {
-        const auto toClient = error ? std::optional(clientError(*error)) : std::nullopt;
-        searchLog().error("error with request {}", toClient ? toClient->description() : "(null)");
-        fail(toClient);
-        return true;
-    }
-    if (response && response->isHTTP) return false;
-    searchLog().error("not http response? {}", response ? describedURL(response->url) : "(null)");
-    fail(ORXError(ORXErrorCode::internal, "invalid response class"));
-    return true;
-}
-
-void QueryOnItsWay::answer(platform::Body data, const platform::URLResponse& response) {
+void QueryOnItsWay::answer(const QueryResult& result) {
     ORXReply answer{.scale = scale,
-                    .data = std::move(data),
+                    .data = result.data,
                     .httpRequest = std::nullopt,
                     .httpResponse = std::nullopt,
                     .geoSessionEntityString = std::move(geoSessionEntity),
                     .localSuggestions = {}};
     if (verboseReply) {
         answer.httpRequest = std::move(httpRequest);
-        answer.httpResponse = response;
+        answer.httpResponse = result.response;
     }
     reply(queryId, std::move(answer), std::nullopt);
 }

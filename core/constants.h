@@ -12,6 +12,9 @@ inline constexpr std::string_view kORXDaemonInterface = "com.kelvar.orvexd.Daemo
 inline constexpr std::string_view kORXLaunchEventsInterface = "com.kelvar.orvexd.LaunchEvents";
 inline constexpr std::string_view kORXDiagnosticsInterface = "com.kelvar.orvexd.Diagnostics";
 
+/// The bus error of what went wrong within the daemon; its message is the reason.
+inline constexpr std::string_view kORXInternalError = "com.kelvar.orvexd.Error.Internal";
+
 /// System-wide notify names are signals of this interface and path.
 inline constexpr std::string_view kORXNotifyInterface = "com.kelvar.notifyd";
 inline constexpr std::string_view kORXNotifyPath = "/com/kelvar/notifyd";

@@ -3,13 +3,17 @@
 #include <cmath>
 #include <map>
 
+#include "core/constants.h"
+#include "core/feedback_records.pb.h"
 #include "core/notifications.h"
 #include "core/orx_bag.h"
 #include "daemon/assembly.h"
 #include "daemon/bus_dictionaries.h"
 #include "daemon/client_connection.h"
 #include "daemon/client_state_manager.h"
+#include "daemon/feedback_payload.h"
 #include "daemon/orvex_logging.h"
+#include "feedback/client_session_manager_protocol.h"
 #include "network/orx_tracing.h"
 #include "platform/locale.h"
 #include "platform/notification_center.h"
@@ -25,7 +29,6 @@ namespace orvex {
 namespace {
 
 constexpr std::string_view invalidConfiguration = "com.kelvar.orvexd.Error.InvalidConfiguration";
-constexpr std::string_view internalError = "com.kelvar.orvexd.Error.Internal";
 
 const platform::Logger& sessionLog() { return OrvexLogForCategory(OrvexLoggingCategory::session); }
 const platform::Logger& bagLog() { return OrvexLogForCategory(OrvexLoggingCategory::bag); }
@@ -219,25 +222,28 @@ void ClientConnection::_reportFeedbackPayloadData(Call& call) {
     const auto& payload = *call.arguments[0].as<platform::BusBytes>();
     if (refusedSize(payload.view().size(), call.reply)) return;
     _ensureState();
-    const auto& feedbackLog = OrvexLogForCategory(OrvexLoggingCategory::feedback);
-    if (!state()) {
-        feedbackLog.error("state must not be nil");
-        call.reply.fail(internalError, "client state nil");
-    } else if (payload.view().empty()) {
-        call.reply.answer({});
-    } else {
-        feedbackLog.error("session manager nil");
-        call.reply.fail(internalError, "session manager nil");
+    reportFeedbackPayload(_assembly, state(),
+                          {.bytes = payload.view(), .queryId = *call.arguments[1].as<std::uint64_t>()},
+                          std::move(call.reply));
+}
+
+// Reads the session's files on this queue, as a query waits on it.
+void ClientConnection::_feedback(Call& call) {
+    _ensureState();
+    const auto bound = state();
+    const auto manager = bound ? bound->sessionManager() : nullptr;
+    if (!manager) return;
+    ORXTrace(0x2b000024);
+    platform::BusArray records{.elementSignature = "ay", .items = {}};
+    for (const auto& record : manager->currentSessionRecords()) {
+        records.items.emplace_back(platform::BusBytes::of(record.SerializeAsString()));
     }
+    call.reply.answer({std::move(records), busError(std::nullopt)});
+    ORXTrace(0x2b000028);
 }
 
 // Without the component that would answer, these let their reply go.
 
-void ClientConnection::_feedback(Call&) {
-    _ensureState();
-    ORXTrace(0x2b000024);
-    ORXTrace(0x2b000028);
-}
 void ClientConnection::_listenToFlusher(Call&) { _ensureState(); }
 void ClientConnection::_fileHandleAndAttributesForResource(Call&) { _ensureState(); }
 
@@ -270,7 +276,7 @@ void ClientConnection::_clearEngagedCompletions(Call& call) {
             if (removed) {
                 reply.answer({});
             } else {
-                reply.fail(internalError, removed.error().text);
+                reply.fail(kORXInternalError, removed.error().text);
             }
         });
 }
@@ -288,7 +294,7 @@ void ClientConnection::_addCompletion(Call& call) {
             if (added) {
                 reply.answer({});
             } else {
-                reply.fail(internalError, added.error().text);
+                reply.fail(kORXInternalError, added.error().text);
             }
         });
 }

@@ -112,13 +112,11 @@ QueryCache::Candidates QueryCache::_candidates(const Lookup& lookup) {
     const auto now = _assembly.dispatcher().now();
     Candidates candidates;
     std::vector<std::string> expired;
-    _tree.keysMatchingPrefix(lookup.input, [&](std::string_view key, bool&) {
-        _queue.assertCurrent();
-        auto entry = _tree.objectForKey(std::string(key));
+    _tree.objectsMatchingPrefix(lookup.input, [&](std::string_view key, const auto& entry, bool&) {
         if (entry->expireTime && *entry->expireTime <= now) {
             expired.emplace_back(key);
         } else if (lookup.admits(*entry)) {
-            candidates.push_back(std::move(entry));
+            candidates.push_back(entry);
         }
     });
     for (const auto& key : expired) _tree.removeObjectForKey(key);

@@ -32,6 +32,7 @@ struct Leaf {
 
 constexpr std::size_t nodeAlignment = 8;
 constexpr Reference branchTag = 1;
+static_assert(sizeof(Leaf) == sizeof(void*));
 static_assert(alignof(Branch) <= nodeAlignment && alignof(Leaf) <= nodeAlignment);
 
 bool isBranch(Reference reference) { return (reference & branchTag) != 0; }
@@ -284,6 +285,12 @@ int critbit_allprefixed(const critbit_tree& tree, const char* text, int (*visit)
     }
     if (std::strncmp(leafAt(reference)->key(), text, prefix.length) != 0) return 1;
     return visitAll(top, visit, context);
+}
+
+void* critbit_value(const char* visitedKey) {
+    void* value = nullptr;
+    std::memcpy(&value, visitedKey - sizeof(Leaf), sizeof value);
+    return value;
 }
 
 }  // namespace orvex

@@ -46,6 +46,9 @@ void critbit_clear(critbit_tree& tree);                    ///< releases in the 
 int critbit_allprefixed(const critbit_tree& tree, const char* prefix, int (*visit)(const char* key, void* context),
                         void* context);
 
+/// The value of the key that `visit` was given.
+[[nodiscard]] void* critbit_value(const char* visitedKey);
+
 /// The tree as a map that owns shared objects. Threading: one thread at a time.
 template <class Object>
 class CritbitTree {
@@ -91,6 +94,15 @@ public:
             return stop ? 0 : 1;
         };
         critbit_allprefixed(_tree, prefix.c_str(), visit, &block);
+    }
+
+    /// The same with each key's object: `block(std::string_view key, const std::shared_ptr<Object>& object, bool&
+    /// stop)`.
+    template <class Block>
+    void objectsMatchingPrefix(const std::string& prefix, Block block) const {
+        keysMatchingPrefix(prefix, [&block](std::string_view key, bool& stop) {
+            block(key, *static_cast<const Held*>(critbit_value(key.data())), stop);
+        });
     }
 
     [[nodiscard]] std::uint64_t count() const { return _tree.count; }

@@ -203,6 +203,10 @@ TEST(CritbitTreeTest, OwnsItsObjectsUntilTheyAreReplacedOrRemoved) {
         stop = key == "a";
     });
     EXPECT_EQ(seen, std::vector<std::string>{"a"});
+    tree.objectsMatchingPrefix("b", [&](std::string_view key, const auto& object, bool&) {
+        EXPECT_EQ(key, "b");
+        EXPECT_EQ(object, first);
+    });
     EXPECT_TRUE(tree.removeObjectForKey("b"));
     EXPECT_EQ(first.use_count(), 1);
     tree.removeAllObjects();

@@ -3,7 +3,6 @@
 #include <google/protobuf/io/coded_stream.h>
 
 #include <optional>
-#include <vector>
 
 #include "core/feedback_records.pb.h"
 
@@ -46,6 +45,11 @@ std::optional<Frame> lengthDelimitedAt(std::string_view file, std::size_t at) {
 std::optional<Frame> frameAt(std::string_view file, std::size_t at) {
     if (!file.substr(at).starts_with(recordKey)) return std::nullopt;
     return lengthDelimitedAt(file, at + recordKey.size());
+}
+
+/// A record as we write them knows all its fields: one that does not has swallowed what stood behind it.
+bool parseRecord(std::string_view bytes, CXOrvexFeedback& record) {
+    return record.ParseFromArray(bytes.data(), static_cast<int>(bytes.size())) && record.unknown_fields().empty();
 }
 
 /// Where the header's field that begins at `at` ends; none when no field of a header does.
@@ -93,24 +97,19 @@ public:
     }
 
 private:
-    /// Up to the first frame, where all that follows belongs to records.
+    /// Up to the first frame, where all that follows belongs to records. A length that was damaged may lead on beyond
+    /// the first of them, so that one is found first.
     void _readHeader() {
-        std::vector<std::size_t> ends;
-        while (_at < _file.size() && !_file.substr(_at).starts_with(recordKey)) {
+        const std::size_t firstRecord = _nextRecord(0);
+        while (_at < firstRecord && !_file.substr(_at).starts_with(recordKey)) {
             const auto end = headerFieldEnd(_file, _at);
-            if (!end) {
+            if (!end || *end > firstRecord) {
                 ++_damaged;
-                _at = _nextRecord(0);
-                break;
+                _at = firstRecord;
+                return;
             }
-            ends.push_back(*end);
+            if (!_merge(_file.substr(_at, *end - _at))) ++_damaged;
             _at = *end;
-        }
-        std::size_t begin = 0;
-        for (const auto end : ends) {
-            if (end > _at) break;  // of a length that was damaged
-            if (!_merge(_file.substr(begin, end - begin))) ++_damaged;
-            begin = end;
         }
     }
 
@@ -120,8 +119,7 @@ private:
     }
 
     bool _addRecord(std::string_view bytes) {
-        auto& record = *_session.add_feedbacks();
-        if (record.ParseFromArray(bytes.data(), static_cast<int>(bytes.size()))) return true;
+        if (parseRecord(bytes, *_session.add_feedbacks())) return true;
         _session.mutable_feedbacks()->RemoveLast();
         return false;
     }
@@ -140,7 +138,8 @@ private:
             if (!frame || frame->value.empty()) continue;
             _searched += frame->value.size();
             if (_searched / searchFactor > _file.size()) break;
-            if (CXOrvexFeedback().ParseFromArray(frame->value.data(), static_cast<int>(frame->value.size()))) return at;
+            CXOrvexFeedback record;
+            if (parseRecord(frame->value, record)) return at;
         }
         return _file.size();
     }

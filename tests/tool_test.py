@@ -74,7 +74,8 @@ class ToolTest(harness.Scenario):
         for arguments in ([], ["nonsense"], ["search"], ["search", "a", "b"], ["bag", "--set", "x=1"],
                           ["search", "a", "--set", "scale"], ["search", "a", "--set", "scale=wide"],
                           ["defaults"], ["defaults", "write", "key"], ["completions", "add", "tea"],
-                          ["completions", "clear", "--from", "noon"], ["run-activity"]):
+                          ["completions", "clear", "--from", "noon"], ["run-activity"], ["report"],
+                          ["report", "{"], ["report", "{}"], ["report", '{"startSearch": {"nonsense": 1}}']):
             with self.subTest(arguments):
                 ended = self.tool(*arguments)
                 self.assertEqual((ended.wait(), ended.out), (2, []), ended.describe())
@@ -82,7 +83,8 @@ class ToolTest(harness.Scenario):
 
     def test_without_a_daemon_or_a_bus_it_is_status_3(self):
         for command in (["search", "a"], ["bag"], ["sessions"], ["images"], ["status"], ["counters"],
-                        ["run-activity", "com.kelvar.orvexd.dp.flush"]):
+                        ["run-activity", "com.kelvar.orvexd.dp.flush"], ["feedback"], ["feedback", "--pending"],
+                        ["report", '{"startSearch": {}}']):
             with self.subTest(command):
                 self.assertEqual(self.tool(*command).wait(), 3)
         self.assertEqual(self.tool("status", bus=f"unix:path={self.directory}/nobody").wait(), 3)

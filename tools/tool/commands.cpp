@@ -10,8 +10,10 @@
 #include <optional>
 
 #include "core/constants.h"
+#include "core/json.h"
 #include "tools/tool/bus_json.h"
 #include "tools/tool/daemon_client.h"
+#include "tools/tool/feedback_json.h"
 #include "tools/tool/pages.h"
 
 namespace orvex::tool {
@@ -156,6 +158,42 @@ ExitStatus clearCompletions(const Options& options, std::optional<double> from, 
     const double begin = from.value_or(-endOfTime), end = to.value_or(endOfTime);
     return tellDaemon(options, "ClearEngagedCompletions", "dd", {begin, end},
                       {{"cleared_from", begin}, {"cleared_to", end}});
+}
+
+ExitStatus reportFeedback(const Options& options, const ReportOptions& report) {
+    auto payload = payloadFromJSON(report.payload);
+    if (!payload) return tellWrongUsage(payload.error().text);
+    const json::object done{{"reported", payloadTypeName(*payload)}};
+    return tellDaemon(options, "ReportFeedbackPayloadData", "ayt",
+                      {platform::BusBytes::of(*std::move(payload)), report.queryId}, done);
+}
+
+ExitStatus showFeedback(const Options& options) {
+    auto client = connectAsClient(options);
+    if (!client) return client.error();
+    const Answer answer = client->call(kORXDaemonInterface, "Feedback", "s", {""});
+    if (!answer) return tell(answer.error());
+    if (const auto status = tellError(options, answer->at(1))) return *status;
+    const auto records = recordsAsJSON(answer->at(0));
+    fmt::print("{}", options.json ? compactJSON(records) + '\n' : recordsPage(records));
+    return ExitStatus::done;
+}
+
+ExitStatus showPendingFeedback(const Options& options) {
+    auto client = connect(options);
+    if (!client) return client.error();
+    const Answer answer = client->call(kORXDiagnosticsInterface, "PendingFeedback", "", {});
+    if (!answer) return tell(answer.error());
+    json::array sessions;
+    for (const auto& text : answer->at(0).as<platform::BusArray>()->items) {
+        sessions.push_back(parseJSON(*text.as<std::string>(), kReplyJSONDepth).value_or(json::value()));
+    }
+    if (options.json) {
+        fmt::print("{}\n", compactJSON(sessions));
+        return ExitStatus::done;
+    }
+    for (const auto& session : sessions) fmt::print("{}\n", compactJSON(session));
+    return ExitStatus::done;
 }
 
 ExitStatus runActivity(const Options& options, const std::string& name) {

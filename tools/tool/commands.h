@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <expected>
 #include <optional>
 #include <string>
@@ -47,6 +48,15 @@ ExitStatus showCounters(const Options& options);
 ExitStatus addCompletion(const Options& options, const std::string& completion, const std::string& input);
 ExitStatus clearCompletions(const Options& options, std::optional<double> from, std::optional<double> to);
 ExitStatus runActivity(const Options& options, const std::string& name);
+
+/// One feedback record; `payload` is a CXFeedbackPayload in protobuf's JSON form.
+struct ReportOptions {
+    std::string payload;
+    std::uint64_t queryId = 0;
+};
+ExitStatus reportFeedback(const Options& options, const ReportOptions& report);
+ExitStatus showFeedback(const Options& options);         ///< the records of the open session
+ExitStatus showPendingFeedback(const Options& options);  ///< what would be uploaded of each finished session
 
 ExitStatus readDefaults(const Options& options, const std::string& key);  ///< an empty key: all that are stored
 ExitStatus writeDefault(const Options& options, const std::string& key, const std::string& value);

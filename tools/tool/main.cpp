@@ -38,6 +38,7 @@ public:
         _app.fallthrough();
         _addRequests();
         _addReads();
+        _addFeedback();
         _addCompletions();
         _addDefaults();
     }
@@ -104,6 +105,20 @@ private:
         activity->callback([this] { _chosen = [this] { return orvex::tool::runActivity(_options, _name); }; });
     }
 
+    void _addFeedback() {
+        auto* feedback = _app.add_subcommand("feedback", "Show the records of the open feedback session");
+        feedback->add_flag("--pending", _pending, "Instead, finished sessions as they would be uploaded");
+        feedback->callback([this] {
+            _chosen = [this] {
+                return _pending ? orvex::tool::showPendingFeedback(_options) : orvex::tool::showFeedback(_options);
+            };
+        });
+        auto* report = _app.add_subcommand("report", "Report one feedback record");
+        report->add_option("JSON", _report.payload, "A CXFeedbackPayload in protobuf's JSON form")->required();
+        report->add_option("--query-id", _report.queryId, "The query that it belongs to");
+        report->callback([this] { _chosen = [this] { return orvex::tool::reportFeedback(_options, _report); }; });
+    }
+
     void _addCompletions() {
         auto* completions = _app.add_subcommand("completions", "Add and clear completions that were picked");
         completions->require_subcommand(1);
@@ -135,6 +150,8 @@ private:
     CLI::App _app{"Talks to orvexd, the search daemon.", "orvex_tool"};
     Options _options;
     RequestOptions _request;
+    orvex::tool::ReportOptions _report;
+    bool _pending = false;
     std::string _name;
     std::string _value;
     std::optional<double> _from, _to;

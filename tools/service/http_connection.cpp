@@ -77,14 +77,17 @@ std::size_t HTTPConnection::_receive() {
 
 ssize_t HTTPConnection::read(char* bytes, std::size_t size) {
     if (!_output.empty()) flush();  // "100 Continue"
+    if (_bytesUntilReset == 0) reset();
+    if (_isBroken) return -1;
     if (_headBytesLeft == 0 || (_inputRead == _input.size() && _receive() == 0)) {
         _isBroken = true;
         return -1;
     }
-    const std::size_t count = std::min({size, _input.size() - _inputRead, _headBytesLeft});
+    const std::size_t count = std::min({size, _input.size() - _inputRead, _headBytesLeft, _bytesUntilReset});
     _input.copy(bytes, count, _inputRead);
     _inputRead += count;
     if (_headBytesLeft != SIZE_MAX) _headBytesLeft -= count;
+    if (_bytesUntilReset != SIZE_MAX) _bytesUntilReset -= count;
     return static_cast<ssize_t>(count);
 }
 

@@ -35,6 +35,7 @@ public:
 
     /// The head has been read: what follows is a body, whose size the library limits.
     void headIsRead() { _headBytesLeft = SIZE_MAX; }
+    void resetAfter(std::size_t bytes) { _bytesUntilReset = bytes; }  ///< instead of reading on
 
     void flush();
     void flushAllBut(std::size_t bytes);  ///< the last `bytes` of the output never leave, nor does anything after
@@ -67,6 +68,7 @@ private:
     std::size_t _inputRead = 0;
     std::string _output;
     std::size_t _headBytesLeft = maxHeadBytes;
+    std::size_t _bytesUntilReset = SIZE_MAX;
     bool _isBroken = false;
 };
 

@@ -111,7 +111,11 @@ std::optional<std::string_view> ServerRequest::header(std::string_view name) con
 
 class HTTPServer::Implementation : private httplib::Server {
 public:
-    Implementation(const HTTPServer::Options& options, AnswerFor answer, Descriptor listener, SSLContext tls);
+    struct Callbacks {
+        AnswerFor answer;
+        CutFor cut;
+    };
+    Implementation(const HTTPServer::Options& options, Callbacks callbacks, Descriptor listener, SSLContext tls);
 
     [[nodiscard]] std::uint16_t port() const { return portOf(_listener.number()); }
     [[nodiscard]] std::uint64_t accepted() const { return _accepted; }
@@ -136,7 +140,7 @@ private:
     void _closeAllAndWait();
 
     const HTTPServer::Options _options;
-    const AnswerFor _answerFor;
+    const Callbacks _callbacks;
     const Descriptor _listener;
     const Descriptor _wake;
     const SSLContext _tls;
@@ -151,10 +155,10 @@ private:
 
 thread_local HTTPServer::Implementation::Exchange* HTTPServer::Implementation::current = nullptr;
 
-HTTPServer::Implementation::Implementation(const HTTPServer::Options& options, AnswerFor answer, Descriptor listener,
+HTTPServer::Implementation::Implementation(const HTTPServer::Options& options, Callbacks callbacks, Descriptor listener,
                                            SSLContext tls)
     : _options(options),
-      _answerFor(std::move(answer)),
+      _callbacks(std::move(callbacks)),
       _listener(std::move(listener)),
       _wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       _tls(std::move(tls)) {
@@ -265,26 +269,29 @@ void HTTPServer::Implementation::_noteHead(httplib::Request& request) {
 
 httplib::Server::HandlerResponse HTTPServer::Implementation::_answerBeforeBody(const httplib::Request& request,
                                                                                httplib::Response& response) {
-    if (request.method == "POST") return HandlerResponse::Unhandled;
+    if (request.method == "POST") {
+        if (const auto bytes = _callbacks.cut(current->request)) current->connection.resetAfter(*bytes);
+        return HandlerResponse::Unhandled;
+    }
     _answer(response);
     return HandlerResponse::Handled;
 }
 
 void HTTPServer::Implementation::_answer(httplib::Response& response) {
-    current->answer = _answerFor(current->request);
+    current->answer = _callbacks.answer(current->request);
     const ServerAnswer& answer = *current->answer;
     if (answer.status != 200) response.status = answer.status;  // the library says 206 where a range was asked for
     for (const auto& [name, value] : answer.headers) response.set_header(name, value);
     if (!answer.body.empty()) response.set_content(answer.body, answer.contentType);
 }
 
-platform::Result<std::unique_ptr<HTTPServer>> HTTPServer::listen(const Options& options, AnswerFor answer) {
+platform::Result<std::unique_ptr<HTTPServer>> HTTPServer::listen(const Options& options, AnswerFor answer, CutFor cut) {
     auto tls = loadCertificate(options);
     if (!tls) return std::unexpected(tls.error());
     auto listener = listenOn(options.port);
     if (!listener) return std::unexpected(listener.error());
-    return std::unique_ptr<HTTPServer>(new HTTPServer(
-        std::make_unique<Implementation>(options, std::move(answer), std::move(*listener), std::move(*tls))));
+    return std::unique_ptr<HTTPServer>(new HTTPServer(std::make_unique<Implementation>(
+        options, Implementation::Callbacks{std::move(answer), std::move(cut)}, std::move(*listener), std::move(*tls))));
 }
 
 HTTPServer::HTTPServer(std::unique_ptr<Implementation> implementation) : _implementation(std::move(implementation)) {}

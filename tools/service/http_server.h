@@ -50,7 +50,8 @@ struct ServerAnswer {
 ///
 /// Limits: 8 KiB for the request line's target and for one header (414, 400), 128 KiB for line and headers together,
 /// `Options::maxBodyBytes` (413).
-/// Threading: `answer` is called on the connections' threads, many at a time. `stop` may be called from any thread.
+/// Threading: `answer` and `cut` are called on the connections' threads, many at a time. `stop` may be called from any
+/// thread.
 class HTTPServer {
 public:
     struct Options {
@@ -62,9 +63,11 @@ public:
         std::chrono::seconds keepAlive{300};
     };
     using AnswerFor = std::function<ServerAnswer(const ServerRequest&)>;
+    /// Asked once the head of a POST has been read: after how many bytes of its body the connection is reset, if so.
+    using CutFor = std::function<std::optional<std::size_t>(const ServerRequest& head)>;
 
     /// Listens from here on; connections wait until `run`.
-    static platform::Result<std::unique_ptr<HTTPServer>> listen(const Options& options, AnswerFor answer);
+    static platform::Result<std::unique_ptr<HTTPServer>> listen(const Options& options, AnswerFor answer, CutFor cut);
     ~HTTPServer();  ///< `run` has returned
 
     [[nodiscard]] std::uint16_t port() const;

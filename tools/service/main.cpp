@@ -63,7 +63,8 @@ int serve(Arguments& arguments) {
     if (!words) return fail(words.error());
     orvex::ReferenceService service(**words, std::move(arguments.service));
     const auto server = orvex::HTTPServer::listen(
-        arguments.server, [&service](const orvex::ServerRequest& request) { return service.answer(request); });
+        arguments.server, [&service](const orvex::ServerRequest& request) { return service.answer(request); },
+        [&service](const orvex::ServerRequest& head) { return service.cut(head); });
     if (!server) return fail(server.error());
     service.setConnectionCount([&server] { return (*server)->connectionsAccepted(); });
 

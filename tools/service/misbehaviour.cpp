@@ -31,7 +31,7 @@ constexpr Action actions[] = {
     {"status", Value::number, false},  {"stall", Value::number, true},   {"reset", Value::none, true},
     {"truncate", Value::number, true}, {"redirect", Value::text, false}, {"bomb", Value::number, false},
     {"body", Value::any, false},       {"gzip", Value::none, true},      {"force_fetch", Value::any, false},
-    {"headers", Value::none, true},
+    {"headers", Value::none, true},    {"cut", Value::number, true},
 };
 
 // `text` as a gzip stream (RFC 1952), `repetitions` times over.
@@ -89,6 +89,7 @@ struct Misbehaviour::Rule {
 
     platform::Result<void> read(const json::object& rule);
     void apply(ServerAnswer& answer) const;
+    [[nodiscard]] bool isRefusal() const { return action == "status" || action == "redirect" || status >= 300; }
 
 private:
     platform::Result<void> _readValue(const json::object& rule);
@@ -146,7 +147,7 @@ std::int64_t Misbehaviour::Rule::_heldMilliseconds() const {
 }
 
 void Misbehaviour::Rule::apply(ServerAnswer& answer) const {
-    if (action == "reset") answer.fault.reset = true;
+    if (action == "reset" || action == "cut") answer.fault.reset = true;
     if (action == "truncate")
         answer.fault.bodyBytes = number < 0 ? answer.body.size() / 2 : static_cast<std::size_t>(number);
     if (action == "status") answer = {.status = static_cast<int>(number), .body = R"({"error":"as it was told"})"};
@@ -179,15 +180,25 @@ void Misbehaviour::clear() {
     _rules.clear();
 }
 
-void Misbehaviour::apply(std::string_view path, ServerAnswer& answer) {
-    if (const auto rule = _take(path)) rule->apply(answer);
+ServerAnswer Misbehaviour::answer(std::string_view path,
+                                  const std::function<ServerAnswer(bool isReplaced)>& rightAnswer) {
+    const auto rule = _take(path, false);
+    ServerAnswer answer = rightAnswer(rule && rule->isRefusal());
+    if (rule) rule->apply(answer);
+    return answer;
 }
 
-std::optional<Misbehaviour::Rule> Misbehaviour::_take(std::string_view path) {
+std::optional<std::size_t> Misbehaviour::cut(std::string_view path, std::size_t bodyBytes) {
+    const auto rule = _take(path, true);
+    if (!rule) return {};
+    return rule->number < 0 ? bodyBytes / 2 : static_cast<std::size_t>(rule->number);
+}
+
+std::optional<Misbehaviour::Rule> Misbehaviour::_take(std::string_view path, bool onlyCut) {
     const platform::MutexLock lock(_mutex);
     const auto found =
         std::ranges::find_if(_rules, [&](const Rule& rule) { return rule.path == path || rule.path == "*"; });
-    if (found == _rules.end()) return {};
+    if (found == _rules.end() || (onlyCut && found->action != "cut")) return {};
     Rule rule = *found;
     if (--found->timesLeft == 0) _rules.erase(found);
     return rule;

@@ -2,6 +2,7 @@
 
 #include <boost/json/fwd.hpp>
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -28,14 +29,19 @@ public:
     platform::Result<void> add(const boost::json::value& rule);
     void clear();
 
-    /// Uses up the first rule for `path`, if there is one, on `answer`, which is the right one.
-    void apply(std::string_view path, ServerAnswer& answer);
+    /// Uses up the first rule for `path`, if there is one. `rightAnswer` is called once; `isReplaced` is true when the
+    /// client will be told something else, so that nothing of its request may be kept.
+    [[nodiscard]] ServerAnswer answer(std::string_view path,
+                                      const std::function<ServerAnswer(bool isReplaced)>& rightAnswer);
+
+    /// Uses up the first rule for `path` if it is to cut the body of a request short: after so many bytes.
+    [[nodiscard]] std::optional<std::size_t> cut(std::string_view path, std::size_t bodyBytes);
 
     [[nodiscard]] std::size_t pendingRules() const;
 
 private:
     struct Rule;
-    [[nodiscard]] std::optional<Rule> _take(std::string_view path);
+    [[nodiscard]] std::optional<Rule> _take(std::string_view path, bool onlyCut);
 
     mutable platform::Mutex _mutex;
     std::vector<Rule> _rules ORX_GUARDED_BY(_mutex);

@@ -34,6 +34,12 @@ ServerAnswer errorAnswer(int status, std::string_view text) {
     return {.status = status, .body = json::serialize(json::object{{"error", printable(std::string(text))}})};
 }
 
+ServerAnswer refusal(const ServerRequest& request, const platform::Failure& why) {
+    fmt::print(stderr, "refused {} {}: {}\n", platform::escaped(request.method, loggedBytes),
+               platform::escaped(request.path, loggedBytes), platform::escaped(why.text, loggedBytes));
+    return errorAnswer(why.code, why.text);
+}
+
 // The address that the client used, which its further requests are to use too. None where it is no plain address.
 std::optional<std::string> baseOf(const ServerRequest& request) {
     const auto host = request.header("Host");
@@ -71,27 +77,45 @@ ReferenceService::~ReferenceService() = default;
 
 ServerAnswer ReferenceService::answer(const ServerRequest& request) {
     if (request.path == "/control") return _control(request);
-    bool isGood = false;
-    ServerAnswer answer = _checkedAnswer(request, isGood);
-    if (isGood) _misbehaviour.apply(request.path, answer);
-    _note(request, answer.status, isGood);
+    const auto checked = _check(request);
+    ServerAnswer answer = checked ? _misbehaviour.answer(request.path,
+                                                         [&](bool isReplaced) {
+                                                             if (isReplaced) return ServerAnswer();
+                                                             return _answerOf(*checked, request);
+                                                         })
+                                  : refusal(request, checked.error());
+    _note(request, answer.status, checked.has_value());
     return answer;
 }
 
-ServerAnswer ReferenceService::_checkedAnswer(const ServerRequest& request, bool& isGood) {
-    const Endpoint endpoint = endpointOf(request.path);
-    auto violation = violationIn(endpoint, request);
-    const auto base = baseOf(request);
-    if (!violation && !base) violation = Violation{400, "header Host is missing or malformed"};
-    isGood = !violation;
-    if (isGood) return _answerOf(endpoint, request, *base);
-    fmt::print(stderr, "refused {} {}: {}\n", platform::escaped(request.method, loggedBytes),
-               platform::escaped(request.path, loggedBytes), platform::escaped(violation->text, loggedBytes));
-    return errorAnswer(violation->status, violation->text);
+std::optional<std::size_t> ReferenceService::cut(const ServerRequest& head) {
+    const Endpoint endpoint = endpointOf(head.path);
+    if (endpoint == Endpoint::unknown || violationIn(endpoint, head)) return {};  // /control is unknown too
+    std::size_t length = 0;
+    if (const auto given = head.header("Content-Length"))
+        std::from_chars(given->data(), given->data() + given->size(), length);
+    const auto bytes = _misbehaviour.cut(head.path, length);
+    if (bytes) _note(head, 0, true);
+    return bytes;
 }
 
-ServerAnswer ReferenceService::_answerOf(Endpoint endpoint, const ServerRequest& request, const std::string& base) {
-    switch (endpoint) {
+platform::Result<ReferenceService::Checked> ReferenceService::_check(const ServerRequest& request) {
+    Checked checked{.endpoint = endpointOf(request.path), .base = {}, .upload = {}};
+    if (auto violation = violationIn(checked.endpoint, request))
+        return platform::failure(violation->status, std::move(violation->text));
+    auto base = baseOf(request);
+    if (!base) return platform::failure(400, "header Host is missing or malformed");
+    checked.base = *std::move(base);
+    if (checked.endpoint != Endpoint::feedback && checked.endpoint != Endpoint::crowdsourcing) return checked;
+    auto upload = UploadStore::checked(request);
+    if (!upload) return std::unexpected(upload.error());
+    checked.upload = *std::move(upload);
+    return checked;
+}
+
+ServerAnswer ReferenceService::_answerOf(const Checked& checked, const ServerRequest& request) {
+    const std::string& base = checked.base;
+    switch (checked.endpoint) {
         case Endpoint::bag:
             return {.body = _options.bag.empty() ? bagDocument(base, _resources) : _options.bag};
         case Endpoint::search:
@@ -109,7 +133,7 @@ ServerAnswer ReferenceService::_answerOf(Endpoint endpoint, const ServerRequest&
             return _resources.answer(request);
         case Endpoint::feedback:
         case Endpoint::crowdsourcing:
-            return _upload(request);
+            return _keep(request, *checked.upload);
         case Endpoint::unknown:
             break;
     }
@@ -136,12 +160,9 @@ ServerAnswer ReferenceService::_flight(const ServerRequest& request) {
     return {.contentType = "application/x-protobuf", .body = SearchAnswers::flightAsProtobuf(flight)};
 }
 
-ServerAnswer ReferenceService::_upload(const ServerRequest& request) {
-    const auto taken = _uploads.take(request);
-    if (taken) return {.body = "{}"};
-    fmt::print(stderr, "refused an upload to {}: {}\n", request.path,
-               platform::escaped(taken.error().text, loggedBytes));
-    return errorAnswer(taken.error().code, taken.error().text);
+ServerAnswer ReferenceService::_keep(const ServerRequest& request, const UploadStore::Upload& upload) {
+    if (const auto kept = _uploads.keep(request, upload); !kept) return refusal(request, kept.error());
+    return {.body = "{}"};
 }
 
 ServerAnswer ReferenceService::_control(const ServerRequest& request) {

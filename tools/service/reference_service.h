@@ -5,6 +5,7 @@
 #include <deque>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -25,8 +26,8 @@ class WordNet;
 /// what came. `/control` reads and steers it.
 ///
 /// A request that breaks a rule is answered {"error": …} with 400, 404 or 405, logged on standard error and counted;
-/// it uses up no misbehaviour.
-/// Threading: `answer` is callable from any thread.
+/// it uses up no misbehaviour. Of an upload nothing is kept when the client is told that it failed.
+/// Threading: `answer` and `cut` are callable from any thread.
 class ReferenceService {
 public:
     struct Options {
@@ -42,18 +43,26 @@ public:
     ~ReferenceService();
 
     [[nodiscard]] ServerAnswer answer(const ServerRequest& request);
+    /// After how many bytes of the body of a POST its connection is to be reset, if so. It is noted then, as status 0.
+    [[nodiscard]] std::optional<std::size_t> cut(const ServerRequest& head);
 
     /// How many connections were accepted, for `/control`. Set before the first request.
     void setConnectionCount(std::function<std::uint64_t()> count) { _connectionCount = std::move(count); }
 
 private:
     struct Note;  // what is kept of a request
+    struct Checked {
+        Endpoint endpoint;
+        std::string base;  // of the URLs in the answer
+        std::optional<UploadStore::Upload> upload;
+    };
 
-    [[nodiscard]] ServerAnswer _checkedAnswer(const ServerRequest& request, bool& isGood);
-    [[nodiscard]] ServerAnswer _answerOf(Endpoint endpoint, const ServerRequest& request, const std::string& base);
+    /// Fails with the status to answer.
+    [[nodiscard]] static platform::Result<Checked> _check(const ServerRequest& request);
+    [[nodiscard]] ServerAnswer _answerOf(const Checked& checked, const ServerRequest& request);
     [[nodiscard]] std::string _search(const ServerRequest& request, const std::string& base) const;
     [[nodiscard]] static ServerAnswer _flight(const ServerRequest& request);
-    [[nodiscard]] ServerAnswer _upload(const ServerRequest& request);
+    [[nodiscard]] ServerAnswer _keep(const ServerRequest& request, const UploadStore::Upload& upload);
     [[nodiscard]] ServerAnswer _control(const ServerRequest& request);
     [[nodiscard]] ServerAnswer _addRules(std::string_view text);
     [[nodiscard]] std::string _state() const;

@@ -52,9 +52,10 @@ protected:
         std::string pattern = ::testing::TempDir() + "service.XXXXXX";
         directory = mkdtemp(pattern.data());
         service = std::make_unique<ReferenceService>(*words, ReferenceService::Options{.feedbackDirectory = directory});
-        server = HTTPServer::listen({.maxBodyBytes = 1u << 20}, [this](const auto& request) {
-                     return service->answer(request);
-                 }).value();
+        server = HTTPServer::listen(
+                     {.maxBodyBytes = 1u << 20}, [this](const auto& request) { return service->answer(request); },
+                     [this](const auto& head) { return service->cut(head); })
+                     .value();
         service->setConnectionCount([this] { return server->connectionsAccepted(); });
         running = std::jthread([this] { server->run(); });
         client = std::make_unique<httplib::Client>("127.0.0.1", server->port());
@@ -181,6 +182,25 @@ TEST_F(ReferenceServiceTest, AnUploadIsInflatedCheckedAndKept) {
     EXPECT_EQ(upload(deflated(body).substr(0, 8), uploadDigest(body)), 400);
     EXPECT_EQ(upload(std::string(2u << 20, 'x'), uploadDigest(body)), 413);
     EXPECT_EQ(stored("upload.2.json"), "");
+}
+
+TEST_F(ReferenceServiceTest, AnUploadIsKeptUnlessTheClientIsToldThatItFailed) {
+    std::string body(200'000, '\0');
+    std::uint32_t state = 1;
+    for (char& c : body) c = static_cast<char>((state = state * 1664525 + 1013904223) >> 24);
+    const std::string deflatedBody = deflated(body), digest = uploadDigest(body);
+    tell(R"([{"path": "/feedback", "action": "status", "value": 503, "headers": {"Retry-After": "1"}},
+             {"path": "/feedback", "action": "status", "value": 500}, {"path": "/feedback", "action": "cut"},
+             {"path": "/feedback", "action": "cut", "value": 0}, {"path": "/feedback", "action": "reset"}])");
+    EXPECT_EQ(upload("no deflate", digest), 400) << "uses up no rule";
+    for (const int status : {503, 500, 0, 0}) EXPECT_EQ(upload(deflatedBody, digest), status);
+    EXPECT_EQ(stored("upload.1.json"), "");
+    EXPECT_EQ(upload(deflatedBody, digest), 0);
+    EXPECT_EQ(stored("upload.1.body"), body) << "only the answer was lost";
+    const auto control = answer("/control");
+    EXPECT_EQ(control.at("rules"), 0);
+    EXPECT_EQ(control.at("violations"), 1);
+    EXPECT_EQ(control.at("last_requests").at(3).at("status"), 0) << "cut short";
 }
 
 TEST_F(ReferenceServiceTest, ItMisbehavesAsOftenAsItWasTold) {

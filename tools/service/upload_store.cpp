@@ -37,18 +37,22 @@ UploadStore::UploadStore(std::string directory) : _directory(std::move(directory
     }
 }
 
-platform::Result<void> UploadStore::take(const ServerRequest& request) {
-    const auto body = inflated(request.body, maxBodyBytes);
+platform::Result<UploadStore::Upload> UploadStore::checked(const ServerRequest& request) {
+    auto body = inflated(request.body, maxBodyBytes);
     if (!body) return platform::failure(400, "the body does not inflate: " + body.error().text);
-    const std::string digest = uploadDigest(*body);
+    std::string digest = uploadDigest(*body);
     if (request.header("X-Kelvar-Digest") != digest)
         return platform::failure(400, fmt::format("the digest does not fit the body, whose own is {}", digest));
+    return Upload{*std::move(body), std::move(digest)};
+}
+
+platform::Result<void> UploadStore::keep(const ServerRequest& request, const Upload& upload) {
     if (_directory.empty()) return {};
     const std::string name = fmt::format("upload.{}", _next++);
     const json::object description = {
-        {"path", request.path}, {"items", pairsAsJSON(request.items)},   {"headers", pairsAsJSON(request.headers)},
-        {"digest", digest},     {"deflated_bytes", request.body.size()}, {"bytes", body->size()}};
-    if (auto written = _write(name + ".body", *body); !written) return written;
+        {"path", request.path},    {"items", pairsAsJSON(request.items)},   {"headers", pairsAsJSON(request.headers)},
+        {"digest", upload.digest}, {"deflated_bytes", request.body.size()}, {"bytes", upload.body.size()}};
+    if (auto written = _write(name + ".body", upload.body); !written) return written;
     return _write(name + ".json", json::serialize(description));
 }
 

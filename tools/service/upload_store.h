@@ -22,8 +22,14 @@ public:
 
     explicit UploadStore(std::string directory);
 
-    /// Fails with code 400 when the upload is at fault, 500 when it could not be written. Nothing is synced.
-    platform::Result<void> take(const ServerRequest& request);
+    struct Upload {
+        std::string body;  ///< inflated
+        std::string digest;
+    };
+    /// Fails with code 400, and what is wrong.
+    [[nodiscard]] static platform::Result<Upload> checked(const ServerRequest& request);
+    /// Fails with code 500 when it could not be written. Nothing is synced.
+    platform::Result<void> keep(const ServerRequest& request, const Upload& upload);
 
 private:
     platform::Result<void> _write(const std::string& name, std::string_view content) const;

@@ -14,6 +14,7 @@
 #include "platform/fakes/fake_device_information.h"
 #include "platform/fakes/fake_file_manager.h"
 #include "platform/fakes/fake_locale.h"
+#include "platform/fakes/fake_location.h"
 #include "platform/fakes/fake_memory_pressure.h"
 #include "platform/fakes/fake_url_session.h"
 #include "platform/fakes/fake_user_defaults.h"
@@ -100,6 +101,7 @@ public:
     platform::FakeLocale locale;
     platform::FakeDeviceInformation device;
     platform::FakeMemoryPressure memoryPressure;
+    platform::FakeLocation location;
     platform::DispatcherActivityScheduler activities{time, counters};
     platform::FakeBus bus;
     Assembly assembly{{.dispatcher = time,
@@ -115,7 +117,8 @@ public:
                        .activities = activities,
                        .bus = bus,
                        .certificateAuthorityFile = {},
-                       .backgroundSessions = &backgroundSessions}};
+                       .backgroundSessions = &backgroundSessions,
+                       .location = &location}};
     std::shared_ptr<OrvexService> service;
 };
 

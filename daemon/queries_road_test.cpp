@@ -3,6 +3,7 @@
 #include <fstream>
 
 #include "daemon/daemon_world_test.h"
+#include "network/orx_network_request_factory.h"
 #include "platform/fakes/temporary_directory.h"
 
 namespace orvex {
@@ -164,7 +165,7 @@ TEST_F(QueriesRoadTest, WithoutARenderTimeoutNothingIsTriedAgain) {
     EXPECT_EQ(error(outcome), "ORXURLErrorDomain -1005 lost");
 }
 
-TEST_F(QueriesRoadTest, TheFirstAttemptOfEveryKindGoesThroughTheProxyAndNoOther) {
+TEST_F(QueriesRoadTest, EveryAttemptOfEveryKindGoesThroughTheProxy) {
     start(R"(, "search_render_timeout": 1500, "cindora_configuration": {"proxy_url": "https://proxy.example:8443",
                "appRule": {"enable": {"Enabled": true}}})");
     const auto lastProxy = [this] { return world.server().sent().back().proxyURL; };
@@ -177,7 +178,7 @@ TEST_F(QueriesRoadTest, TheFirstAttemptOfEveryKindGoesThroughTheProxyAndNoOther)
     EXPECT_EQ(world.server().sent().size(), 4u);
     failTransport();
     EXPECT_EQ(world.server().sent().size(), 5u);
-    EXPECT_EQ(lastProxy(), std::nullopt);
+    EXPECT_EQ(lastProxy(), "https://proxy.example:8443") << "a proxy that fails is not gone round";
     ASSERT_TRUE(world.configure(":1.2", "com.kelvar.missiv", "Missiv/1")->arguments);
     (void)world.callDaemon(":1.2", "Request", {"lookup", BusDictionary{}.set("query_string", "oak")});
     EXPECT_EQ(lastProxy(), std::nullopt);
@@ -195,6 +196,24 @@ TEST_F(QueriesRoadTest, AReplyTellsTheUseOfTheMapsServiceThatItsRequestTold) {
         const auto* entity = outcome->arguments->at(1).as<BusDictionary>()->find("geo_session_entity");
         ASSERT_NE(entity, nullptr) << kind;
         EXPECT_EQ(*entity->as<std::string>(), told);  // time stands still
+    }
+}
+
+TEST_F(QueriesRoadTest, ASearchOrALookupMakesDownloadsTellTheExactPlace) {
+    start(R"(, "supported_geo_location_sources": ["gps"])");
+    const auto told = [&] {
+        const auto request = world.assembly.requestFactory()->fileDownloadRequest(
+            {.url = "https://s.example/r", .includeLatLong = true});
+        return platform::headerValue(request->headers, "X-Kelvar-FuzzedLatLong").value_or("");
+    };
+    for (const auto* kind : {"search", "lookup"}) {
+        world.location.report({.latitude = 1.25, .longitude = 2.5, .horizontalAccuracy = 5, .type = 1});
+        (void)ask("zero_keyword");
+        EXPECT_EQ(told(), "1.000000,2.000000");
+        (void)ask(kind);
+        EXPECT_EQ(told(), "1.250000,2.500000") << kind;
+        world.location.authorize(platform::LocationAuthorization::denied);  // which forgets it
+        world.location.authorize(platform::LocationAuthorization::always);
     }
 }
 

@@ -95,6 +95,11 @@ std::string LocationManager::mapsEnvironment() const {
     return _assembly.userDefaults().string("ORXMapsEnvironment").value_or("");
 }
 
+std::string LocationManager::getMapsUserSessionEntityAndReset(ResetMapsSession reset) {
+    if (reset == ResetMapsSession::yes) _mapsUserSession.reset();
+    return _mapsUserSession.currentEntity();
+}
+
 std::shared_ptr<LocationManagerDelegate> LocationManager::_currentDelegate() const {
     const platform::MutexLock lock(_mutex);
     return _delegate.lock();

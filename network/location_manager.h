@@ -47,6 +47,8 @@ public:
     [[nodiscard]] std::optional<std::string> getDeviceCountryCode() const;
     [[nodiscard]] std::optional<std::string> getMapsClientMetadata() const;  ///< opaque, as the settings have it
     [[nodiscard]] std::string mapsEnvironment() const;                       ///< its name; empty for the usual one
+    /// The session as the last request told it, without counting.
+    std::string getMapsUserSessionEntityAndReset(ResetMapsSession reset);
     [[nodiscard]] MapsUserSession& mapsUserSession() { return _mapsUserSession; }
 
 private:

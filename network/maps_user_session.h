@@ -8,6 +8,9 @@
 
 namespace orvex {
 
+/// Whether asking for the session begins another one first.
+enum class ResetMapsSession : bool { no, yes };
+
 /// One use of the maps service, told by requests: an identifier made at random, a number that goes up by one with every
 /// request that tells it, and the time since the session began.
 ///

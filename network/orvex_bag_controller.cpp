@@ -103,7 +103,7 @@ BagDictionary bagFromAnswer(const platform::Body& data, const std::optional<plat
 
 /// What the cache-identity URL was made from, and the URL.
 struct OrvexBagController::Identity {
-    std::uint64_t contextGeneration = 0;
+    std::uint64_t localeGeneration = 0;
     std::optional<std::string> bagURLDefault;
     bool useCindora = false;
     std::string url;
@@ -219,14 +219,14 @@ bool OrvexBagController::_isRefreshRequiredForCachedBag(const boost::json::objec
 
 std::string OrvexBagController::_cacheIdentityURL() {
     const auto factory = _assembly.requestFactory();
-    // Read before the URL is made: a context that changes meanwhile makes it anew the next time.
-    Identity now{.contextGeneration = factory->contextGeneration(),
+    // Read before the URL is made: a locale that changes meanwhile makes it anew the next time.
+    Identity now{.localeGeneration = factory->localeGeneration(),
                  .bagURLDefault = _assembly.userDefaults().string(bagURLDefault),
                  .useCindora = _assembly.useCindora(),
                  .url = {}};
     {
         const platform::MutexLock lock(_identityMutex);
-        if (_identity && _identity->contextGeneration == now.contextGeneration &&
+        if (_identity && _identity->localeGeneration == now.localeGeneration &&
             _identity->bagURLDefault == now.bagURLDefault && _identity->useCindora == now.useCindora)
             return _identity->url;
     }

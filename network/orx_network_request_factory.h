@@ -118,9 +118,6 @@ public:
     /// proxy's URL if it goes through it.
     std::optional<std::string> enableCindora(platform::URLSessionTask& task) const;
 
-    /// The present use of the maps service as requests tell it, without counting; none where there is no such service.
-    [[nodiscard]] std::optional<std::string> getMapsUserSessionEntity() const;
-
     // What the last bag makes visible on the device.
     [[nodiscard]] bool gazelVisible() const { return _gazelVisible; }
     [[nodiscard]] bool hashtagImagesVisible() const { return _hashtagImagesVisible; }
@@ -133,8 +130,11 @@ public:
     void didUpdateSubscriptionDictionaries(const boost::json::array& dictionaries) override;
     void didUpdateStorefrontIdentifier(const std::string& identifier) override;
 
-    /// Goes up with every change of the context: what was made from it may be kept as long as this stays.
-    [[nodiscard]] std::uint64_t contextGeneration() const { return _contextGeneration; }
+    /// The present use of the maps service as requests tell it, without counting; none where there is no such service.
+    std::optional<std::string> getMapsUserSessionEntityAndReset(ResetMapsSession reset) const;
+
+    /// Goes up when locale, languages or country change: a bag request's URL may be kept as long as this stays.
+    [[nodiscard]] std::uint64_t localeGeneration() const { return _localeGeneration; }
 
     /// Waits for the updates that are queued.
     void flushContextAccessQueue() {
@@ -165,7 +165,7 @@ private:
     void _didGetBag(std::shared_ptr<const ORXBag> bag);
     void _publishVisibility(const ORXBag& bag);
     void _startUpdatingLocation();
-    void _ensureLocation() ORX_REQUIRES(_contextAccessQueue);
+    void _startLocationUnlessFresh() ORX_REQUIRES(_contextAccessQueue);
     void _startUpdatingMotion();
     void _refreshRoutineMode();
 
@@ -174,7 +174,7 @@ private:
 
     // Synchronised by themselves.
     mutable platform::ConcurrentQueue _contextAccessQueue;
-    std::atomic<std::uint64_t> _contextGeneration = 0;
+    std::atomic<std::uint64_t> _localeGeneration = 0;
     std::atomic<bool> _gazelVisible = false;
     std::atomic<bool> _hashtagImagesVisible = false;
     NetworkServiceProxy _proxy;

@@ -71,7 +71,7 @@ void ORXNetworkRequestFactory::_subscribe() {
     center.observe<ORXBagChangeNotification>(
         self, [](ORXNetworkRequestFactory& factory, const auto& change) { factory._didGetBag(change.bag); });
     center.observe<ORXUserGUIDChangeNotification>(self, [](ORXNetworkRequestFactory& factory, const auto&) {
-        if (const auto& manager = factory._assembly.locationManager()) manager->mapsUserSession().reset();
+        (void)factory.getMapsUserSessionEntityAndReset(ResetMapsSession::yes);
     });
     center.observe<ORXFileDownloadCompletedNotification>(self,
                                                          [](ORXNetworkRequestFactory& factory, const auto& download) {
@@ -99,7 +99,6 @@ void ORXNetworkRequestFactory::_update(Update update) {
         if (!self) return;
         self->_contextAccessQueue.assertBarrier();
         update(*self);
-        ++self->_contextGeneration;
     });
 }
 
@@ -117,6 +116,7 @@ void ORXNetworkRequestFactory::_localeDidChange(const platform::LocaleSettings& 
         self._contextAccessQueue.assertBarrier();
         const RequestContext before = self._context;
         const bool bagDepends = self._context.setLocale(settings);
+        if (bagDepends) ++self._localeGeneration;
         const bool country = before.geoDeviceCountryCode != self._context.geoDeviceCountryCode;
         const bool timeZone = before.localTimeZoneName != self._context.localTimeZoneName;
         platform::MainQueue(self._assembly.dispatcher())
@@ -200,15 +200,14 @@ void ORXNetworkRequestFactory::_startUpdatingLocation() {
     if (fresh) return;
     _update([](ORXNetworkRequestFactory& self) {
         self._contextAccessQueue.assertBarrier();
-        self._ensureLocation();
+        if (self._context.geoLocationSource == LocationContext::notReceivedYet)
+            self._context.geoLocationSource = LocationContext::slow;
+        self._startLocationUnlessFresh();
     });
 }
 
-void ORXNetworkRequestFactory::_ensureLocation() {
+void ORXNetworkRequestFactory::_startLocationUnlessFresh() {
     if (_location.isFresh(_assembly.dispatcher().now())) return;
-    if (_context.geoLocationSource == LocationContext::notReceivedYet) {
-        _context.geoLocationSource = LocationContext::slow;
-    }
     const auto& manager = _assembly.locationManager();
     const auto status = manager ? manager->authorizationStatus() : platform::LocationAuthorization::denied;
     if (status == platform::LocationAuthorization::denied || status == platform::LocationAuthorization::restricted) {
@@ -246,6 +245,11 @@ void ORXNetworkRequestFactory::setPerformedSearch() {
     });
 }
 
+std::optional<std::string> ORXNetworkRequestFactory::getMapsUserSessionEntityAndReset(ResetMapsSession reset) const {
+    const auto& manager = _assembly.locationManager();
+    return manager ? std::optional(manager->getMapsUserSessionEntityAndReset(reset)) : std::nullopt;
+}
+
 void ORXNetworkRequestFactory::_refreshRoutineMode() {
     if (!_assembly.routine()) return;
     const platform::GlobalQueue background(_assembly.dispatcher(), platform::Priority::background);
@@ -278,7 +282,7 @@ void ORXNetworkRequestFactory::_didGetBag(std::shared_ptr<const ORXBag> bag) {
         self._contextAccessQueue.assertBarrier();
         self._location.setSupportedSources(bag->supportedGeoLocationSources(), self._context);
         if (!bag->supportedGeoLocationSources().empty()) {
-            self._ensureLocation();
+            self._startLocationUnlessFresh();
             self._startUpdatingMotion();
         } else if (const auto& manager = self._assembly.locationManager()) {
             manager->stopUpdatingLocation();
@@ -301,11 +305,6 @@ void ORXNetworkRequestFactory::_publishVisibility(const ORXBag& bag) {
     _hashtagImagesVisible = bag.hashtagImagesEnabled();
     requestLog().log("set effective visibility restriction for {} to {}", "hashtag_images_visible",
                      _hashtagImagesVisible.load());
-}
-
-std::optional<std::string> ORXNetworkRequestFactory::getMapsUserSessionEntity() const {
-    const auto& manager = _assembly.locationManager();
-    return manager ? std::optional(manager->mapsUserSession().currentEntity()) : std::nullopt;
 }
 
 std::int32_t ORXNetworkRequestFactory::cindoraStatus() const {

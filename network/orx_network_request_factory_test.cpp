@@ -194,7 +194,7 @@ TEST_F(FactoryTest, ALocaleChangeIsInTheNextRequestAndAsksForABagAfterwards) {
         ++self.heard;
         localeThen = urlOf(query("a"));
     });
-    const auto generation = requests.contextGeneration();
+    const auto generation = requests.localeGeneration();
     auto settings = locale.current();
     settings.identifier = "fr_FR";
     locale.set(settings);
@@ -202,7 +202,7 @@ TEST_F(FactoryTest, ALocaleChangeIsInTheNextRequestAndAsksForABagAfterwards) {
     time.runPending();
     EXPECT_EQ(observer->heard, 1);
     EXPECT_THAT(localeThen, HasSubstr("locale=fr_FR"));
-    EXPECT_GT(requests.contextGeneration(), generation);
+    EXPECT_EQ(requests.localeGeneration(), generation + 1);
 
     settings.timeZoneName = "Europe/Paris";
     locale.set(settings);

@@ -101,6 +101,7 @@ bool RetryableTask::_beginWaiting() {
 
 void RetryableTask::_tryAgain() {
     const auto task = _makeTask();
+    if (_request.prepareNext) _request.prepareNext(*task);
     RetryCount count;
     {
         const MutexLock lock(_mutex);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 
@@ -16,6 +17,8 @@ struct ORXRetryableNetworkRequest {
     platform::URLRequest httpRequest;
     std::optional<platform::MonotonicTime> expire;  ///< after it nothing is tried again; none: nothing ever is
     bool delayOnFail = false;                       ///< wait 1.5 s before the next attempt, else none
+    /// Called with the task of each attempt but the first before it is resumed: the place to set its proxy.
+    std::function<void(platform::URLSessionTask& task)> prepareNext = {};
 };
 
 struct RetryCount {
@@ -40,8 +43,7 @@ public:
     void resume();  ///< once; further calls do nothing
     void cancel();  ///< reaches the attempt that is under way
 
-    /// The first attempt, whatever came after: the one that records speak of, and the only one that a proxy set on it
-    /// concerns.
+    /// The first attempt, whatever came after: the one that records speak of.
     [[nodiscard]] const std::shared_ptr<platform::URLSessionTask>& task() const { return _firstTask; }
 
 private:

@@ -19,6 +19,7 @@ protected:
     void make(Options options) {
         ORXRetryableNetworkRequest request{.httpRequest = {}, .expire = {}, .delayOnFail = options.delayOnFail};
         request.httpRequest.url = "https://a.example/flight";
+        request.prepareNext = [](platform::URLSessionTask& next) { next.setProxy("https://p.example"); };
         if (options.expiresIn) request.expire = time.now() + *options.expiresIn;
         task = dataTaskWithRetryableRequest(
             bagSession, time, request, {.attempt = 1, .retriesLeft = options.retriesLeft},
@@ -56,6 +57,7 @@ TEST_F(RetryTest, AFailureThatLastsEndsAfterAllRetriesAndTheirDelays) {
     EXPECT_EQ(ends, std::vector<int>{TransportError::cannotConnect});
     EXPECT_EQ(attempts(), 6u);
     EXPECT_EQ(time.now() - begin, 7500ms);
+    EXPECT_EQ(std::ranges::count(server.sent(), "https://p.example", &platform::FakeURLSession::Sent::proxyURL), 5);
     EXPECT_EQ(task->task(), first);
 }
 

@@ -179,8 +179,15 @@ LocationRule locationRule(const RequestInputs& inputs) {
 
 bool userAllowsLocation(const RequestInputs& inputs) {
     const auto& manager = inputs.assembly->locationManager();
+    return manager && platform::mayLocate(manager->authorizationStatus());
+}
+
+/// Not asked yet is not refused: without a location, its reason is told.
+bool userRefusesLocation(const RequestInputs& inputs) {
+    const auto& manager = inputs.assembly->locationManager();
     const auto status = manager ? manager->authorizationStatus() : platform::LocationAuthorization::denied;
-    return status != platform::LocationAuthorization::denied && status != platform::LocationAuthorization::restricted;
+    return !platform::mayLocate(status) &&
+           (status != platform::LocationAuthorization::notDetermined || !inputs.context->geoLocationLatLng.empty());
 }
 
 Value latlng(const RequestInputs& inputs) {
@@ -191,7 +198,7 @@ Value latlng(const RequestInputs& inputs) {
 Value locationSource(const RequestInputs& inputs) {
     const auto rule = locationRule(inputs);
     if (rule == LocationRule::nothing) return std::nullopt;
-    if (rule == LocationRule::refusedByUser || !userAllowsLocation(inputs)) return "userno";
+    if (rule == LocationRule::refusedByUser || userRefusesLocation(inputs)) return "userno";
     return unlessEmpty(inputs.context->geoLocationSource);
 }
 
@@ -362,7 +369,8 @@ constexpr VocabularyEntry table[] = {
      .purpose = "images of the right size", .value = screenScale},
     {.name = "X-Kelvar-Languages", .where = Where::header, .source = "preferred languages",
      .purpose = "results in languages that the user reads",
-     .value = [](const RequestInputs& in) { return unlessEmpty(in.context->preferredLanguages); }},    {.name = "X-Kelvar-TopTopics", .where = Where::header, .personal = true, .source = "the query",
+     .value = [](const RequestInputs& in) { return unlessEmpty(in.context->preferredLanguages); }},
+    {.name = "X-Kelvar-TopTopics", .where = Where::header, .personal = true, .source = "the query",
      .purpose = "ranks results by what the user does most", .value = topTopics},
     {.name = "X-Kelvar-Subscriptions", .where = Where::header, .personal = true, .source = "subscriptions",
      .purpose = "media that the user has paid for",

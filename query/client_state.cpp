@@ -217,7 +217,7 @@ std::optional<std::int32_t> ClientState::_cindoraStatus() const {
 std::optional<std::string> ClientState::_geoSessionEntity(const platform::URLRequest& request) const {
     if (auto told = platform::headerValue(request.headers, "X-Kelvar-GeoSession")) return told;
     const auto& factory = _assembly.requestFactory();
-    return factory ? factory->getMapsUserSessionEntity() : std::nullopt;
+    return factory ? factory->getMapsUserSessionEntityAndReset(ResetMapsSession::no) : std::nullopt;
 }
 
 void ClientState::warm() {

@@ -107,8 +107,11 @@ void ClientState::_dispatchQuery(QueryOnItsWay query, Dispatch dispatch) {
     const auto& factory = _assembly.requestFactory();
     const bool mayUseProxy = factory && fieldMaskFor(dispatch.userAgent) == FieldMask::none;
     const auto networkSearch = _startSearchEventForRequest(query.httpRequest, dispatch.occasion, dispatch.userAgent);
+    const auto useProxy = [factory = mayUseProxy ? factory : nullptr](platform::URLSessionTask& task) {
+        return factory ? factory->enableCindora(task) : std::nullopt;
+    };
     const auto prepare = [&](const std::shared_ptr<platform::URLSessionTask>& task) {
-        networkSearch->setTask(task, mayUseProxy ? factory->enableCindora(*task) : std::nullopt);
+        networkSearch->setTask(task, useProxy(*task));
     };
     query.networkSearch = networkSearch;
     auto httpRequest = query.httpRequest;
@@ -123,7 +126,10 @@ void ClientState::_dispatchQuery(QueryOnItsWay query, Dispatch dispatch) {
     if (dispatch.retry) {
         const auto retryable =
             dataTaskWithRetryableRequest(_assembly.urlSession(), _assembly.dispatcher(),
-                                         {.httpRequest = std::move(httpRequest), .expire = dispatch.retry->expire},
+                                         {.httpRequest = std::move(httpRequest),
+                                          .expire = dispatch.retry->expire,
+                                          .delayOnFail = false,
+                                          .prepareNext = useProxy},
                                          {.attempt = 1, .retriesLeft = retriesOfAQuery}, std::move(completion));
         prepare(retryable->task());
         retryable->resume();

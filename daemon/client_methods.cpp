@@ -175,8 +175,10 @@ void ClientConnection::_request(Call& call) {
 void ClientConnection::_fillIn(ORXRequest& request) const {
     const auto& log = OrvexLogForCategory(OrvexLoggingCategory::request);
     if (request.keyboardInputMode.empty()) {
-        const std::string locale = _assembly.locale().current().identifier;
-        request.keyboardInputMode = locale.substr(0, locale.find('_'));
+        auto locale = _assembly.locale().current();
+        request.keyboardInputMode = locale.keyboardLayout.empty()
+                                        ? locale.identifier.substr(0, locale.identifier.find('_'))
+                                        : std::move(locale.keyboardLayout);
         log.debug("keyboardInputMode property not set, using {}", request.keyboardInputMode);
     }
     if (request.scale == 0.0) {

@@ -74,6 +74,8 @@ TEST_F(SearchRoadTest, AVerboseReplyTellsRequestAndResponse) {
     EXPECT_EQ(*headers->find("A")->as<std::string>(), "1, 2");
     EXPECT_EQ(*headers->find("B")->as<std::string>(), "\xC3\xA9");
     const auto* request = reply(outcome).find("http_request")->as<BusDictionary>();
+    EXPECT_EQ(*reply(outcome).find("geo_session_entity")->as<std::string>(),
+              *request->find("headers")->as<BusDictionary>()->find("X-Kelvar-GeoSession")->as<std::string>());
     EXPECT_NE(request->find("url")->as<std::string>()->find("q=tree"), std::string::npos);
 }
 
@@ -259,6 +261,11 @@ TEST_F(SearchRoadTest, MissingInputModeAndScaleAreFilledIn) {
     EXPECT_NE(sent.url.find("kb_ime=de&"), std::string::npos) << sent.url;
     EXPECT_EQ(platform::headerValue(sent.headers, "X-Kelvar-UI-Scale"), "1.5");
     EXPECT_TRUE(world.log.contains(LogLevel::debug, "Orvex_Request", "request scale property not set, using 1.500000"));
+    auto settings = world.locale.current();
+    settings.keyboardLayout = "us";
+    world.locale.set(settings);
+    (void)world.search(":1.1", "trees");
+    EXPECT_NE(world.server().sent().at(1).request.url.find("kb_ime=us&"), std::string::npos);
 }
 
 TEST_F(SearchRoadTest, TheTextOfAQueryIsInNoLogButADebugLog) {

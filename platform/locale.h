@@ -22,6 +22,7 @@ struct LocaleSettings {
     bool uses24HourClock = false;            ///< the best pattern for the skeleton "j" contains "HH"
     std::string timeZoneName;                ///< "Europe/Berlin"
     std::optional<std::string> countryCode;  ///< of the time zone's region, else of the locale; upper case
+    std::string keyboardLayout;              ///< XKB's name of the first one, "de"; empty when it is not known
 
     bool operator==(const LocaleSettings&) const = default;
 };

@@ -150,6 +150,9 @@ std::optional<std::string> countryOf(const std::string& timeZone, const icu::Loc
     return {};
 }
 
+/// "de,us" → "de"
+std::string firstLayout(const std::string& layouts) { return layouts.substr(0, layouts.find(',')); }
+
 LocaleSettings readSettings(const IcuLocale::Environment& environment) {
     const auto locale = localeOf(environment);
     const auto timeZone = timeZoneOf(environment);
@@ -160,7 +163,8 @@ LocaleSettings readSettings(const IcuLocale::Environment& environment) {
             .temperatureUnit = temperatureUnitOf(locale),
             .uses24HourClock = uses24HourClock(locale),
             .timeZoneName = timeZone,
-            .countryCode = countryOf(timeZone, locale)};
+            .countryCode = countryOf(timeZone, locale),
+            .keyboardLayout = firstLayout(environment("XKB_DEFAULT_LAYOUT"))};
 }
 
 }  // namespace

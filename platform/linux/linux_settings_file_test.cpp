@@ -90,9 +90,22 @@ TEST(DictionaryDirectoriesTest, DictionariesAreKnownByTheirLanguage) {
 
 TEST(SystemSettingsTest, WhatIsAnnouncedWinsOverTheEnvironment) {
     FakeBus bus;
+    std::string layout = "de,us";
+    bus.addService("org.freedesktop.locale1", [&](BusCall call) {
+        const bool keyboard = *call.arguments[1].as<std::string>() == "X11Layout";
+        BusArray locale{.elementSignature = "s", .items = {"LANG=it_IT.UTF-8"}};
+        call.reply.answer({keyboard ? BusValue(layout) : BusValue(std::move(locale))});
+    });
     SystemSettings settings;
     IcuLocale locale(settings.environment());
     settings.follow(bus, [&] { locale.refresh(); });
+    EXPECT_EQ(locale.current().keyboardLayout, "de");
+    const auto announceByName = [&](const std::string& name, const std::string& property) {
+        bus.emitSignal("org.freedesktop." + name, "/org/freedesktop/" + name, "org.freedesktop.DBus.Properties",
+                       "PropertiesChanged",
+                       {"org.freedesktop." + name, BusDictionary{.valueSignature = "v", .entries = {}},
+                        BusArray{.elementSignature = "s", .items = {property}}});
+    };
     const auto announce = [&](const std::string& name, const std::string& property, BusValue value) {
         BusDictionary changed;
         changed.set(property, std::move(value));
@@ -107,6 +120,12 @@ TEST(SystemSettingsTest, WhatIsAnnouncedWinsOverTheEnvironment) {
     EXPECT_EQ(locale.current().countryCode, "JP");
     announce("locale1", "Locale", BusArray{.elementSignature = "s", .items = {"LANG=zz_nowhere!!"}});
     announce("locale1", "Locale", std::uint32_t{7});
+    layout = "fr";
+    announceByName("locale1", "X11Layout");
+    EXPECT_EQ(locale.current().keyboardLayout, "fr");
+    announceByName("locale1", "Locale");
+    EXPECT_EQ(locale.current().identifier, "it_IT");
+    announceByName("timedate1", "Timezone");  // which does not answer
     EXPECT_EQ(locale.current().timeZoneName, "Asia/Tokyo");
 }
 

@@ -1,5 +1,7 @@
 #include "platform/linux/system_settings.h"
 
+#include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <string_view>
 
@@ -39,9 +41,36 @@ std::optional<Variables> localeVariables(const BusValue* locale) {
     return variables;
 }
 
-std::optional<Variables> timeZoneVariables(const BusValue* timeZone) {
-    const auto* name = timeZone ? timeZone->as<std::string>() : nullptr;
-    return name ? std::optional(Variables{{"TZ", *name}}) : std::nullopt;
+std::optional<Variables> oneVariable(const char* name, const BusValue* value) {
+    const auto* text = value ? value->as<std::string>() : nullptr;
+    return text ? std::optional(Variables{{name, *text}}) : std::nullopt;
+}
+
+/// A property of a service, and the variables that it stands for; none when the value is of another type.
+struct Source {
+    const char* service;
+    const char* path;
+    const char* property;
+    bool askedAtStart;  ///< no variable of the environment tells it
+    std::optional<Variables> (*variables)(const BusValue* value);
+};
+
+constexpr Source sources[] = {
+    {"org.freedesktop.locale1", "/org/freedesktop/locale1", "Locale", false, localeVariables},
+    {"org.freedesktop.locale1", "/org/freedesktop/locale1", "X11Layout", true,
+     [](const BusValue* value) { return oneVariable("XKB_DEFAULT_LAYOUT", value); }},
+    {"org.freedesktop.timedate1", "/org/freedesktop/timedate1", "Timezone", false,
+     [](const BusValue* value) { return oneVariable("TZ", value); }},
+};
+
+constexpr auto propertiesInterface = "org.freedesktop.DBus.Properties";
+constexpr std::chrono::seconds callLimit(25);
+
+bool contains(const BusValue& names, std::string_view name) {
+    const auto* array = names.as<BusArray>();
+    return array && std::ranges::any_of(array->items, [name](const BusValue& item) {
+               return item.as<std::string>() && *item.as<std::string>() == name;
+           });
 }
 
 }  // namespace
@@ -53,28 +82,33 @@ IcuLocale::Environment SystemSettings::environment() const {
 }
 
 void SystemSettings::follow(Bus& systemBus, std::function<void()> changed) {
-    struct Source {
-        std::string service, path;
-        std::string_view property;
-        std::optional<Variables> (*variables)(const BusValue*);
-    };
-    const Source sources[] = {
-        {"org.freedesktop.locale1", "/org/freedesktop/locale1", "Locale", localeVariables},
-        {"org.freedesktop.timedate1", "/org/freedesktop/timedate1", "Timezone", timeZoneVariables},
-    };
     for (const auto& source : sources) {
+        const auto take = [source, changed, state = _state](const BusValue* value) {
+            auto announced = source.variables(value);
+            if (!announced) return;
+            {
+                const MutexLock lock(state->mutex);
+                for (auto& [name, text] : *announced) state->variables[name] = std::move(text);
+            }
+            changed();
+        };
+        const auto ask = [source, take, &systemBus] {
+            systemBus.call(source.service, source.path, propertiesInterface, "Get", "ss",
+                           {source.service, source.property}, callLimit,
+                           [take](std::expected<BusArguments, BusError> answer) {
+                               if (answer && answer->size() == 1) take(&answer->front());
+                           });
+        };
         systemBus.subscribe(
-            source.service, source.path, "org.freedesktop.DBus.Properties", "PropertiesChanged",
-            [source, changed, state = _state](const std::string&, const BusArguments& arguments) {
+            source.service, source.path, propertiesInterface, "PropertiesChanged",
+            [source, take, ask](const std::string&, const BusArguments& arguments) {
+                const auto* interface = arguments.size() == 3 ? arguments[0].as<std::string>() : nullptr;
                 const auto* properties = arguments.size() == 3 ? arguments[1].as<BusDictionary>() : nullptr;
-                auto announced = properties ? source.variables(properties->find(source.property)) : std::nullopt;
-                if (!announced) return;
-                {
-                    const MutexLock lock(state->mutex);
-                    for (auto& [name, value] : *announced) state->variables[name] = std::move(value);
-                }
-                changed();
+                if (!interface || *interface != source.service || !properties) return;
+                if (contains(arguments[2], source.property)) return ask();
+                take(properties->find(source.property));
             });
+        if (source.askedAtStart) ask();
     }
 }
 

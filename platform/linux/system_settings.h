@@ -11,16 +11,18 @@
 
 namespace orvex::platform {
 
-/// The system's locale and time zone as their services (locale1, timedate1) announce them while we run. What was in the
-/// environment at the start holds until then: from the first announcement on it counts alone, for the variables that it
-/// is about. Without these services nothing changes.
+/// The system's locale, keyboard and time zone as their services (locale1, timedate1) announce them while we run, with
+/// the value or only by name, which is then asked for. What was in the environment at the start holds until then: from
+/// the first announcement on it counts alone, for the variables that it is about. The keyboard is asked for at the
+/// start, since sessions do not have it in their environment. Without these services nothing changes.
 ///
-/// Threading: callable from any thread. `changed` comes on the bus thread.
+/// Threading: callable from any thread. `changed` comes on the bus thread. The bus outlives what it was told to follow.
 class SystemSettings {
 public:
     SystemSettings();
     /// The process's environment, as changed by what was announced.
     [[nodiscard]] IcuLocale::Environment environment() const;
+    /// Waits for nothing.
     void follow(Bus& systemBus, std::function<void()> changed);
 
 private:

@@ -93,9 +93,10 @@ std::unique_ptr<platform::SdBus> connectToBus(const std::string& address) {
     return *std::move(bus);
 }
 
-/// Null where there is none, which costs what its services tell and nothing else.
+/// Null where there is none, which costs what its services tell and nothing else. The start does not wait for it.
 std::unique_ptr<platform::SdBus> connectToSystemBus() {
-    auto bus = platform::SdBus::create({.address = {}, .kind = platform::SdBus::Kind::system});
+    auto bus =
+        platform::SdBus::create({.address = {}, .kind = platform::SdBus::Kind::system, .waitsForWelcome = false});
     if (bus) return *std::move(bus);
     platform::defaultLogger().info("no system bus: {}", bus.error().text);
     return nullptr;

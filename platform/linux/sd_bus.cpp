@@ -58,23 +58,24 @@ Result<std::unique_ptr<SdBus>> SdBus::create(const Options& options) {
     sd_bus* opened = nullptr;
     int r = open(options, &opened);
     SdHandle<sd_bus> bus(opened);
-    const char* uniqueName = nullptr;
-    if (r >= 0) r = sd_bus_get_unique_name(opened, &uniqueName);  // waits for the answer to Hello
+    const char* uniqueName = "";
+    if (r >= 0 && options.waitsForWelcome) r = sd_bus_get_unique_name(opened, &uniqueName);
     if (r >= 0) r = sd_bus_attach_event(opened, (*thread)->event(), SD_EVENT_PRIORITY_NORMAL);
     if (r < 0) {
         const auto where = options.address.empty() ? std::string() : " at " + options.address;
         return failure(-r, "no message bus" + where + ": " + errorText(-r));
     }
 
-    std::unique_ptr<SdBus> made(new SdBus(std::move(*thread), std::move(bus), uniqueName));
+    std::unique_ptr<SdBus> made(new SdBus(options.kind, std::move(*thread), std::move(bus), uniqueName));
     made->_thread.assertCurrent();  // ours until it starts
     if (auto watched = made->_watchConnection(); !watched) return std::unexpected(watched.error());
     made->_thread.start();
     return made;
 }
 
-SdBus::SdBus(std::unique_ptr<EventThread> thread, SdHandle<sd_bus> bus, std::string uniqueName)
-    : _ownThread(std::move(thread)),
+SdBus::SdBus(Kind kind, std::unique_ptr<EventThread> thread, SdHandle<sd_bus> bus, std::string uniqueName)
+    : _kind(kind),
+      _ownThread(std::move(thread)),
       _uniqueName(std::move(uniqueName)),
       _thread(*_ownThread),
       _bus(std::move(bus)),
@@ -255,7 +256,11 @@ void SdBus::setDisconnectHandler(std::move_only_function<void()> handler) {
 
 void SdBus::_disconnected() {
     if (std::exchange(_gone, true)) return;
-    defaultLogger().error("the bus has gone away");
+    if (_kind == Kind::user) {
+        defaultLogger().error("the bus has gone away");
+    } else {
+        defaultLogger().log("the system bus has gone away");
+    }
     _endFlushes();
     if (auto handler = std::exchange(_onDisconnect, nullptr)) handler();
 }

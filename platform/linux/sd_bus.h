@@ -34,14 +34,18 @@ public:
     struct Options {
         std::string address;     ///< as in DBUS_SESSION_BUS_ADDRESS; empty: the one that `kind` names
         Kind kind = Kind::user;  ///< user: DBUS_SESSION_BUS_ADDRESS, else the bus in XDG_RUNTIME_DIR
+        /// Whether to wait until the bus has taken us in. Otherwise what is sent meanwhile leaves when it has, and a
+        /// bus that never does is one that has gone away.
+        bool waitsForWelcome = true;
     };
 
-    /// Connects, and waits until the bus has taken us in.
+    /// Fails when there is nothing to connect to, or the bus that is waited for does not take us in.
     [[nodiscard]] static Result<std::unique_ptr<SdBus>> create(const Options& options);
     ~SdBus() override;
     SdBus(const SdBus&) = delete;
     SdBus& operator=(const SdBus&) = delete;
 
+    /// Empty when the welcome was not waited for.
     [[nodiscard]] const std::string& uniqueName() const { return _uniqueName; }
 
     Result<void> exportObject(std::string path, std::vector<BusInterface> interfaces, BusCallHandler handler) override;
@@ -72,7 +76,7 @@ private:
     struct OutgoingCall;
     struct Subscription;
 
-    SdBus(std::unique_ptr<EventThread> thread, SdHandle<sd_bus> bus, std::string uniqueName);
+    SdBus(Kind kind, std::unique_ptr<EventThread> thread, SdHandle<sd_bus> bus, std::string uniqueName);
     Result<void> _watchConnection() ORX_REQUIRES(_thread);
 
     void _called(sd_bus_message* message, const SdBusObject::Method& method) ORX_REQUIRES(_thread);
@@ -91,6 +95,7 @@ private:
     void _endFlushes() ORX_REQUIRES(_thread);
 
     // Constant after construction.
+    const Kind _kind;
     const std::unique_ptr<EventThread> _ownThread;
     const std::string _uniqueName;
 

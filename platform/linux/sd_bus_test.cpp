@@ -2,8 +2,11 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <future>
 #include <latch>
@@ -12,6 +15,7 @@
 #include <thread>
 
 #include "platform/fakes/private_bus.h"
+#include "platform/fakes/temporary_directory.h"
 #include "platform/linux/sd_bus_message.h"
 
 namespace orvex::platform {
@@ -202,6 +206,24 @@ TEST_F(SdBusTest, AnAnswerThatCannotBeSentBecomesAnError) {
     for (const auto* member : {"Number", "Text", "Path"}) {
         EXPECT_EQ(errorName(call(member, "", {})), bus_error::failed) << member;
     }
+}
+
+TEST_F(SdBusTest, AStartNeedNotWaitForTheWelcome) {
+    const auto late = std::move(SdBus::create({.address = daemon.address(), .waitsForWelcome = false}).value());
+    EXPECT_EQ(late->uniqueName(), "");
+    EXPECT_TRUE(ping(*late));
+
+    // Connects to whoever listens, and that one never says a word.
+    const TemporaryDirectory directory;
+    const auto socketPath = directory.path() + "/silent";
+    sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+    std::ranges::copy(socketPath, static_cast<char*>(address.sun_path));
+    const FileDescriptor listening(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(::bind(listening.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(::listen(listening.get(), 1), 0);
+    const auto silent = SdBus::create({.address = "unix:path=" + socketPath, .waitsForWelcome = false});
+    ASSERT_TRUE(silent);
+    (*silent)->subscribe("", "", interface, "Answered", [](const auto&, const auto&) {});
 }
 
 TEST_F(SdBusTest, ALateReplyToAPeerThatIsGoneIsDropped) {

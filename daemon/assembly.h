@@ -37,11 +37,13 @@ class BagController;
 class ClientSessionManagerProtocol;
 class ClientStateManager;
 class EngagedCompletionCache;
+class FlusherListener;
 class GUIDController;
 class LocationManager;
 class MotionManager;
 class OrvexSubscriptionManager;
 class ORXNetworkRequestFactory;
+class OwnSessionLimit;
 class PersistentStorage;
 
 /// The one container through which managers reach each other, the platform's services and the shared HTTP sessions.
@@ -130,7 +132,7 @@ public:
     }
     [[nodiscard]] const std::shared_ptr<GUIDController>& guidController() const { return _guidController; }
     void setGuidController(std::shared_ptr<GUIDController> controller) { _guidController = std::move(controller); }
-    /// The shared session's manager; null when clients have their own.
+    /// Takes what the daemon itself reports, and the records of all clients while they share a session.
     [[nodiscard]] const std::shared_ptr<ClientSessionManagerProtocol>& clientSessionManager() const {
         return _clientSessionManager;
     }
@@ -139,6 +141,10 @@ public:
     }
     [[nodiscard]] const std::shared_ptr<PersistentStorage>& persistentStorage() const { return _persistentStorage; }
     void setPersistentStorage(std::shared_ptr<PersistentStorage> storage) { _persistentStorage = std::move(storage); }
+    [[nodiscard]] const std::shared_ptr<OwnSessionLimit>& ownSessionLimit() const { return _ownSessionLimit; }
+    void setOwnSessionLimit(std::shared_ptr<OwnSessionLimit> limit) { _ownSessionLimit = std::move(limit); }
+    [[nodiscard]] const std::shared_ptr<FlusherListener>& flusherListener() const { return _flusherListener; }
+    void setFlusherListener(std::shared_ptr<FlusherListener> listener) { _flusherListener = std::move(listener); }
     [[nodiscard]] bool sharedSession() const { return _sharedSession; }
     void setSharedSession(bool shared) { _sharedSession = shared; }
 
@@ -184,6 +190,8 @@ private:
     std::shared_ptr<GUIDController> _guidController;
     std::shared_ptr<ClientSessionManagerProtocol> _clientSessionManager;
     std::shared_ptr<PersistentStorage> _persistentStorage;
+    std::shared_ptr<OwnSessionLimit> _ownSessionLimit;
+    std::shared_ptr<FlusherListener> _flusherListener;
     bool _sharedSession = false;
     std::weak_ptr<platform::BackgroundSessionDelegate> _uploadDelegate;
     std::weak_ptr<platform::BackgroundSessionDelegate> _downloadDelegate;

@@ -7,6 +7,7 @@
 #include "daemon/bus_dictionaries.h"
 #include "daemon/client_state_manager.h"
 #include "daemon/orvex_logging.h"
+#include "feedback/client_session_manager_protocol.h"
 #include "network/orx_network_request_factory.h"
 #include "platform/counters.h"
 #include "platform/notification_center.h"
@@ -82,7 +83,19 @@ void ClientConnection::invalidate() {
     _assembly.notificationCenter().removeObserver(this);
 }
 
-void ClientConnection::flushSessionInvalidation(std::move_only_function<void(bool)> done) { done(false); }
+void ClientConnection::flushSession(std::move_only_function<void()> done) {
+    const auto bound = state();
+    const auto manager = bound ? bound->sessionManager() : nullptr;
+    if (!manager) return done();
+    manager->flushSession(std::move(done));
+}
+
+void ClientConnection::flushSessionInvalidation(std::move_only_function<void(bool)> done) {
+    const auto bound = state();
+    const auto manager = bound ? bound->sessionManager() : nullptr;
+    if (!manager) return done(false);
+    manager->flushSessionInvalidation(bound->userAgent().value_or(""), std::move(done));
+}
 
 // The transaction. A call only notes its time; the timer, when it fires, looks whether sixty seconds have really passed
 // without one, and else waits for the rest. So a busy client costs no timer work.

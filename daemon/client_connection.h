@@ -52,6 +52,9 @@ public:
     /// The client has gone: what it asked and is not yet on its way is dropped, counted.
     void invalidate();
 
+    /// Ends the session that takes the client's records; `done` comes on its manager's queue, at once without one.
+    void flushSession(std::move_only_function<void()> done);
+
     /// Ends the client's session as its arrangement wants it; `flushed` tells whether there was one to end. At once and
     /// false without a session manager.
     void flushSessionInvalidation(std::move_only_function<void(bool flushed)> done);

@@ -117,6 +117,7 @@ bool ClientConnection::_isAcceptable(const ORXSessionConfiguration& configuratio
 // The connection is forgotten before its client is told, so that what the client calls next makes a new one.
 void ClientConnection::_refuseConfiguration(platform::BusReply& reply, Binding binding) {
     if (!state()) {
+        reportErrorAsOrvexdFeedback(ORXError(ORXErrorCode::internal, "invalid configuration"), _assembly);
         sessionLog().fault("invalid configuration, closing connection");
         _refused();
     }

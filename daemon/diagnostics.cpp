@@ -9,6 +9,8 @@
 #include "core/orx_bag.h"
 #include "daemon/assembly.h"
 #include "daemon/client_state_manager.h"
+#include "feedback/client_session_manager_protocol.h"
+#include "feedback/persistent_storage.h"
 #include "network/bag_controller.h"
 #include "network/orx_network_request_factory.h"
 #include "platform/counters.h"
@@ -66,6 +68,10 @@ platform::BusDictionary Diagnostics::_status() const {
     const auto caches = states ? states->queryCacheUsage() : ClientStateManager::CacheUsage{};
     const std::chrono::duration<double> uptime = _assembly.dispatcher().now() - _started;
     const auto& factory = _assembly.requestFactory();
+    const auto& sessions = _assembly.clientSessionManager();
+    const auto& storage = _assembly.persistentStorage();
+    const auto sessionState = sessions ? sessions->currentState() : SessionState::beforeSoftLimit;
+    const auto sessionsWaiting = storage ? storage->getAvailableSessionHandles().size() : 0;
     platform::BusDictionary status;
     status.set("version", kORXOrvexdNameVersion().substr(kORXOrvexdNameVersion().find('/') + 1))
         .set("uptime_seconds", uptime.count())
@@ -73,8 +79,8 @@ platform::BusDictionary Diagnostics::_status() const {
         .set("transactions", std::move(transactions))
         .set("bag_version", std::move(bagVersion))
         .set("bag_expires", bagExpires)
-        .set("session_state", std::uint32_t{0})
-        .set("sessions_waiting", std::uint32_t{0})
+        .set("session_state", static_cast<std::uint32_t>(sessionState))
+        .set("sessions_waiting", static_cast<std::uint32_t>(sessionsWaiting))
         .set("uploads_pending", std::uint32_t{0})
         .set("downloads_pending", std::uint32_t{0})
         .set("query_cache_entries", caches.entries)

@@ -11,11 +11,11 @@
 #include "daemon/diagnostics.h"
 #include "daemon/launch_events.h"
 #include "daemon/orvex_logging.h"
+#include "feedback/client_session_manager_protocol.h"
 #include "feedback/guid_controller.h"
 #include "platform/counters.h"
 #include "platform/http_session.h"
 #include "platform/process_identity.h"
-#include "platform/user_defaults.h"
 #include "query/client_state.h"
 
 namespace orvex {
@@ -32,8 +32,8 @@ std::shared_ptr<OrvexService> OrvexService::create(Assembly& assembly) {
 OrvexService::OrvexService(Assembly& assembly)
     : _assembly(assembly),
       _queue(assembly.dispatcher(), "com.kelvar.orvex.serviceQueue") {
-    assembly.setSharedSession(assembly.userDefaults().boolean("ORXSharedSession"));
     assembly.setGuidController(makeUserGUIDController(assembly));
+    assembly.setClientSessionManager(makeClientSessionManager(assembly, assembly.guidController(), "orvex"));
     _launchEvents = std::make_unique<LaunchEvents>(assembly);
     _diagnostics = std::make_unique<Diagnostics>(assembly, [this] { return getClientConnections().size(); });
 }

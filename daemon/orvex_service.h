@@ -24,8 +24,8 @@ class LaunchEvents;
 /// `receive` on the bus thread. The list of connections is kept on the service's queue.
 class OrvexService : public std::enable_shared_from_this<OrvexService> {
 public:
-    /// Completes the assembly with the managers that the service brings: reads "ORXSharedSession", makes the user GUID
-    /// controller.
+    /// Completes the assembly with the managers that the service brings: the user GUID controller and the session
+    /// manager.
     static std::shared_ptr<OrvexService> create(Assembly& assembly);
     ~OrvexService();
 

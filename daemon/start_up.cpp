@@ -8,6 +8,7 @@
 #include "daemon/notify_names.h"
 #include "daemon/orvex_service.h"
 #include "feedback/orvex_persistent_storage.h"
+#include "feedback/own_session_limit.h"
 #include "network/location_manager.h"
 #include "network/motion_manager.h"
 #include "network/orvex_bag_controller.h"
@@ -65,11 +66,13 @@ std::shared_ptr<OrvexService> assemble(Assembly& assembly) {
     ORXTracingSetup(assembly.userDefaults());
     registerDefaults(assembly.userDefaults());
     createCustomFeedbackDirectories(assembly.fileManager());
+    assembly.setSharedSession(assembly.userDefaults().boolean("ORXSharedSession"));
     assembly.setLocationManager(LocationManager::create(assembly));
     assembly.setMotionManager(std::make_shared<MotionManager>(assembly));
     assembly.setRequestFactory(ORXNetworkRequestFactory::create(assembly));
     assembly.setSubscriptionManager(OrvexSubscriptionManager::create(assembly, assembly.requestFactory()));
     assembly.setPersistentStorage(std::make_shared<OrvexPersistentStorage>(assembly));
+    assembly.setOwnSessionLimit(std::make_shared<OwnSessionLimit>(assembly.dispatcher(), assembly.counters()));
     assembly.counters().add("com.kelvar.orvexd.launch");
     assembly.setBagController(OrvexBagController::create(assembly));
     assembly.setClientStateManager(std::make_shared<ClientStateManager>(assembly));

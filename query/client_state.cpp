@@ -7,6 +7,7 @@
 #include "core/orx_bag.h"
 #include "daemon/assembly.h"
 #include "daemon/orvex_logging.h"
+#include "feedback/client_session_manager_protocol.h"
 #include "feedback/guid_controller.h"
 #include "network/bag_controller.h"
 #include "network/orx_network_request_factory.h"
@@ -39,7 +40,9 @@ std::shared_ptr<ClientState> ClientState::create(std::string identifier, Assembl
 ClientState::ClientState(std::string identifier, Assembly& assembly)
     : _identifier(std::move(identifier)),
       _assembly(assembly),
-      _feedback(assembly, nullptr),
+      _ownGUIDController(assembly.sharedSession() ? nullptr : makeUserGUIDController(assembly)),
+      _feedback(assembly,
+                _ownGUIDController ? makeClientSessionManager(assembly, _ownGUIDController, _identifier) : nullptr),
       _clientShortName(extractClientNameFromString(_identifier)) {
     if (assembly.userDefaults().boolean("ORXNoQueryCache")) {
         cachingLog().log("query cache OFF for {}", _identifier);
@@ -47,11 +50,10 @@ ClientState::ClientState(std::string identifier, Assembly& assembly)
         cachingLog().log("query cache ON for {}", _identifier);
         _queryCache = QueryCache::create(assembly);
     }
-    if (assembly.userDefaults().boolean("ORXSharedSession")) {
-        sessionLog().log("Orvex is using shared instance of guid controller");
-    } else {
+    if (_ownGUIDController) {
         sessionLog().log("Orvex is using individual instance of guid controller {}", _identifier);
-        _ownGUIDController = makeUserGUIDController(assembly);
+    } else {
+        sessionLog().log("Orvex is using shared instance of guid controller");
     }
 }
 

@@ -159,7 +159,7 @@ private:
     // Constant after construction.
     const std::string _identifier;
     Assembly& _assembly;
-    std::shared_ptr<GUIDController> _ownGUIDController;  ///< null: the assembly's is shared
+    const std::shared_ptr<GUIDController> _ownGUIDController;  ///< null: the assembly's is shared
     std::shared_ptr<QueryCache> _queryCache;
     const QueryFeedback _feedback;
 

@@ -29,6 +29,11 @@ const std::string& kORXOrvexdNameVersion();
 std::string_view orvexBagHost();
 std::string_view orvexBagHostChina();
 
+// Resources that the bag lists and the daemon itself uses.
+inline constexpr std::string_view kORXInstalledAppWhitelist = "installed_app_whitelist";
+inline constexpr std::string_view kORXLookupHintsWeekly = "lookup_hints_weekly";
+inline constexpr std::string_view kORXLookupHintsMonthly = "lookup_hints_monthly";
+
 /// What a custom-feedback report of this type is filed under; empty for a type that is none of `customFeedbackTypes`.
 std::string_view customFeedbackDirectoryName(int type);
 inline constexpr int customFeedbackTypes[] = {1, 3, 4, 5, 6, 7};

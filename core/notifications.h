@@ -37,9 +37,12 @@ struct EffectiveSettingsChangedNotification {};
 struct AccountStoreDidChangeNotification {};
 struct AccountCredentialsDidChangeNotification {};
 
+/// A resource was installed, or deleted. Posted from the download manager's queue: an observer goes on elsewhere before
+/// it asks that manager for anything.
 struct ORXFileDownloadCompletedNotification {
     std::string identifier;
-    std::string url;
+    std::string url;      ///< the installed file's path
+    std::string version;  ///< empty: it has none
 };
 struct ORXFileDeletedNotification {
     std::string identifier;

@@ -16,6 +16,7 @@ class Counters;
 class DeviceInformation;
 class Dispatcher;
 class FileManager;
+class InstalledApplications;
 class InstalledDictionaries;
 class LocaleService;
 class LocationService;
@@ -36,10 +37,12 @@ class AppWhitelistSignature;
 class BagController;
 class ClientSessionManagerProtocol;
 class ClientStateManager;
+class DownloadManager;
 class EngagedCompletionCache;
 class FlusherListener;
 class GUIDController;
 class LocationManager;
+class Lookup;
 class MotionManager;
 class OrvexSubscriptionManager;
 class ORXNetworkRequestFactory;
@@ -79,6 +82,8 @@ public:
         platform::MotionService* motion = nullptr;
         platform::RoutineService* routine = nullptr;
         platform::InstalledDictionaries* dictionaries = nullptr;
+        platform::InstalledApplications* applications = nullptr;
+        platform::UserDefaults* lookupDefaults = nullptr;  ///< the shared settings of lookups
         platform::SettingsFile* policy = nullptr;
         platform::SettingsFile* subscriptions = nullptr;
     };
@@ -103,11 +108,15 @@ public:
     [[nodiscard]] platform::MotionService* motion() const { return _platform.motion; }
     [[nodiscard]] platform::RoutineService* routine() const { return _platform.routine; }
     [[nodiscard]] platform::InstalledDictionaries* dictionaries() const { return _platform.dictionaries; }
+    [[nodiscard]] platform::InstalledApplications* applications() const { return _platform.applications; }
+    [[nodiscard]] platform::UserDefaults* lookupDefaults() const { return _platform.lookupDefaults; }
     [[nodiscard]] platform::SettingsFile* policy() const { return _platform.policy; }
     [[nodiscard]] platform::SettingsFile* subscriptions() const { return _platform.subscriptions; }
 
     [[nodiscard]] const std::shared_ptr<LocationManager>& locationManager() const { return _locationManager; }
     void setLocationManager(std::shared_ptr<LocationManager> manager) { _locationManager = std::move(manager); }
+    [[nodiscard]] const std::shared_ptr<DownloadManager>& downloadManager() const { return _downloadManager; }
+    void setDownloadManager(std::shared_ptr<DownloadManager> manager) { _downloadManager = std::move(manager); }
     [[nodiscard]] const std::shared_ptr<MotionManager>& motionManager() const { return _motionManager; }
     void setMotionManager(std::shared_ptr<MotionManager> manager) { _motionManager = std::move(manager); }
     [[nodiscard]] const std::shared_ptr<OrvexSubscriptionManager>& subscriptionManager() const {
@@ -118,6 +127,8 @@ public:
     }
     [[nodiscard]] const std::shared_ptr<ORXNetworkRequestFactory>& requestFactory() const { return _requestFactory; }
     void setRequestFactory(std::shared_ptr<ORXNetworkRequestFactory> factory) { _requestFactory = std::move(factory); }
+    [[nodiscard]] const std::shared_ptr<Lookup>& lookup() const { return _lookup; }
+    void setLookup(std::shared_ptr<Lookup> lookup) { _lookup = std::move(lookup); }
     [[nodiscard]] const std::shared_ptr<BagController>& bagController() const { return _bagController; }
     void setBagController(std::shared_ptr<BagController> controller) { _bagController = std::move(controller); }
     [[nodiscard]] const std::shared_ptr<ClientStateManager>& clientStateManager() const { return _clientStateManager; }
@@ -181,9 +192,11 @@ private:
 
     // Added by `main`, in this order.
     std::shared_ptr<LocationManager> _locationManager;
+    std::shared_ptr<DownloadManager> _downloadManager;
     std::shared_ptr<MotionManager> _motionManager;
     std::shared_ptr<ORXNetworkRequestFactory> _requestFactory;
     std::shared_ptr<OrvexSubscriptionManager> _subscriptionManager;
+    std::shared_ptr<Lookup> _lookup;
     std::shared_ptr<BagController> _bagController;
     std::shared_ptr<ClientStateManager> _clientStateManager;
     std::shared_ptr<AppWhitelistSignature> _appWhitelistController;

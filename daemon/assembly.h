@@ -48,6 +48,7 @@ class OrvexSubscriptionManager;
 class ORXNetworkRequestFactory;
 class OwnSessionLimit;
 class PersistentStorage;
+class UploadManager;
 
 /// The one container through which managers reach each other, the platform's services and the shared HTTP sessions.
 ///
@@ -154,6 +155,8 @@ public:
     void setPersistentStorage(std::shared_ptr<PersistentStorage> storage) { _persistentStorage = std::move(storage); }
     [[nodiscard]] const std::shared_ptr<OwnSessionLimit>& ownSessionLimit() const { return _ownSessionLimit; }
     void setOwnSessionLimit(std::shared_ptr<OwnSessionLimit> limit) { _ownSessionLimit = std::move(limit); }
+    [[nodiscard]] const std::shared_ptr<UploadManager>& uploadManager() const { return _uploadManager; }
+    void setUploadManager(std::shared_ptr<UploadManager> manager) { _uploadManager = std::move(manager); }
     [[nodiscard]] const std::shared_ptr<FlusherListener>& flusherListener() const { return _flusherListener; }
     void setFlusherListener(std::shared_ptr<FlusherListener> listener) { _flusherListener = std::move(listener); }
     [[nodiscard]] bool sharedSession() const { return _sharedSession; }
@@ -204,6 +207,7 @@ private:
     std::shared_ptr<ClientSessionManagerProtocol> _clientSessionManager;
     std::shared_ptr<PersistentStorage> _persistentStorage;
     std::shared_ptr<OwnSessionLimit> _ownSessionLimit;
+    std::shared_ptr<UploadManager> _uploadManager;
     std::shared_ptr<FlusherListener> _flusherListener;
     bool _sharedSession = false;
     std::weak_ptr<platform::BackgroundSessionDelegate> _uploadDelegate;

@@ -9,6 +9,7 @@
 #include "daemon/orvex_service.h"
 #include "feedback/orvex_persistent_storage.h"
 #include "feedback/own_session_limit.h"
+#include "feedback/upload_manager.h"
 #include "network/location_manager.h"
 #include "network/motion_manager.h"
 #include "network/orvex_bag_controller.h"
@@ -71,6 +72,9 @@ std::shared_ptr<OrvexService> assemble(Assembly& assembly) {
     assembly.setMotionManager(std::make_shared<MotionManager>(assembly));
     assembly.setRequestFactory(ORXNetworkRequestFactory::create(assembly));
     assembly.setSubscriptionManager(OrvexSubscriptionManager::create(assembly, assembly.requestFactory()));
+    UploadManager::removeTemporaryFiles(assembly.fileManager());
+    assembly.setUploadManager(UploadManager::create(assembly));
+    assembly.setUploadDelegate(assembly.uploadManager());
     assembly.setPersistentStorage(std::make_shared<OrvexPersistentStorage>(assembly));
     assembly.setOwnSessionLimit(std::make_shared<OwnSessionLimit>(assembly.dispatcher(), assembly.counters()));
     assembly.counters().add("com.kelvar.orvexd.launch");

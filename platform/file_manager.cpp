@@ -18,6 +18,14 @@ void FileDescriptor::reset() noexcept {
     if (valid()) ::close(release());
 }
 
+Result<std::size_t> FileDescriptor::read(char* into, std::size_t limit) const {
+    while (true) {
+        const ssize_t count = ::read(_fd, into, limit);
+        if (count >= 0) return static_cast<std::size_t>(count);
+        if (errno != EINTR) return failure(errno, "cannot read");
+    }
+}
+
 bool isAcceptablePath(std::string_view name) {
     constexpr std::size_t maxPartBytes = 255;  // NAME_MAX of every file system that matters
     if (name.empty() || name.contains('\0')) return false;

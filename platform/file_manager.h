@@ -26,6 +26,9 @@ public:
 
     [[nodiscard]] int get() const { return _fd; }
     [[nodiscard]] bool valid() const { return _fd >= 0; }
+    /// The next bytes, at most `limit`; 0 at the end.
+    [[nodiscard]] Result<std::size_t> read(char* into, std::size_t limit) const;
+
     int release() noexcept {
         const int fd = _fd;
         _fd = -1;

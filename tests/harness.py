@@ -194,14 +194,14 @@ class ReferenceServer(Process):
 class Daemon(Process):
     """orvexd. Its directories are those of the environment, so a second one with the same `home` is a restart."""
 
-    def __init__(self, bus, home, arguments, defaults, environment):
+    def __init__(self, bus, home, arguments, defaults, environment, wrapper=()):
         self.home = Path(home)
         self._observer = bus.connect()
         # The bag of a scenario without a server is refused at once; nothing asks the network. None: as stored.
         defaults = {"ORXBagURL": "http://127.0.0.1:9/bag"} | defaults
         values = [part for key, value in defaults.items() if value is not None
                   for part in ("--default", f"{key}={value}")]
-        super().__init__([program("orvexd"), "--bus", bus.address, *values, *arguments], environment)
+        super().__init__([*wrapper, program("orvexd"), "--bus", bus.address, *values, *arguments], environment)
 
     @property
     def caches(self):
@@ -380,11 +380,12 @@ class Scenario(unittest.TestCase):
         self.addCleanup(server.close)
         return server
 
-    def start_daemon(self, bus, *arguments, defaults=None, home=None, variables=None):
-        """A daemon that may well fail to start. Without `home` it gets the scenario's."""
+    def start_daemon(self, bus, *arguments, defaults=None, home=None, variables=None, wrapper=()):
+        """A daemon that may well fail to start. Without `home` it gets the scenario's. `wrapper` is a command that runs
+        it in its own place."""
         home = Path(home or self.directory / "home")
         home.mkdir(exist_ok=True)
-        return self._keep(Daemon(bus, home, arguments, defaults or {}, self.environment(home, **(variables or {}))))
+        return self._keep(Daemon(bus, home, arguments, defaults or {}, self.environment(home, **(variables or {})), wrapper))
 
     def daemon(self, bus, *arguments, **options):
         """A daemon that owns its name."""

@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "core/constants.h"
+#include "core/feedback_record.h"
 #include "tools/tool/commands.h"
 #include "tools/tool/type_screen.h"
 
@@ -160,4 +161,7 @@ private:
 
 }  // namespace
 
-int main(int argc, char** argv) { return CommandLine().run(argc, argv); }
+int main(int argc, char** argv) {
+    orvex::routeProtobufLog();
+    return CommandLine().run(argc, argv);
+}

@@ -54,7 +54,8 @@ class DeviceContextTest(harness.Scenario):
     def start(self, sources=("gps", "wifi"), wrapper=(), **bag):
         self.server.script("/bag", json.dumps({
             "version": 1, "search_url": self.server.url("/search"), "supported_geo_location_sources": sources,
-            "subscription_provider_domain_whitelist": [], "subscription_provider_bundle_identifier_whitelist": []} | bag))
+            "subscription_provider_domain_whitelist": [],
+            "subscription_provider_bundle_identifier_whitelist": []} | bag))
         self.orvexd = self.daemon(self.private_bus, "--log-level", "debug", wrapper=wrapper,
                                   defaults={"ORXBagURL": self.server.url("/bag")},
                                   variables={"DBUS_SYSTEM_BUS_ADDRESS": self.system.address})
@@ -73,6 +74,9 @@ class DeviceContextTest(harness.Scenario):
             return all(request.get(name.replace("_", "-") if name.startswith("X_") else name) == value
                        for name, value in expected.items())
         harness.wait_until(told, lambda: f"a request with {expected}, not {self.next_request()}")
+
+    def wait_for_bags(self, count):
+        harness.wait_until(lambda: self.user.counter("com.kelvar.orvexd.bag.fetches") == count, f"{count} bags")
 
     def test_each_service_is_followed_and_only_locale_and_country_ask_for_a_bag(self):
         self.mock(MOCKS / "locale1.py", "org.freedesktop.locale1")
@@ -95,14 +99,14 @@ class DeviceContextTest(harness.Scenario):
         self.wait_for_request(kb_ime="fr")
         self.change_locale("Locale", dbus.Array(["LANG=fr_FR.UTF-8"], signature="s"))
         self.wait_for_request(locale="fr_FR", esl="fr-FR", X_Kelvar_Languages='["fr-FR"]')
+        self.wait_for_bags(2)
         self.tell(*timedate, "SetTimezone", "sb", "Asia/Tokyo", False)
         self.wait_for_request(time_zone="Asia/Tokyo", cc="JP")
 
-        def fetched():
-            queries = [dict(request.query) for request in self.server.requests_for("/bag")]
-            return [(query["cc"], query["locale"]) for query in queries]
-        harness.wait_until(lambda: len(fetched()) >= 3, fetched)
-        self.assertEqual(fetched(), [("DE", "en_US"), ("DE", "fr_FR"), ("JP", "fr_FR")])
+        self.wait_for_bags(3)
+        fetched = [dict(request.query) for request in self.server.requests_for("/bag")]
+        self.assertEqual([(query["cc"], query["locale"]) for query in fetched],
+                         [("DE", "en_US"), ("DE", "fr_FR"), ("JP", "fr_FR")])
 
     def test_a_service_or_the_whole_system_bus_may_die_in_the_middle(self):
         locale = self.mock(MOCKS / "locale1.py", "org.freedesktop.locale1")

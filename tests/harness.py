@@ -385,7 +385,8 @@ class Scenario(unittest.TestCase):
         it in its own place."""
         home = Path(home or self.directory / "home")
         home.mkdir(exist_ok=True)
-        return self._keep(Daemon(bus, home, arguments, defaults or {}, self.environment(home, **(variables or {})), wrapper))
+        environment = self.environment(home, **(variables or {}))
+        return self._keep(Daemon(bus, home, arguments, defaults or {}, environment, wrapper))
 
     def daemon(self, bus, *arguments, **options):
         """A daemon that owns its name."""

@@ -4,6 +4,8 @@
 #include <string>
 
 #include "daemon/assembly.h"
+#include "feedback/orvex_custom_feedback_flusher.h"
+#include "feedback/orvex_feedback_flusher.h"
 #include "platform/background_activity.h"
 #include "platform/log.h"
 #include "platform/user_defaults.h"
@@ -14,28 +16,27 @@ namespace {
 using platform::BackgroundActivity;
 using State = BackgroundActivity::State;
 
-void flushFeedback(Assembly& assembly, BackgroundActivity& activity) {
+void flushFeedback(Assembly& assembly, std::shared_ptr<BackgroundActivity> activity) {
     if (assembly.userDefaults().boolean("ORXFeedbackFlushDisabled")) {
         platform::defaultLogger().debug(
             "Flusher bailing because periodic flush is disabled. Dump feedback with orvex_tool to re-enable.");
         return;
     }
     platform::defaultLogger().debug("Flushing Orvex feedback.");
-    platform::defaultLogger().info("no feedback flusher is part of this daemon; {} is done", flusherActivityName);
-    (void)activity.setState(State::done);
+    OrvexFeedbackFlusher::create(assembly)->performPeriodicFlushActivity(std::move(activity));
 }
 
-void flushCustomFeedback(BackgroundActivity& activity) {
-    if (activity.state() != State::run) return;
+void flushCustomFeedback(Assembly& assembly, const std::shared_ptr<BackgroundActivity>& activity) {
+    if (activity->state() != State::run) return;
     platform::defaultLogger().debug("Flushing custom feedback.");
-    if (!activity.setState(State::continuing)) {
+    if (!activity->setState(State::continuing)) {
         platform::defaultLogger().fault("Couldn't transition flusher activity to continue state.");
     }
-    platform::defaultLogger().info("no custom feedback flusher is part of this daemon; {} is done",
-                                   customFeedbackActivityName);
-    if (!activity.setState(State::done)) {
-        platform::defaultLogger().fault("Couldn't transition flusher activity to done state.");
-    }
+    OrvexCustomFeedbackFlusher(assembly).flushCustomFeedbackWithCompletionHandler([activity] {
+        if (!activity->setState(State::done)) {
+            platform::defaultLogger().fault("Couldn't transition flusher activity to done state.");
+        }
+    });
 }
 
 }  // namespace
@@ -43,9 +44,10 @@ void flushCustomFeedback(BackgroundActivity& activity) {
 void checkInActivities(Assembly& assembly) {
     assembly.activities().checkIn(
         std::string(flusherActivityName),
-        [&assembly](std::shared_ptr<BackgroundActivity> activity) { flushFeedback(assembly, *activity); });
-    assembly.activities().checkIn(std::string(customFeedbackActivityName),
-                                  [](std::shared_ptr<BackgroundActivity> activity) { flushCustomFeedback(*activity); });
+        [&assembly](std::shared_ptr<BackgroundActivity> activity) { flushFeedback(assembly, std::move(activity)); });
+    assembly.activities().checkIn(
+        std::string(customFeedbackActivityName),
+        [&assembly](const std::shared_ptr<BackgroundActivity>& activity) { flushCustomFeedback(assembly, activity); });
 }
 
 }  // namespace orvex

@@ -14,6 +14,7 @@
 #include "daemon/feedback_payload.h"
 #include "daemon/orvex_logging.h"
 #include "feedback/client_session_manager_protocol.h"
+#include "feedback/orvex_flusher_xpc.h"
 #include "network/orx_tracing.h"
 #include "platform/locale.h"
 #include "platform/notification_center.h"
@@ -247,7 +248,10 @@ void ClientConnection::_feedback(Call& call) {
 
 // Without the component that would answer, these let their reply go.
 
-void ClientConnection::_listenToFlusher(Call&) { _ensureState(); }
+void ClientConnection::_listenToFlusher(Call& call) {
+    _ensureState();
+    if (_assembly.flusherListener()) call.reply.answer({platform::BusObjectPath{std::string(kORXFlusherPath)}});
+}
 void ClientConnection::_fileHandleAndAttributesForResource(Call&) { _ensureState(); }
 
 void ClientConnection::_listSessions(Call& call) {

@@ -13,6 +13,7 @@
 #include "daemon/orvex_logging.h"
 #include "feedback/client_session_manager_protocol.h"
 #include "feedback/guid_controller.h"
+#include "feedback/orvex_flusher_xpc.h"
 #include "platform/counters.h"
 #include "platform/http_session.h"
 #include "platform/process_identity.h"
@@ -26,7 +27,13 @@ const platform::Logger& connectionLog() { return OrvexLogForCategory(OrvexLoggin
 }  // namespace
 
 std::shared_ptr<OrvexService> OrvexService::create(Assembly& assembly) {
-    return std::shared_ptr<OrvexService>(new OrvexService(assembly));
+    std::shared_ptr<OrvexService> service(new OrvexService(assembly));
+    service->_flusher = OrvexFlusherXPC::create(assembly, [weak = std::weak_ptr(service)] {
+        const auto self = weak.lock();
+        return self ? self->_dumpedConnections() : std::vector<DumpedConnection>();
+    });
+    assembly.setFlusherListener(service->_flusher);
+    return service;
 }
 
 OrvexService::OrvexService(Assembly& assembly)
@@ -45,6 +52,7 @@ OrvexService::~OrvexService() {
 }
 
 platform::Result<void> OrvexService::exportObject() {
+    if (auto exported = _flusher->exportObject(); !exported) return exported;
     return _assembly.bus().exportObject(std::string(kORXObjectPath), orvexdInterfaces(),
                                         [weak = weak_from_this()](platform::BusCall call) {
                                             if (const auto self = weak.lock()) self->_receive(std::move(call));
@@ -68,6 +76,18 @@ std::vector<std::shared_ptr<ClientConnection>> OrvexService::getClientConnection
         _queue.assertCurrent();
         return _connections;
     });
+}
+
+std::vector<DumpedConnection> OrvexService::_dumpedConnections() const {
+    std::vector<DumpedConnection> dumped;
+    for (const auto& connection : getClientConnections()) {
+        const auto state = connection->state();
+        dumped.push_back({.userAgent = state ? state->userAgent().value_or("") : std::string(),
+                          .flushSession = [connection](std::move_only_function<void()> done) {
+                              connection->flushSession(std::move(done));
+                          }});
+    }
+    return dumped;
 }
 
 std::string OrvexService::clientIDForConnection(std::int32_t processIdentifier) {

@@ -15,6 +15,8 @@ class Assembly;
 class ClientConnection;
 class Diagnostics;
 class LaunchEvents;
+class OrvexFlusherXPC;
+struct DumpedConnection;
 
 /// Takes every call that reaches the daemon's bus object and brings it to whoever answers: a client's connection, the
 /// launch events, the diagnostics.
@@ -52,6 +54,7 @@ private:
     [[nodiscard]] std::shared_ptr<ClientConnection> _accept(const platform::BusPeer& peer);
     void _list(const std::shared_ptr<ClientConnection>& connection) ORX_REQUIRES(_queue);
     void _forget(const std::string& uniqueName, const ClientConnection* connection);
+    [[nodiscard]] std::vector<DumpedConnection> _dumpedConnections() const;
     void _invalidated(const std::shared_ptr<ClientConnection>& connection);
     void _remove(const std::shared_ptr<ClientConnection>& connection) ORX_REQUIRES(_queue);
 
@@ -59,6 +62,7 @@ private:
     Assembly& _assembly;
     std::unique_ptr<LaunchEvents> _launchEvents;
     std::unique_ptr<Diagnostics> _diagnostics;
+    std::shared_ptr<OrvexFlusherXPC> _flusher;
 
     // Synchronised by themselves.
     mutable platform::SerialQueue _queue;

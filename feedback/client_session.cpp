@@ -62,6 +62,11 @@ void ClientSession::_begin(const CXOrvexFeedback* first, SessionEndReason previo
 
 std::shared_ptr<ClientSession> ClientSession::createFeedbackSessionFromError(const ORXError& error,
                                                                              Assembly& assembly) {
+    return createFeedbackSessionFromError(errorFeedback(error), assembly);
+}
+
+std::shared_ptr<ClientSession> ClientSession::createFeedbackSessionFromError(const CXErrorFeedback& error,
+                                                                             Assembly& assembly) {
     const auto& limit = assembly.ownSessionLimit();
     if (limit && !limit->admit(OwnSessionLimit::Kind::error)) return nullptr;
     return std::make_shared<ClientSession>(assembly, daemonErrorRecord(assembly, error), RecordReceipt());

@@ -13,6 +13,7 @@ namespace orvex {
 
 class Assembly;
 class CXClientSession;
+class CXErrorFeedback;
 class FileContainer;
 struct ORXError;
 
@@ -39,6 +40,8 @@ public:
     /// A session of its own for one error of the daemon's, which has no session to go to; the caller completes it.
     /// Null, counted: too many of them in the last hour.
     static std::shared_ptr<ClientSession> createFeedbackSessionFromError(const ORXError& error, Assembly& assembly);
+    static std::shared_ptr<ClientSession> createFeedbackSessionFromError(const CXErrorFeedback& error,
+                                                                         Assembly& assembly);
 
     void addFeedback(std::unique_ptr<CXOrvexFeedback> record, RecordReceipt receipt) override;
     void enumerateSessionsUsingBlock(const std::function<void(ClientSession&)>& block) override { block(*this); }

@@ -7,6 +7,7 @@
 
 #include "core/feedback_record.h"
 #include "core/feedback_records.pb.h"
+#include "core/network_search_record.h"
 #include "core/notifications.h"
 #include "core/orx_bag.h"
 #include "daemon/assembly.h"
@@ -70,7 +71,7 @@ std::shared_ptr<ClientSessionManagerProtocol> makeClientSessionManager(Assembly&
 
 void reportErrorAsOrvexdFeedback(const ORXError& error, Assembly& assembly) {
     const auto& manager = assembly.clientSessionManager();
-    if (manager) manager->addOrvexFeedback(daemonErrorRecord(assembly, error));
+    if (manager) manager->addOrvexFeedback(daemonErrorRecord(assembly, errorFeedback(error)));
 }
 
 void ClientSessionManagerProtocol::addOrvexFeedback(std::unique_ptr<CXOrvexFeedback> record) {

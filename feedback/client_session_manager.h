@@ -84,7 +84,7 @@ public:
 private:
     /// What comes with an event.
     struct Occasion {
-        std::unique_ptr<CXOrvexFeedback> record = nullptr;
+        std::unique_ptr<CXOrvexFeedback> record = {};
         RecordReceipt receipt = {};
         std::move_only_function<void()> flushed = nullptr;  ///< called when all is done
     };

@@ -2,8 +2,6 @@
 
 #include "core/feedback_record.h"
 #include "core/feedback_records.pb.h"
-#include "core/network_search_record.h"
-#include "core/orx_error.h"
 #include "daemon/assembly.h"
 #include "feedback/guid_controller.h"
 #include "feedback/orvexd_user_agent.h"
@@ -21,9 +19,9 @@ std::unique_ptr<CXOrvexFeedback> daemonRecord(const Assembly& assembly, const go
                                               .now = assembly.dispatcher().now()});
 }
 
-std::unique_ptr<CXOrvexFeedback> daemonErrorRecord(const Assembly& assembly, const ORXError& error) {
+std::unique_ptr<CXOrvexFeedback> daemonErrorRecord(const Assembly& assembly, const CXErrorFeedback& error) {
     const auto& controller = assembly.guidController();
-    return daemonRecord(assembly, errorFeedback(error),
+    return daemonRecord(assembly, error,
                         {.userGuid = controller ? controller->currentUserGUID() : std::string(),
                          .userAgent = orvexdUserAgent(assembly.device())});
 }

@@ -10,8 +10,8 @@ class Message;
 namespace orvex {
 
 class Assembly;
+class CXErrorFeedback;
 class CXOrvexFeedback;
-struct ORXError;
 
 /// Records that the daemon makes itself.
 struct DaemonRecordOrigin {
@@ -25,6 +25,7 @@ struct DaemonRecordOrigin {
                                                             DaemonRecordOrigin origin);
 
 /// `error` as the daemon itself reports it: under its own agent and the assembly's user GUID.
-[[nodiscard]] std::unique_ptr<CXOrvexFeedback> daemonErrorRecord(const Assembly& assembly, const ORXError& error);
+[[nodiscard]] std::unique_ptr<CXOrvexFeedback> daemonErrorRecord(const Assembly& assembly,
+                                                                 const CXErrorFeedback& error);
 
 }  // namespace orvex

@@ -3,6 +3,7 @@
 #include <google/protobuf/io/coded_stream.h>
 
 #include <optional>
+#include <vector>
 
 #include "core/feedback_records.pb.h"
 
@@ -17,7 +18,6 @@ namespace {
 using google::protobuf::io::CodedInputStream;
 using google::protobuf::io::CodedOutputStream;
 
-constexpr std::uint32_t firstKeyOfRecords = CXClientSession::kFeedbacksFieldNumber << 3;
 constexpr std::string_view recordKey = "\xA2\x06";  // field 100, length-delimited
 constexpr std::size_t searchFactor = 8;
 constexpr std::uint32_t maxRecordBytes = 0x7FFFFFFF;  // what the library takes
@@ -52,32 +52,50 @@ bool parseRecord(std::string_view bytes, CXOrvexFeedback& record) {
     return record.ParseFromArray(bytes.data(), static_cast<int>(bytes.size())) && record.unknown_fields().empty();
 }
 
-/// Where the header's field that begins at `at` ends; none when no field of a header does.
-std::optional<std::size_t> headerFieldEnd(std::string_view file, std::size_t at) {
+/// A field of the header: its number, and where it ends in the file.
+struct HeaderField {
+    int number = 0;
+    std::size_t end = 0;
+};
+
+enum class WireType : std::uint8_t { varint = 0, fixed64 = 1, lengthDelimited = 2 };
+
+WireType wireTypeOf(const google::protobuf::FieldDescriptor& field) {
+    switch (field.cpp_type()) {
+        case google::protobuf::FieldDescriptor::CPPTYPE_DOUBLE:
+            return WireType::fixed64;
+        case google::protobuf::FieldDescriptor::CPPTYPE_STRING:
+        case google::protobuf::FieldDescriptor::CPPTYPE_MESSAGE:
+            return WireType::lengthDelimited;
+        default:
+            return WireType::varint;
+    }
+}
+
+/// None when no field of a header as we write it begins at `at`.
+std::optional<HeaderField> headerFieldAt(std::string_view file, std::size_t at) {
     constexpr std::size_t maxVarintBytes = 10;
     auto stream = streamOver(file.substr(at, 2 * maxVarintBytes));
     const std::uint32_t key = stream.ReadTag();
-    if (key < 8 || key >= firstKeyOfRecords) return std::nullopt;
+    const auto* field = CXClientSession::descriptor()->FindFieldByNumber(static_cast<int>(key >> 3));
+    if (!field || field->number() == CXClientSession::kFeedbacksFieldNumber) return std::nullopt;
+    const auto wireType = wireTypeOf(*field);
+    if (static_cast<std::uint32_t>(wireType) != (key & 7)) return std::nullopt;
+
     const std::size_t value = at + static_cast<std::size_t>(stream.CurrentPosition());
-    const auto fixed = [&](std::size_t size) {
-        return size <= file.size() - value ? std::optional(value + size) : std::nullopt;
-    };
     std::uint64_t number = 0;
-    switch (key & 7) {
-        case 0:
+    switch (wireType) {
+        case WireType::varint:
             if (!stream.ReadVarint64(&number)) return std::nullopt;
-            return at + static_cast<std::size_t>(stream.CurrentPosition());
-        case 1:
-            return fixed(sizeof(std::uint64_t));
-        case 2: {
-            const auto field = lengthDelimitedAt(file, value);
-            return field ? std::optional(field->end) : std::nullopt;
-        }
-        case 5:
-            return fixed(sizeof(std::uint32_t));
-        default:
-            return std::nullopt;
+            return HeaderField{field->number(), at + static_cast<std::size_t>(stream.CurrentPosition())};
+        case WireType::fixed64:
+            if (file.size() - value < sizeof number) return std::nullopt;
+            return HeaderField{field->number(), value + sizeof number};
+        case WireType::lengthDelimited:
+            const auto found = lengthDelimitedAt(file, value);
+            return found ? std::optional(HeaderField{field->number(), found->end}) : std::nullopt;
     }
+    return std::nullopt;
 }
 
 class SessionFileReader {
@@ -97,19 +115,27 @@ public:
     }
 
 private:
-    /// Up to the first frame, where all that follows belongs to records. A length that was damaged may lead on beyond
-    /// the first of them, so that one is found first.
+    /// Up to the first frame, where all that follows belongs to records. The fields stand in the order of their
+    /// numbers; a length that was damaged may lead the walk into the records, where that soon shows.
     void _readHeader() {
-        const std::size_t firstRecord = _nextRecord(0);
-        while (_at < firstRecord && !_file.substr(_at).starts_with(recordKey)) {
-            const auto end = headerFieldEnd(_file, _at);
-            if (!end || *end > firstRecord) {
+        std::vector<std::size_t> ends;
+        int last = 0;
+        while (_at < _file.size() && !_file.substr(_at).starts_with(recordKey)) {
+            const auto field = headerFieldAt(_file, _at);
+            if (!field || field->number < last) {
                 ++_damaged;
-                _at = firstRecord;
-                return;
+                _at = _nextRecord(0);
+                break;
             }
-            if (!_merge(_file.substr(_at, *end - _at))) ++_damaged;
-            _at = *end;
+            last = field->number;
+            _at = field->end;
+            ends.push_back(_at);
+        }
+        std::size_t begin = 0;
+        for (const auto end : ends) {
+            if (end > _at) return;
+            if (!_merge(_file.substr(begin, end - begin))) ++_damaged;
+            begin = end;
         }
     }
 

@@ -18,7 +18,8 @@
 // it.
 //
 // A sync may take long, so it runs on the pool, one at a time for each file. What is written meanwhile counts for the
-// next. The last one holds the file until it is done, which is when its descriptor is closed.
+// next. The last one holds the file until it is done, which is when its descriptor is closed. It does not hold the
+// container: one that is deleted must not stay for it.
 
 namespace orvex {
 namespace {
@@ -186,7 +187,6 @@ void FileContainer::_closeFile(State state) {
     if (_unsynced > 0) _sync();
     _file = nullptr;
     _state = state;
-    _syncTimer.cancel();
 }
 
 std::optional<CXClientSession> FileContainer::_unarchiveObject() const {
@@ -252,10 +252,12 @@ void FileContainer::_syncWhenDue() {
 void FileContainer::_sync() {
     _syncing = true;
     _unsynced = 0;
+    _syncTimer.cancel();
     const platform::GlobalQueue background(_queue.dispatcher(), platform::Priority::background);
-    background.async([self = shared_from_this(), queue = _sharedQueue, file = _file]() mutable {
-        auto result = file->sync();
-        queue->async([self = std::move(self), result = std::move(result)] {
+    background.async([weak = weak_from_this(), queue = _sharedQueue, file = _file] {
+        queue->async([weak, result = file->sync()] {
+            const auto self = weak.lock();
+            if (!self) return;
             self->_queue.assertCurrent();
             self->_synced(result);
         });

@@ -1,3 +1,4 @@
+#include <absl/container/btree_map.h>
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -100,14 +101,17 @@ void critbitFunctions(benchmark::State& state) {
     critbit_clear(tree);
 }
 
-void sortedMap(benchmark::State& state) {
-    std::map<std::string, int> map;
+template <class Map>
+void ordered(benchmark::State& state) {
+    Map map;
     for (const auto& key : keys(static_cast<std::size_t>(state.range(0)))) map.emplace(key, 0);
     measure(state, [&](const std::string& prefix) {
         const auto found = map.lower_bound(prefix);
         return found != map.end() && found->first.starts_with(prefix) ? found->first.data() : nullptr;
     });
 }
+void sortedMap(benchmark::State& state) { ordered<std::map<std::string, int>>(state); }
+void btree(benchmark::State& state) { ordered<absl::btree_map<std::string, int>>(state); }
 
 void sortedVector(benchmark::State& state) {
     auto sorted = keys(static_cast<std::size_t>(state.range(0)));
@@ -124,6 +128,7 @@ BENCHMARK(critbitTree) ORX_SIZES;
 BENCHMARK(critbitFunctions) ORX_SIZES;
 BENCHMARK(sortedMap) ORX_SIZES;
 BENCHMARK(sortedVector) ORX_SIZES;
+BENCHMARK(btree) ORX_SIZES;
 #undef ORX_SIZES
 
 }  // namespace

@@ -62,18 +62,34 @@ RequestVariant::RequestVariant(const platform::URLRequest& request) {
 
 double scaleOnTheWire(double scale) { return number(fmt::format("{:.1f}", scale)); }
 
-CachedResultSet::CachedResultSet(std::string_view typedInput, const platform::URLRequest& request,
-                                 const boost::json::object& resultSet, std::string networkUUID, platform::Body body,
-                                 platform::MonotonicTime now)
+CachedResponse::CachedResponse(std::string_view typedInput, const platform::URLRequest& request,
+                               std::string networkUUID, platform::Body body, platform::MonotonicTime arrivedAt)
     : input(platform::lowercased(typedInput)),
-      query(platform::lowercased(stringMember(resultSet, "query").value_or(""))),
       inputLength(platform::utf16Length(input)),
-      queryLength(platform::utf16Length(query)),
-      expireTime(expiry(resultSet, now)),
       uuid(std::move(networkUUID)),
       uiScale(number(platform::headerValue(request.headers, "X-Kelvar-UI-Scale").value_or(""))),
-      completionScore(scoreOf(resultSet)),
+      variant(request),
       data(std::move(body)),
-      variant(request) {}
+      arrived(arrivedAt) {}
+
+CachedResultSet::CachedResultSet(std::shared_ptr<const CachedResponse> cameWith, const boost::json::object& resultSet)
+    : response(std::move(cameWith)),
+      query(platform::lowercased(stringMember(resultSet, "query").value_or(""))),
+      queryLength(platform::utf16Length(query)),
+      expireTime(expiry(resultSet, response->arrived)),
+      completionScore(scoreOf(resultSet)) {}
+
+std::vector<std::shared_ptr<const CachedResultSet>> resultSetsIn(
+    const boost::json::value& decoded, const std::shared_ptr<const CachedResponse>& response) {
+    std::vector<std::shared_ptr<const CachedResultSet>> resultSets;
+    const auto* elements = decoded.if_array();
+    if (elements == nullptr) return resultSets;
+    for (const auto& element : *elements) {
+        const auto* resultSet = element.if_object();
+        if (resultSet == nullptr || stringMember(*resultSet, "status") == "ERROR") continue;
+        resultSets.push_back(std::make_shared<const CachedResultSet>(response, *resultSet));
+    }
+    return resultSets;
+}
 
 }  // namespace orvex

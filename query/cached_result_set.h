@@ -2,6 +2,7 @@
 
 #include <boost/json/fwd.hpp>
 #include <cstddef>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -34,27 +35,39 @@ struct RequestVariant {
 /// A screen scale as requests carry it, which is rounded: 1.25 is asked for as "1.2".
 [[nodiscard]] double scaleOnTheWire(double scale);
 
-/// One answer of the server, kept for the completed query that it answers. Immutable. The body is shared with the other
-/// answers that came in it, and each is charged the whole.
-struct CachedResultSet {
-    /// `resultSet` is one element of the decoded body; its values of a wrong kind count as absent, and an infinite
-    /// "max_age" as none. `now` is when it came.
-    CachedResultSet(std::string_view typedInput, const platform::URLRequest& request,
-                    const boost::json::object& resultSet, std::string networkUUID, platform::Body body,
-                    platform::MonotonicTime now);
-
-    [[nodiscard]] std::size_t cost() const { return data ? data->size() : 0; }
+/// What the answers in one body have in common.
+struct CachedResponse {
+    /// `arrived` is when the body came.
+    CachedResponse(std::string_view typedInput, const platform::URLRequest& request, std::string networkUUID,
+                   platform::Body body, platform::MonotonicTime arrived);
 
     const std::string input;        ///< as typed, in lower case
-    const std::string query;        ///< the completed query, in lower case; may be empty
-    const std::size_t inputLength;  ///< UTF-16 code units, as the next
-    const std::size_t queryLength;
-    const std::optional<platform::MonotonicTime> expireTime;  ///< none: stays good
-    const std::string uuid;                                   ///< of the network search that brought it
-    const double uiScale;                                     ///< 0: the request named none
-    const float completionScore;
-    const platform::Body data;
-    const RequestVariant variant;
+    const std::size_t inputLength;  ///< UTF-16 code units
+    const std::string uuid;         ///< of the network search that brought it
+    const double uiScale;           ///< 0: the request named none
+    const RequestVariant variant;   ///< of the request
+    const platform::Body data;      ///< the whole body
+    const platform::MonotonicTime arrived;
 };
+
+/// One answer of the server, kept for the completed query that it answers. Immutable. What it came with is shared with
+/// the other answers of that body, and each is charged the whole body.
+struct CachedResultSet {
+    /// `resultSet` is one element of the decoded body; its values of a wrong kind count as absent, and an infinite
+    /// "max_age" as none.
+    CachedResultSet(std::shared_ptr<const CachedResponse> response, const boost::json::object& resultSet);
+
+    [[nodiscard]] std::size_t cost() const { return response->data ? response->data->size() : 0; }
+
+    const std::shared_ptr<const CachedResponse> response;     ///< never null
+    const std::string query;                                  ///< the completed query, in lower case; may be empty
+    const std::size_t queryLength;                            ///< UTF-16 code units
+    const std::optional<platform::MonotonicTime> expireTime;  ///< none: stays good
+    const float completionScore;
+};
+
+/// The answers in `response` that may be kept: of its decoded body, a list, the elements that are no errors.
+[[nodiscard]] std::vector<std::shared_ptr<const CachedResultSet>> resultSetsIn(
+    const boost::json::value& decoded, const std::shared_ptr<const CachedResponse>& response);
 
 }  // namespace orvex

@@ -80,7 +80,7 @@ void ClientState::_replyFromCache(const ORXSearchRequest& request, const platfor
                                   const CachedResultSet& entry, ORXReplyCallback& reply) {
     reply(request.queryId,
           ORXReply{.scale = request.scale,
-                   .data = entry.data,
+                   .data = entry.response->data,
                    .httpRequest = std::nullopt,
                    .httpResponse = std::nullopt,
                    .geoSessionEntityString = _geoSessionEntity(httpRequest),
@@ -154,15 +154,11 @@ void ClientState::_finishSearch(SearchOnItsWay& search, const QueryResult& resul
 
 void ClientState::_cacheResponse(const QueryResult& result, const SearchOnItsWay& search) {
     if (!_queryCache || search.queryString.empty()) return;
-    const auto* elements = result.decoded() ? result.decoded()->if_array() : nullptr;
-    if (elements == nullptr) return;
-    const auto now = _assembly.dispatcher().now();
-    for (const auto& element : *elements) {
-        const auto* resultSet = element.if_object();
-        if (resultSet == nullptr || stringMember(*resultSet, "status") == "ERROR") continue;
-        _queryCache->set(std::make_shared<const CachedResultSet>(search.queryString, search.httpRequest, *resultSet,
-                                                                 search.networkSearch->uuid(), result.data, now));
-    }
+    if (!result.decoded()) return;
+    const auto response =
+        std::make_shared<const CachedResponse>(search.queryString, search.httpRequest, search.networkSearch->uuid(),
+                                               result.data, _assembly.dispatcher().now());
+    for (auto& entry : resultSetsIn(*result.decoded(), response)) _queryCache->set(std::move(entry));
 }
 
 void ClientState::_followForcedFetch(const platform::URLResponse& response) {

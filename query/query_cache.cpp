@@ -31,12 +31,13 @@ void keepSmallestExtension(std::vector<std::shared_ptr<const CachedResultSet>>& 
 struct QueryCache::Lookup {
     std::string input;
     std::size_t inputLength;
-    double scale;
+    std::optional<double> scale;  ///< none: any
     RequestVariant variant;
 
     [[nodiscard]] bool admits(const CachedResultSet& entry) const {
-        if (scale > 0 && scaleOnTheWire(scale) != entry.uiScale) return false;
-        return entry.inputLength <= inputLength && entry.variant == variant;
+        const CachedResponse& response = *entry.response;
+        if (scale && *scale != response.uiScale) return false;
+        return response.inputLength <= inputLength && response.variant == variant;
     }
 };
 
@@ -81,7 +82,7 @@ std::shared_ptr<const CachedResultSet> QueryCache::getRequest(const ORXSearchReq
     if (!request.queryItems.empty()) return nullptr;
     Lookup lookup{.input = platform::lowercased(request.queryString),
                   .inputLength = 0,
-                  .scale = request.scale,
+                  .scale = request.scale > 0 ? std::optional(scaleOnTheWire(request.scale)) : std::nullopt,
                   .variant = httpRequest != nullptr ? RequestVariant(*httpRequest) : RequestVariant()};
     lookup.inputLength = platform::utf16Length(lookup.input);
     cachingLog().debug("cache lookup: '{}' qtype {} suggest {}", platform::privately(lookup.input),
@@ -125,10 +126,10 @@ QueryCache::Candidates QueryCache::_candidates(const Lookup& lookup) {
 }
 
 void QueryCache::set(std::shared_ptr<const CachedResultSet> entry) {
-    if (!entry || !entry->data || entry->query.empty()) return;
-    if (entry->inputLength > entry->queryLength) {
+    if (!entry || !entry->response->data || entry->query.empty()) return;
+    if (entry->response->inputLength > entry->queryLength) {
         cachingLog().error("BUG: NOT caching '{}' because input is longer than completed query '{}'",
-                           platform::privately(entry->query), platform::privately(entry->input));
+                           platform::privately(entry->query), platform::privately(entry->response->input));
         return;
     }
     _queue.async([this, entry = std::move(entry)]() mutable {

@@ -40,9 +40,9 @@ protected:
     std::shared_ptr<const CachedResultSet> entry(std::string_view input, std::string_view resultSet,
                                                  const platform::URLRequest& request = requestFor("q=x"),
                                                  std::size_t bytes = 10) {
-        return std::make_shared<const CachedResultSet>(input, request, boost::json::parse(resultSet).as_object(),
-                                                       "UUID", std::make_shared<const std::string>(bytes, 'x'),
-                                                       time.now());
+        const auto response = std::make_shared<const CachedResponse>(
+            input, request, "UUID", std::make_shared<const std::string>(bytes, 'x'), time.now());
+        return std::make_shared<const CachedResultSet>(response, boost::json::parse(resultSet).as_object());
     }
     void set(std::string_view input, std::string_view resultSet,
              const platform::URLRequest& request = requestFor("q=x"), std::size_t bytes = 10) {
@@ -234,8 +234,8 @@ protected:
         const int score = static_cast<int>(upTo(5)) - 1;
         if (cache->usage().cost + 1034 >= QueryCache::maxCost) model.clear();
         cache->set(std::make_shared<const CachedResultSet>(
-            input, request, boost::json::object{{"query", query}, {"max_age", age}, {"completion_score", score}},
-            "UUID", body, time.now()));
+            std::make_shared<const CachedResponse>(input, request, "UUID", body, time.now()),
+            boost::json::object{{"query", query}, {"max_age", age}, {"completion_score", score}}));
         const auto expires = age > 0 ? std::optional(time.now() + std::chrono::seconds(age)) : std::nullopt;
         model[query] = {input.size(), expires, static_cast<float>(score)};
     }

@@ -39,7 +39,7 @@ void QueryFeedback::answeredFromCache(const RecordedQuery& query, const ORXSearc
     CXCacheHitFeedback hit;
     hit.set_trigger_event(static_cast<std::int32_t>(SkipReason::cacheHit));
     hit.set_input(request.queryString);
-    hit.set_uuid(entry.uuid);
+    hit.set_uuid(entry.response->uuid);
     _add(hit, query);
 }
 

@@ -7,7 +7,8 @@ import threading
 from collections import namedtuple
 from urllib.parse import parse_qsl, urlsplit
 
-Request = namedtuple("Request", "method path query headers body")  # query: (name, value) pairs, decoded, in order
+# query: (name, value) pairs, decoded, in order; connection: the same for requests that came over the same one
+Request = namedtuple("Request", "method path query headers body connection")
 
 
 class Answer:
@@ -75,7 +76,7 @@ class ScriptedServer:
                 url = urlsplit(self.path)
                 body = self.rfile.read(int(self.headers.get("Content-Length", 0)))
                 server._answer_to(Request(self.command, url.path, parse_qsl(url.query, keep_blank_values=True),
-                                          self.headers, body)).give(self)
+                                          self.headers, body, self.client_address)).give(self)
 
             do_GET = do_POST = do_HEAD = _serve
 

@@ -5,7 +5,7 @@ import json
 import unittest
 
 import harness
-from scripted_server import Answer, Held
+from scripted_server import Answer, Held, Reset
 
 
 class SearchTest(harness.Scenario):
@@ -26,6 +26,50 @@ class SearchTest(harness.Scenario):
         server.script("/search", held)
         self.start(server.url("/bag"))
         return server, held
+
+    def scripted(self, *answers, **bag):
+        """A client of a daemon whose searches get these answers, and the server."""
+        server = self.scripted_server()
+        server.script("/bag", json.dumps({"version": 1, "search_url": server.url("/search"),
+                                          "more_results_url": server.url("/search"),
+                                          "warm_url": server.url("/warm")} | bag))
+        server.script("/search", *answers)
+        self.start(server.url("/bag"))
+        return server, self.configured()
+
+    def test_typing_on_is_answered_from_memory(self):
+        answers = json.dumps([{"query": query, "completion_score": score} for query, score in
+                              (("weak", 0.2), ("wear", 0.9), ("weather", 5.0))])
+        server, client = self.scripted(answers, "[]")
+        self.assertEqual(bytes(client.search("we").reply["data"]).decode(), answers)
+        answer = client.search("wea", query_id=2, verbose_reply=True)
+        self.assertEqual((answer.query_id, bytes(answer.reply["data"]).decode()), (2, answers))
+        self.assertNotIn("http_response", answer.reply)
+        self.assertEqual(len(server.requests_for("/search")), 1)
+        self.orvexd.wait_for_log("prefix:", 2)  # of weak and wear, and not of weather
+        self.assertEqual(client.search("w").suggestions, [])
+        self.assertEqual(len(server.requests_for("/search")), 2)
+
+    def test_lookups_are_tried_again_three_times_and_what_has_no_time_never(self):
+        server, client = self.scripted(Reset(), search_render_timeout=600_000)
+        for kind, attempts in (("lookup", 4), ("zero_keyword", 1), ("more_results", 1)):
+            with self.subTest(kind):
+                before = len(server.requests_for("/search"))
+                answer = client.request(kind, query_id=3)
+                self.assertEqual((answer.query_id, answer.error["code"], answer.reply), (3, -1005, {}))
+                self.assertEqual(len(server.requests_for("/search")) - before, attempts)
+
+    def test_a_search_goes_over_the_connection_that_was_warmed(self):
+        server, client = self.scripted("[]")
+        server.script("/warm", Answer("warm"))
+        tool = self.run_program("orvex_tool", "--bus", self.private_bus.address, "--identifier", "another",
+                                "report", json.dumps({"searchViewAppear": {"viewAppearEvent": 2}}))
+        self.orvexd.wait_for_log("Status for warm request: (200)")
+        client.search("tea")
+        warm, search = server.requests_for("/warm"), server.requests_for("/search")
+        self.assertEqual((len(warm), len(search)), (1, 1))
+        self.assertEqual(warm[0].connection, search[0].connection)
+        self.assertEqual(tool.wait(), 0, tool.describe())
 
     def test_a_typed_word_comes_back_with_suggestions(self):
         server = self.server()

@@ -60,6 +60,24 @@ class ToolTest(harness.Scenario):
             self.assertEqual(self.tool("completions", "clear", *arguments).wait(), 0)
             self.assertEqual(len(stored()), left)
 
+    def test_a_record_that_was_reported_is_in_the_open_session(self):
+        self.start()
+        for arguments in (["report", '{"visibleResults": {"results": [{"identifier": "r"}]}}', "--query-id", "7"],
+                          ["report", '{"custom": {"jsonFeedback": "eyJhIjogMS41fQ=="}}']):
+            self.assertEqual(self.tool(*arguments).wait(), 0)
+        document = self.tool("--json", "feedback")
+        self.assertEqual(document.wait(), 0, document.describe())
+        records = {record["type"]: record for record in json.loads(document.out[0])}
+        self.assertEqual(records["visible_results"]["results"], [{"identifier": "r"}])
+        self.assertEqual(records["visible_results"]["query_id"], 7)
+        self.assertGreater(records["visible_results"]["timestamp"], 0, "it was given the time of its arrival")
+        self.assertIn("orvex_tool/", records["visible_results"]["user_agent"])
+        self.assertEqual(records["custom_unknown"]["a"], 1.5)
+        page = self.tool("feedback")
+        self.assertEqual(page.wait(), 0)
+        self.assertTrue(any("visible_results" in line for line in page.out), page.describe())
+        self.assertEqual(self.tool("report", '{"type": 12, "endSearch": {}}').wait(), 1)
+
     def test_an_answered_error_is_status_1(self):
         self.start()
         self.reference.misbehave({"path": "/search", "action": "reset", "times": 0})

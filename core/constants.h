@@ -11,6 +11,8 @@ inline constexpr std::string_view kORXObjectPath = "/com/kelvar/orvexd";
 inline constexpr std::string_view kORXDaemonInterface = "com.kelvar.orvexd.Daemon";
 inline constexpr std::string_view kORXLaunchEventsInterface = "com.kelvar.orvexd.LaunchEvents";
 inline constexpr std::string_view kORXDiagnosticsInterface = "com.kelvar.orvexd.Diagnostics";
+inline constexpr std::string_view kORXFlusherPath = "/com/kelvar/orvexd/flusher";
+inline constexpr std::string_view kORXFlusherInterface = "com.kelvar.orvexd.Flusher";
 
 /// The bus error of what went wrong within the daemon; its message is the reason.
 inline constexpr std::string_view kORXInternalError = "com.kelvar.orvexd.Error.Internal";

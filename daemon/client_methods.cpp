@@ -14,7 +14,6 @@
 #include "daemon/feedback_payload.h"
 #include "daemon/orvex_logging.h"
 #include "feedback/client_session_manager_protocol.h"
-#include "feedback/orvex_flusher_xpc.h"
 #include "network/orx_tracing.h"
 #include "platform/locale.h"
 #include "platform/notification_center.h"

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "core/constants.h"
 #include "feedback/flusher_listener.h"
 #include "platform/bus.h"
 #include "platform/dispatch.h"
@@ -14,9 +15,6 @@
 namespace orvex {
 
 class Assembly;
-
-inline constexpr std::string_view kORXFlusherPath = "/com/kelvar/orvexd/flusher";
-inline constexpr std::string_view kORXFlusherInterface = "com.kelvar.orvexd.Flusher";
 
 /// What a tool asks for with `InitiateConnectionWithIntent`; any other number is logged.
 enum class FlusherIntent : std::uint64_t {

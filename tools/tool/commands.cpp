@@ -23,15 +23,6 @@ namespace json = boost::json;
 using platform::BusArguments;
 using Answer = std::expected<BusArguments, platform::BusError>;
 
-ExitStatus tell(const platform::BusError& error) {
-    if (meansNoDaemon(error)) {
-        fmt::print(stderr, "orvex_tool: no orvexd on the bus ({})\n", error.message);
-        return ExitStatus::noDaemon;
-    }
-    fmt::print(stderr, "orvex_tool: {} ({})\n", error.message, error.name);
-    return ExitStatus::refused;
-}
-
 ExitStatus tellWrongUsage(const std::string& why) {
     fmt::print(stderr, "orvex_tool: {}\n", why);
     return ExitStatus::wrongUsage;
@@ -102,6 +93,15 @@ platform::Result<platform::BusDictionary> requestDictionary(const RequestOptions
 }
 
 }  // namespace
+
+ExitStatus tell(const platform::BusError& error) {
+    if (meansNoDaemon(error)) {
+        fmt::print(stderr, "orvex_tool: no orvexd on the bus ({})\n", error.message);
+        return ExitStatus::noDaemon;
+    }
+    fmt::print(stderr, "orvex_tool: {} ({})\n", error.message, error.name);
+    return ExitStatus::refused;
+}
 
 std::expected<DaemonClient, ExitStatus> connectAsClient(const Options& options) {
     auto client = connect(options);

@@ -6,6 +6,9 @@
 #include <string>
 #include <vector>
 
+namespace orvex::platform {
+struct BusError;
+}
 namespace orvex::tool {
 
 class DaemonClient;
@@ -25,6 +28,9 @@ struct Options {
     std::string userAgent;
     bool json = false;  ///< one JSON document instead of text for people
 };
+
+/// Tells the error on standard error.
+ExitStatus tell(const platform::BusError& error);
 
 /// Connected, and known to the daemon as a client; the error is told.
 std::expected<DaemonClient, ExitStatus> connectAsClient(const Options& options);
@@ -57,6 +63,12 @@ struct ReportOptions {
 ExitStatus reportFeedback(const Options& options, const ReportOptions& report);
 ExitStatus showFeedback(const Options& options);         ///< the records of the open session
 ExitStatus showPendingFeedback(const Options& options);  ///< what would be uploaded of each finished session
+
+// The flusher channel. Listening goes on until the process is interrupted or the daemon leaves (`noDaemon`).
+enum class Listening : std::uint8_t { uploads, feedback };
+ExitStatus listenTo(const Options& options, Listening listening);
+ExitStatus stopFlushing(const Options& options);
+ExitStatus dump(const Options& options);  ///< shows what is uploaded, until all that waited is
 
 ExitStatus readDefaults(const Options& options, const std::string& key);  ///< an empty key: all that are stored
 ExitStatus writeDefault(const Options& options, const std::string& key, const std::string& value);

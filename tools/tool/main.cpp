@@ -114,6 +114,16 @@ private:
                 return _pending ? orvex::tool::showPendingFeedback(_options) : orvex::tool::showFeedback(_options);
             };
         });
+        auto* listen = _app.add_subcommand("listen", "Show what passes through the daemon, until interrupted");
+        listen->require_subcommand(1);
+        listen->add_subcommand("uploads", "What is uploaded, inflated")->callback([this] {
+            _chosen = [this] { return orvex::tool::listenTo(_options, orvex::tool::Listening::uploads); };
+        });
+        listen->add_subcommand("feedback", "Each record as it comes")->callback([this] {
+            _chosen = [this] { return orvex::tool::listenTo(_options, orvex::tool::Listening::feedback); };
+        });
+        _add("stop-flushing", "Upload no feedback by the clock, until a dump", orvex::tool::stopFlushing);
+        _add("dump", "Upload all feedback now, and show it", orvex::tool::dump);
         auto* report = _app.add_subcommand("report", "Report one feedback record");
         report->add_option("JSON", _report.payload, "A CXFeedbackPayload in protobuf's JSON form")->required();
         report->add_option("--query-id", _report.queryId, "The query that it belongs to");

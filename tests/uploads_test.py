@@ -1,0 +1,118 @@
+"""Feedback on its way: from a client's record to what the server keeps, across kills of the daemon at each stage."""
+
+import json
+import unittest
+
+from harness import Scenario, wait_until
+
+FLUSH = "com.kelvar.orvexd.flusher.background"
+REPORT = '{"searchViewAppear": {"timestamp": 5000000, "viewAppearEvent": 1, "isOnLockScreen": false}}'
+
+
+class Uploads(Scenario):
+    def setUp(self):
+        super().setUp()
+        self.kept = self.directory / "uploads"
+        self.kept.mkdir()
+        self.session_bus = self.bus()
+        self.reference = self.server("--feedback-dir", str(self.kept))
+
+    def start(self):
+        """A daemon that has its bag, as often as one has been killed."""
+        # Debug: the session is found in the log, and dictionaries are compared with what is private.
+        self.running = self.daemon(self.session_bus, "--log-level", "debug",
+                                   defaults={"ORXBagURL": self.reference.bag_url})
+        client = self.client(self.session_bus).configure(user_agent="lumisk/7 (scenario)")
+        self.assertTrue(client.wait_for_signal("BagDidLoad")[0])
+        return client
+
+    def tool(self, *arguments):
+        return self.run_program("orvex_tool", "--bus", self.session_bus.address, "--user-agent", "lumisk/7 (scenario)",
+                                *arguments)
+
+    def report(self, count=1):
+        for _ in range(count):
+            reported = self.tool("report", REPORT)
+            self.assertEqual(reported.wait(), 0, reported.describe())
+
+    def uploads(self):
+        """What the server has kept, in order: each the head and the session."""
+        heads = sorted(self.kept.glob("upload.*.json"), key=lambda path: int(path.name.split(".")[1]))
+        return [(json.loads(head.read_text()), json.loads(head.with_suffix(".body").read_text())) for head in heads]
+
+    def wait_for_uploads(self, count):
+        return wait_until(lambda: len(self.uploads()) >= count and self.uploads(),
+                          lambda: f"{count} uploads; {self.running.describe()}")
+
+    def records(self, uploads):
+        return sum(record["type"] == "search_view_appear" for _, session in uploads for record in session["fb"])
+
+    def test_a_dump_uploads_what_was_reported_and_shows_it(self):
+        client = self.start()
+        self.report(2)
+        dumped = self.tool("dump")
+        self.assertEqual(dumped.wait(), 0, dumped.describe())
+        (head, session), = [upload for upload in self.wait_for_uploads(len(dumped.out))
+                            if upload[1]["agent"] == "lumisk/7 (scenario)"]
+        self.assertIn(session, [json.loads(line) for line in dumped.out])
+        self.assertEqual((head["path"], head["items"]), ("/feedback", [["v", "2"]]))
+        self.assertEqual(set(session), {"fb", "agent", "user_guid", "resource_versions", "first_use", "base_time",
+                                        "previous_session_end_reason"})
+        self.assertEqual((session["first_use"], session["previous_session_end_reason"]), (True, "unknown"))
+        reported = [record for record in session["fb"] if record["type"] == "search_view_appear"]
+        self.assertEqual([record["viewAppearEvent"] for record in reported], [1, 1])
+        self.assertEqual(session["fb"][-1], session["fb"][-1] | {"type": "session_end", "reason": "external_request"})
+        wait_until(lambda: client.counter("com.kelvar.orvexd.feedbacksent") == 7 * len(self.uploads()),
+                   "the count of what was sent")
+        self.assertEqual(list(self.running.caches.glob("session.*")), [])
+        self.assertEqual(self.reference.state()["violations"], 0)
+
+    def test_a_kill_at_any_stage_loses_nothing_and_repeats_one_upload_at_most(self):
+        # Killed with the session open.
+        self.start()
+        self.report()
+        self.running.kill()
+        # Killed with its upload on the wire.
+        self.reference.misbehave({"path": "/feedback", "action": "stall", "times": 1})
+        client = self.start()
+        client.call("RunActivity", "s", FLUSH, interface="com.kelvar.orvexd.LaunchEvents")
+        wait_until(lambda: any(request["path"] == "/feedback" for request in self.reference.state()["last_requests"]),
+                   "the first upload")
+        self.running.kill()
+        self.reference.misbehave()
+        # It goes on by itself.
+        self.start()
+        uploads = self.wait_for_uploads(1)
+        self.assertGreaterEqual(self.records(uploads), 1)
+        digests = [head["digest"] for head, _ in uploads]
+        self.assertLessEqual(len(digests) - len(set(digests)), 1)
+
+    def test_stopped_flushing_outlives_the_process_and_ends_with_a_dump(self):
+        self.start()
+        self.report()
+        stopped = self.tool("stop-flushing")
+        self.assertEqual(stopped.wait(), 0, stopped.describe())
+        self.running.kill()
+        client = self.start()
+        client.call("RunActivity", "s", FLUSH, interface="com.kelvar.orvexd.LaunchEvents")
+        self.running.wait_for_log("Flusher bailing because periodic flush is disabled.")
+        self.assertEqual(self.uploads(), [])
+        self.assertEqual(self.tool("dump").wait(), 0)
+        self.assertGreaterEqual(self.records(self.wait_for_uploads(1)), 1)
+        client.call("RunActivity", "s", FLUSH, interface="com.kelvar.orvexd.LaunchEvents")
+        self.running.wait_for_log("Flushing Orvex feedback.")
+
+    def test_a_listener_sees_records_as_they_come(self):
+        self.start()
+        listener = self.tool("listen", "feedback")
+        self.running.wait_for_log("new listener for client feedbacks")
+        self.report()
+        seen = wait_until(lambda: [json.loads(line) for line in list(listener.out) if "search_view_appear" in line],
+                          lambda: f"the record; {listener.describe()}")
+        self.assertEqual(seen[0]["timestamp"], 5)
+        self.running.stop()
+        self.assertEqual(listener.wait(), 3)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -179,6 +179,7 @@ void ClientSessionManager::_showToListener(const CXOrvexFeedback& record) const 
 }
 
 bool ClientSessionManager::_isFeedbackEnabled(const std::string& userAgent) {
+    if (_assembly.userDefaults().boolean("ORXFeedbackDisabled")) return false;
     const auto& controller = _assembly.bagController();
     const auto bag = controller ? controller->currentBag() : nullptr;
     if (!bag) return true;

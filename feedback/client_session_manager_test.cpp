@@ -228,14 +228,14 @@ TEST(ClientSessionManagerTest, EveryEventInEveryStateDoesWhatTheTableSays) {
 
 TEST(ClientSessionManagerTest, CellsThatNothingLeadsToDoNothing) {
     for (const auto& [event, state] : {std::pair{SessionEvent::softLimit, after},
-                                      {SessionEvent::softLimit, none},
-                                      {SessionEvent::maximumTime, before},
-                                      {SessionEvent::maximumTime, none},
-                                      {SessionEvent::recordAfterIdle, before},
-                                      {SessionEvent::recordAfterIdle, none},
-                                      {SessionEvent::guidChanged, none},
-                                      {SessionEvent::sessionEndingRecord, before},
-                                      {SessionEvent::sessionEndingRecord, none}}) {
+                                       {SessionEvent::softLimit, none},
+                                       {SessionEvent::maximumTime, before},
+                                       {SessionEvent::maximumTime, none},
+                                       {SessionEvent::recordAfterIdle, before},
+                                       {SessionEvent::recordAfterIdle, none},
+                                       {SessionEvent::guidChanged, none},
+                                       {SessionEvent::sessionEndingRecord, before},
+                                       {SessionEvent::sessionEndingRecord, none}}) {
         EXPECT_EQ(sessionTransition(event, state), (SessionTransition{.flush = std::nullopt, .next = state}));
     }
 }

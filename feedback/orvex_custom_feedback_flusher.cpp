@@ -17,6 +17,7 @@
 #include "network/bag_controller.h"
 #include "platform/counters.h"
 #include "platform/property_value.h"
+#include "platform/user_defaults.h"
 
 namespace orvex {
 namespace {
@@ -31,6 +32,10 @@ const platform::Logger& flusherLog() { return OrvexLogForCategory(OrvexLoggingCa
 }  // namespace
 
 void OrvexCustomFeedbackFlusher::flushCustomFeedbackWithCompletionHandler(std::move_only_function<void()> completion) {
+    if (_assembly.userDefaults().boolean("ORXFeedbackDisabled")) {
+        if (completion) completion();
+        return;
+    }
     const auto caches = _assembly.fileManager().cachesDirectory();
     if (!caches) {
         flusherLog().error("Failed to get cache directory: {}", caches.error().text);

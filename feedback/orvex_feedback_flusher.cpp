@@ -14,6 +14,7 @@
 #include "platform/background_activity.h"
 #include "platform/counters.h"
 #include "platform/mapped_file.h"
+#include "platform/user_defaults.h"
 
 namespace orvex {
 namespace {
@@ -145,6 +146,7 @@ void OrvexFeedbackFlusher::forceFlushWithCompletion(std::move_only_function<void
 }
 
 bool OrvexFeedbackFlusher::_mayTakeFiles() const {
+    if (_assembly.userDefaults().boolean("ORXFeedbackDisabled")) return false;
     const auto& bags = _assembly.bagController();
     return _assembly.uploadManager() && ((bags && bags->inMemoryBag()) || toolListens(_assembly));
 }

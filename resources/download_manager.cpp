@@ -193,11 +193,11 @@ std::optional<std::string_view> DownloadManager::_reason(const DownloadResource&
     return isLookupResource(resource.identifier) ? std::optional<std::string_view>("lookup") : std::nullopt;
 }
 
-void DownloadManager::_deleteFile(const std::string& identifier) {
+bool DownloadManager::_deleteFile(const std::string& identifier) {
     const auto caches = _assembly.fileManager().cachesDirectory();
     if (!caches) {
         log().log("error trying to get path to file for deletion {}", caches.error().text);
-        return;
+        return false;
     }
     const auto removed = (*caches)->remove(identifier);
     if (removed) {
@@ -205,6 +205,23 @@ void DownloadManager::_deleteFile(const std::string& identifier) {
     } else if (removed.error().code != ENOENT) {
         log().log("error trying to remove file at url {}/{}: {}", (*caches)->path(), identifier, removed.error().text);
     }
+    return removed.has_value();
+}
+
+void DownloadManager::deleteAllResources(std::move_only_function<void(std::size_t files)> deleted) {
+    _start();
+    _assembly.downloadURLSession().getAllTasks(
+        [self = shared_from_this(), deleted = std::move(deleted)](const platform::BackgroundTasks& tasks) mutable {
+            for (const auto& task : tasks) task->cancel();
+            self->_queue.async([self, deleted = std::move(deleted)]() mutable {
+                self->_queue.assertCurrent();
+                std::size_t files = 0;
+                for (const auto& [identifier, resource] : self->_resources) files += self->_deleteFile(identifier);
+                self->_resources.clear();
+                self->_saveResources();
+                deleted(files);
+            });
+        });
 }
 
 // What peers ask for

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdint>
 #include <expected>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -54,6 +55,10 @@ public:
     [[nodiscard]] std::map<std::string, std::string> resourceVersions();
     [[nodiscard]] std::optional<DownloadResource> resourceForKey(const std::string& identifier) const;
 
+    /// Cancels every download, deletes every file and forgets where they came from; the next bag brings them anew.
+    /// `deleted` comes on the queue, with the number of files.
+    void deleteAllResources(std::move_only_function<void(std::size_t files)> deleted);
+
     [[nodiscard]] platform::SerialQueue& queue() { return _queue; }
 
     void willBeginDelayedRequest(const std::shared_ptr<platform::BackgroundTask>& task,
@@ -77,7 +82,7 @@ private:
     void _addResource(const std::string& identifier, const std::optional<std::string>& url) ORX_REQUIRES(_queue);
     /// Why the resource is to be downloaded from there, as the server is told; none: it is not.
     [[nodiscard]] std::optional<std::string_view> _reason(const DownloadResource& resource, std::string_view url) const;
-    void _deleteFile(const std::string& identifier) ORX_REQUIRES(_queue);
+    bool _deleteFile(const std::string& identifier) ORX_REQUIRES(_queue);  ///< whether there was one
 
     struct Download {
         std::string_view identifier;

@@ -3,7 +3,7 @@
 import json
 import unittest
 
-from harness import Scenario, wait_until
+from harness import Process, Scenario, program, wait_until
 
 FLUSH = "com.kelvar.orvexd.flusher.background"
 REPORT = '{"searchViewAppear": {"timestamp": 5000000, "viewAppearEvent": 1, "isOnLockScreen": false}}'
@@ -29,6 +29,11 @@ class Uploads(Scenario):
     def tool(self, *arguments):
         return self.run_program("orvex_tool", "--bus", self.session_bus.address, "--user-agent", "lumisk/7 (scenario)",
                                 *arguments)
+
+    def listen(self, what):
+        """A tool that listens until the daemon leaves."""
+        arguments = [program("orvex_tool"), "--bus", self.session_bus.address, "listen", what]
+        return self._keep(Process(arguments, self.environment()))
 
     def report(self, count=1):
         for _ in range(count):
@@ -104,7 +109,7 @@ class Uploads(Scenario):
 
     def test_a_listener_sees_records_as_they_come(self):
         self.start()
-        listener = self.tool("listen", "feedback")
+        listener = self.listen("feedback")
         self.running.wait_for_log("new listener for client feedbacks")
         self.report()
         seen = wait_until(lambda: [json.loads(line) for line in list(listener.out) if "search_view_appear" in line],

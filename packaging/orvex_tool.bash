@@ -3,7 +3,7 @@ _orvex_tool() {
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} command='' word words=''
     COMPREPLY=()
     case $previous in
-        --bus | --identifier | --user-agent | --set | --from | --to) return ;;
+        --bus | --identifier | --user-agent | --set | --from | --to | --query-id) return ;;
         -o) compopt -o default && return ;;
     esac
     # The command is the first word that is neither an option nor an option's value.

@@ -17,6 +17,7 @@
 #include "feedback/persistent_storage.h"
 #include "feedback/session_dictionary.h"
 #include "platform/counters.h"
+#include "resources/download_manager.h"
 
 namespace orvex {
 namespace {
@@ -31,6 +32,7 @@ ClientSession::ClientSession(Assembly& assembly, std::unique_ptr<CXOrvexFeedback
       _backingStore(std::make_unique<CXClientSession>()),
       _sessionQueue(assembly.dispatcher(), "com.kelvar.orvexd.clientSessionQueue") {
     _begin(first.get(), previousSessionEndReason);
+    _takeResourceVersions();
     const auto& storage = assembly.persistentStorage();
     _storageHandle = storage ? storage->createFileContainerForWriting() : nullptr;
     if (_storageHandle) _storageHandle->writeSessionHeader(*_backingStore);
@@ -58,6 +60,14 @@ void ClientSession::_begin(const CXOrvexFeedback* first, SessionEndReason previo
         _assembly.counters().add(createAggdKey(*client, "sessions"));
     }
     determineFirstUse(_assembly, session);
+}
+
+void ClientSession::_takeResourceVersions() {
+    const auto& downloads = _assembly.downloadManager();
+    if (!downloads) return;
+    for (auto& [identifier, version] : downloads->resourceVersions()) {
+        (*_backingStore->mutable_resource_versions())[identifier] = version;
+    }
 }
 
 std::shared_ptr<ClientSession> ClientSession::createFeedbackSessionFromError(const ORXError& error,

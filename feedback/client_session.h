@@ -63,6 +63,7 @@ public:
 
 private:
     void _begin(const CXOrvexFeedback* first, SessionEndReason previousSessionEndReason);
+    void _takeResourceVersions();
     void _write(const CXOrvexFeedback& record, RecordReceipt receipt);
     void _tellDifferentGUID(const CXOrvexFeedback& record);
 

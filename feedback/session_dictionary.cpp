@@ -67,20 +67,6 @@ void sortByTime(SessionRecords& records) {
     records = std::move(sorted);
 }
 
-boost::json::array feedbacksWithRelativeTimestamp(SessionRecords records) {
-    boost::json::array dictionaries;
-    RelativeTime time;
-    for (auto& record : records) {
-        time.stamp(record);
-        if (auto form = dictionary(record)) {
-            dictionaries.push_back(*std::move(form));
-        } else {
-            feedbackLog().error("Feedback didn't parse to JSON.");
-        }
-    }
-    return dictionaries;
-}
-
 boost::json::array privacyFilteredFeedbacksWithRelativeTimestamp(const Assembly& assembly,
                                                                  const CXClientSession& session,
                                                                  SessionRecords records) {

@@ -17,9 +17,7 @@ void sortByTime(SessionRecords& records);
 
 /// The dictionaries of `records`, which are by time. Each record's "timestamp" is relative to the first that has one,
 /// in milliseconds. A record without a dictionary is left out, logged.
-[[nodiscard]] boost::json::array feedbacksWithRelativeTimestamp(SessionRecords records);
-
-/// The same, led by what the records used and never announced: missing suggestions, then missing results, if any.
+/// They are led by what the records used and never announced: missing suggestions, then missing results, if any.
 [[nodiscard]] boost::json::array privacyFilteredFeedbacksWithRelativeTimestamp(const Assembly& assembly,
                                                                                const CXClientSession& session,
                                                                                SessionRecords records);

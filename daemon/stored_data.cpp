@@ -3,11 +3,11 @@
 #include <fmt/format.h>
 
 #include <boost/json/object.hpp>
-#include <boost/json/serialize.hpp>
 #include <memory>
 
 #include "core/constants.h"
 #include "core/feedback_records.pb.h"
+#include "core/json.h"
 #include "daemon/assembly.h"
 #include "feedback/client_session.h"
 #include "feedback/client_session_manager_protocol.h"
@@ -104,7 +104,7 @@ std::vector<std::string> StoredData::pendingFeedback() const {
         auto session = file->read();
         if (!session) continue;
         ClientSession read(_assembly, *std::move(session));
-        texts.push_back(boost::json::serialize(read.getFeedbacksToSend()));
+        texts.push_back(compactJSON(read.getFeedbacksToSend()));
     }
     return texts;
 }

@@ -4,10 +4,10 @@
 
 #include <array>
 #include <boost/json/object.hpp>
-#include <boost/json/serializer.hpp>
 
 #include "core/compressed_output_stream.h"
 #include "core/http_description.h"
+#include "core/json.h"
 #include "core/orx_bag.h"
 #include "core/output_stream.h"
 #include "daemon/assembly.h"
@@ -58,14 +58,8 @@ private:
 
 /// Writes `object` and closes `stream`.
 void writeJSON(const boost::json::object& object, OutputStream& stream) {
-    boost::json::serializer serializer;
-    serializer.reset(&object);
-    std::array<char, kORXUploadPieceBytes> buffer;
     PieceOutputStream pieces(stream, kORXUploadPieceBytes);
-    while (!serializer.done() && stream.streamStatus() == StreamStatus::open) {
-        const auto text = serializer.read(buffer.data(), buffer.size());
-        pieces.write({text.data(), text.size()});
-    }
+    pieces.write(compactJSON(object));
     pieces.close();
 }
 

@@ -11,6 +11,7 @@
 #include "feedback/guid_controller.h"
 #include "network/bag_controller.h"
 #include "network/orx_network_request_factory.h"
+#include "platform/counters.h"
 #include "platform/dispatch.h"
 #include "platform/notification_center.h"
 #include "platform/user_defaults.h"
@@ -222,7 +223,14 @@ std::optional<std::string> ClientState::_geoSessionEntity(const platform::URLReq
     return factory ? factory->getMapsUserSessionEntityAndReset(ResetMapsSession::no) : std::nullopt;
 }
 
+bool ClientState::_mayAskServer() const {
+    if (!_assembly.userDefaults().boolean("ORXNetworkSearchDisabled")) return true;
+    _assembly.counters().add("com.kelvar.orvexd.queries.dropped.networkdisabled");
+    return false;
+}
+
 void ClientState::warm() {
+    if (!_mayAskServer()) return;
     const auto& controller = _assembly.bagController();
     const auto url = controller ? controller->warmURL() : std::nullopt;
     if (!url) {

@@ -116,6 +116,8 @@ private:
     /// Puts the best completion into the request; returns the callback, which brings the others into the reply.
     [[nodiscard]] ORXReplyCallback _offerLocalCompletions(ORXSearchRequest& request, const ORXBag& bag,
                                                           ORXReplyCallback reply) const;
+    /// False, counted, while the user default "ORXNetworkSearchDisabled" is on: answers come from memory alone.
+    [[nodiscard]] bool _mayAskServer() const;
     [[nodiscard]] bool _isTooShort(const ORXSearchRequest& request, const ORXBag& bag, ORXReplyCallback& reply) const;
     void _replyFromCache(const ORXSearchRequest& request, const platform::URLRequest& httpRequest,
                          const CachedResultSet& entry, ORXReplyCallback& reply);

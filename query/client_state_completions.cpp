@@ -61,7 +61,7 @@ ORXReplyCallback ClientState::_offerLocalCompletions(ORXSearchRequest& request, 
     if (found.empty()) return reply;
     return [reply = std::move(reply), rest = std::move(found)](std::uint64_t queryId, std::optional<ORXReply> answer,
                                                                std::optional<ORXError> error) mutable {
-        if (answer) answer->localSuggestions = std::move(rest);
+        if (answer) std::ranges::move(rest, std::back_inserter(answer->localSuggestions));
         reply(queryId, std::move(answer), std::move(error));
     };
 }

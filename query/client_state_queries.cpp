@@ -104,6 +104,7 @@ std::optional<ClientState::BoundBag> ClientState::_bagForQuery(const QueryTexts&
 }
 
 void ClientState::_dispatchQuery(QueryOnItsWay query, Dispatch dispatch) {
+    if (!_mayAskServer()) return query.fail(std::nullopt);
     const auto& factory = _assembly.requestFactory();
     const bool mayUseProxy = factory && fieldMaskFor(dispatch.userAgent) == FieldMask::none;
     const auto networkSearch = _startSearchEventForRequest(query.httpRequest, dispatch.occasion, dispatch.userAgent);

@@ -73,6 +73,14 @@ void ClientState::search(ORXSearchRequest request, platform::MonotonicTime arriv
         _replyFromCache(request, *httpRequest, *entry, reply);
         return;
     }
+    if (!_mayAskServer()) {
+        std::optional<ORXReply> local;
+        if (!request.completionCacheSuggestions.empty()) {
+            local.emplace(ORXReply{.scale = request.scale, .localSuggestions = request.completionCacheSuggestions});
+        }
+        reply(request.queryId, std::move(local), std::nullopt);
+        return;
+    }
     _dispatchSearch(std::move(request), *std::move(httpRequest), bound->userAgent, std::move(reply));
 }
 

@@ -117,9 +117,8 @@ TEST_F(ClientConnectionTest, AConnectionWithAStateKeepsItWhateverItIsToldLater) 
 
 TEST_F(ClientConnectionTest, WithoutAStateNobodyIsLeftWaiting) {
     world.start();
-    for (const auto* member : {"Bag", "ListenToFlusher"}) {
-        EXPECT_EQ(world.callDaemon(":1.1", member)->errorName(), platform::bus_error::noReply) << member;
-    }
+    EXPECT_EQ(world.callDaemon(":1.1", "Bag")->errorName(), platform::bus_error::noReply);
+    EXPECT_TRUE(world.callDaemon(":1.1", "ListenToFlusher")->arguments);  // needs none
     EXPECT_EQ(world.callDaemon(":1.1", "Feedback", {""})->errorName(), platform::bus_error::noReply);
     EXPECT_EQ(world.search(":1.1", "a")->errorName(), platform::bus_error::noReply);
     EXPECT_EQ(

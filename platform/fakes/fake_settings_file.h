@@ -4,6 +4,7 @@
 #include <optional>
 #include <utility>
 
+#include "platform/installed_applications.h"
 #include "platform/installed_dictionaries.h"
 #include "platform/settings_file.h"
 
@@ -38,6 +39,22 @@ public:
 
 private:
     std::vector<std::string> _languages;
+    std::function<void()> _handler;
+};
+
+/// Applications that the test installs.
+class FakeInstalledApplications final : public InstalledApplications {
+public:
+    [[nodiscard]] std::vector<InstalledApplication> applications() const override { return _applications; }
+    void setChangeHandler(std::function<void()> handler) override { _handler = std::move(handler); }
+
+    void install(std::vector<InstalledApplication> applications) {
+        _applications = std::move(applications);
+        if (_handler) _handler();
+    }
+
+private:
+    std::vector<InstalledApplication> _applications;
     std::function<void()> _handler;
 };
 

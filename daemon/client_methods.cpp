@@ -21,6 +21,7 @@
 #include "platform/user_defaults.h"
 #include "query/client_state.h"
 #include "query/engaged_completion_cache.h"
+#include "resources/download_manager.h"
 
 // The methods of com.kelvar.orvexd.Daemon, each on the connection's queue. A method that returns without answering lets
 // its reply go, and a reply that goes unanswered tells the caller that none will come.
@@ -29,6 +30,7 @@ namespace orvex {
 namespace {
 
 constexpr std::string_view invalidConfiguration = "com.kelvar.orvexd.Error.InvalidConfiguration";
+constexpr std::string_view notFoundError = "com.kelvar.orvexd.Error.NotFound";
 
 const platform::Logger& sessionLog() { return OrvexLogForCategory(OrvexLoggingCategory::session); }
 const platform::Logger& bagLog() { return OrvexLogForCategory(OrvexLoggingCategory::bag); }
@@ -251,7 +253,26 @@ void ClientConnection::_listenToFlusher(Call& call) {
     _ensureState();
     if (_assembly.flusherListener()) call.reply.answer({platform::BusObjectPath{std::string(kORXFlusherPath)}});
 }
-void ClientConnection::_fileHandleAndAttributesForResource(Call&) { _ensureState(); }
+
+void ClientConnection::_fileHandleAndAttributesForResource(Call& call) {
+    _ensureState();
+    const auto& downloads = _assembly.downloadManager();
+    if (!downloads) return;
+    auto file = downloads->fileHandleForResource(*call.arguments[0].as<std::string>());
+    if (!file) {
+        const bool missing = file.error().code == static_cast<std::int64_t>(ORXErrorCode::notFound);
+        call.reply.fail(missing ? notFoundError : kORXInternalError, file.error().reason.value_or("no such resource"));
+        return;
+    }
+    const auto& [size, created, modified, permissions] = file->attributes;
+    platform::BusDictionary attributes;
+    attributes.set("size", size)
+        .set("creation_date", platform::secondsSince1970(created))
+        .set("modification_date", platform::secondsSince1970(modified))
+        .set("permissions", permissions);
+    call.reply.answer({platform::BusFile{std::make_shared<platform::FileDescriptor>(std::move(file->descriptor))},
+                       std::move(attributes)});
+}
 
 void ClientConnection::_listSessions(Call& call) {
     _ensureState();

@@ -16,6 +16,7 @@
 #include "platform/fakes/fake_locale.h"
 #include "platform/fakes/fake_location.h"
 #include "platform/fakes/fake_memory_pressure.h"
+#include "platform/fakes/fake_settings_file.h"
 #include "platform/fakes/fake_url_session.h"
 #include "platform/fakes/fake_user_defaults.h"
 #include "platform/fakes/manual_dispatcher.h"
@@ -92,6 +93,8 @@ public:
     platform::RecordingLog log;
     platform::ManualDispatcher time;
     platform::FakeUserDefaults defaults;
+    platform::FakeUserDefaults lookupDefaults;
+    platform::FakeInstalledApplications applications;
     platform::FakeFileManager files;
     platform::NotificationCenter notifications;
     platform::FakeURLSessionFactory sessions{time};
@@ -118,7 +121,9 @@ public:
                        .bus = bus,
                        .certificateAuthorityFile = {},
                        .backgroundSessions = &backgroundSessions,
-                       .location = &location}};
+                       .location = &location,
+                       .applications = &applications,
+                       .lookupDefaults = &lookupDefaults}};
     std::shared_ptr<OrvexService> service;
 };
 

@@ -3,6 +3,7 @@
 #include "core/notifications.h"
 #include "daemon/assembly.h"
 #include "daemon/orvex_logging.h"
+#include "feedback/client_session_manager_protocol.h"
 #include "network/orx_network_request_factory.h"
 #include "platform/counters.h"
 #include "platform/notification_center.h"
@@ -183,8 +184,8 @@ void DownloadManager::_didSucceed(const platform::BackgroundTask& task) {
 }
 
 void DownloadManager::_report(const std::string& reason) {
-    log().error("{}", reason);
     _assembly.counters().add("com.kelvar.orvexd.resources.errors");
+    reportErrorAsOrvexdFeedback(ORXError(ORXErrorCode::internal, reason), _assembly);
 }
 
 }  // namespace orvex

@@ -1,6 +1,6 @@
 #include "resources/download_resource.h"
 
-#include <algorithm>
+#include <map>
 #include <ranges>
 
 #include "core/constants.h"
@@ -28,10 +28,11 @@ std::optional<std::string> queryWithout(std::string_view query, std::string_view
     return kept.empty() ? std::nullopt : std::optional(std::move(kept));
 }
 
-std::vector<platform::QueryItem> comparedItems(const platform::URL& url) {
-    auto items = platform::decodeQuery(url.query.value_or(""));
-    std::erase_if(items, [](const auto& item) { return item.first == keyItem; });
-    std::ranges::sort(items);
+/// As a request has them: sorted, of one name the last alone.
+std::map<std::string, std::string> comparedItems(const platform::URL& url) {
+    std::map<std::string, std::string> items;
+    for (auto& [name, value] : platform::decodeQuery(url.query.value_or("")))
+        if (name != keyItem) items.insert_or_assign(std::move(name), std::move(value));
     return items;
 }
 

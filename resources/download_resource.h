@@ -36,8 +36,8 @@ struct DownloadResource {
 /// different. None for what is no URL.
 [[nodiscard]] std::optional<std::string> urlForCompare(std::string_view url);
 
-/// Whether both lead to the same path with the same decoded query items, "key" apart, in whatever order. The host does
-/// not count.
+/// Whether both lead to the same path with the same decoded query items, "key" apart, in whatever order; of several
+/// of one name the last counts, since no more is sent. The host does not count.
 [[nodiscard]] bool namesSameResource(std::string_view url, std::string_view other);
 
 }  // namespace orvex

@@ -45,10 +45,11 @@ std::shared_ptr<Lookup> Lookup::create(Assembly& assembly) {
     std::shared_ptr<Lookup> lookup(new Lookup(assembly));
     auto& center = assembly.notificationCenter();
     center.observe<ORXFileDownloadCompletedNotification>(lookup, [](Lookup& self, const auto& download) {
-        self._handleHintsFile({.identifier = download.identifier, .version = download.version});
+        self._handleHintsFile(
+            {.identifier = download.identifier, .location = download.url, .version = download.version});
     });
     center.observe<ORXFileDeletedNotification>(lookup, [](Lookup& self, const auto& deletion) {
-        self._handleHintsFile({.identifier = deletion.identifier, .installed = false, .version = {}});
+        self._handleHintsFile({.identifier = deletion.identifier, .location = {}, .version = {}});
     });
     center.observe<ORXStartupNotification>(lookup, [](Lookup& self, const auto&) { self._reprocessHintsFiles(); });
     return lookup;
@@ -88,13 +89,12 @@ void Lookup::_handleHintsFile(Hints hints) {
 
 void Lookup::_process(const Hints& hints) {
     const auto kind = sourceKind(hints.identifier);
-    log().debug("processing lookup hints for location: {} sourceKind: {}",
-                hints.installed ? hints.identifier : "(null)", number(kind));
-    if (!hints.installed) return push(_assembly, kind, nullptr, {});
+    log().debug("processing lookup hints for location: {} sourceKind: {}", platform::orNull(hints.location),
+                number(kind));
+    if (!hints.location) return push(_assembly, kind, nullptr, {});
     const auto file = _assembly.downloadManager()->fileHandleForResource(hints.identifier);
     if (!file) {
-        log().error("error trying to open hints file: {} at location: {}", file.error().description(),
-                    hints.identifier);
+        log().error("error trying to open hints file: {} at location: {}", file.error().description(), *hints.location);
         return push(_assembly, kind, nullptr, {});
     }
     push(_assembly, kind, &file->descriptor, hints.version);

@@ -50,7 +50,7 @@ private:
 
     struct Hints {
         std::string identifier;
-        bool installed = true;  ///< false: deleted
+        std::optional<std::string> location;  ///< none: deleted
         std::string version;
     };
     void _handleHintsFile(Hints hints);

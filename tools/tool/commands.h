@@ -74,6 +74,10 @@ ExitStatus readDefaults(const Options& options, const std::string& key);  ///< a
 ExitStatus writeDefault(const Options& options, const std::string& key, const std::string& value);
 ExitStatus deleteDefault(const Options& options, const std::string& key);
 
+/// A resource's content to `output`, or to standard output when that is empty; its attributes, as JSON or beside a
+/// file that was written.
+ExitStatus showResource(const Options& options, const std::string& identifier, const std::string& output);
+
 /// Explains a signature of installed applications; an empty text: the one that the daemon has stored.
 ExitStatus showSignature(const Options& options, const std::string& text);
 

@@ -98,6 +98,10 @@ private:
         _add("images", "Show the image map of the bag", orvex::tool::showImages);
         _add("status", "Show what the daemon is doing", orvex::tool::showStatus);
         _add("counters", "Show what happened how often", orvex::tool::showCounters);
+        auto* resource = _app.add_subcommand("resource", "Show a file that the server gave to keep");
+        resource->add_option("ID", _name, "Its identifier in the bag")->required();
+        resource->add_option("-o,--output", _value, "Write it to FILE and show its attributes")->type_name("FILE");
+        resource->callback([this] { _chosen = [this] { return orvex::tool::showResource(_options, _name, _value); }; });
         auto* signature = _app.add_subcommand("signature", "Explain a signature of the installed applications");
         signature->add_option("TEXT", _value, "The signature, base64; by default the one that the daemon has stored");
         signature->callback([this] { _chosen = [this] { return orvex::tool::showSignature(_options, _value); }; });

@@ -4,15 +4,14 @@
 // client have run out.
 
 #include <fmt/core.h>
-#include <sys/wait.h>
 #include <systemd/sd-bus.h>
 
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <thread>
 #include <vector>
 
+#include "benchmarks/daemon_process.h"
 #include "benchmarks/http_floor.h"
 #include "benchmarks/measuring.h"
 #include "platform/fakes/private_bus.h"
@@ -50,22 +49,6 @@ std::string bodyFor(std::string_view requestHead, int port) {
     std::string bag = fmt::format(R"({{"version":1,"search_url":"http://127.0.0.1:{}/search","fill":")", port);
     bag.append(bodyBytes - bag.size() - 2, 'x');
     return bag + R"("})";
-}
-
-pid_t spawn(std::vector<std::string> arguments) {
-    const pid_t child = ::fork();
-    if (child != 0) return child;
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    std::vector<char*> raw;
-    for (auto& argument : arguments) raw.push_back(argument.data());
-    raw.push_back(nullptr);
-    if (std::freopen("/dev/null", "w", stderr) != nullptr) ::execv(raw.front(), raw.data());
-    std::_Exit(1);
-}
-
-void end(pid_t child) {
-    ::kill(child, SIGKILL);
-    ::waitpid(child, nullptr, 0);
 }
 
 /// A client of the bus, and who waits for the name to be owned.
@@ -197,15 +180,6 @@ void measureCalls(const std::string& address, int port) {
     fmt::print("uncached search, 4 KiB             {:8.1f} us  {:.2f} x\n", search, search / (request + ping));
 }
 
-/// The number that follows `key` in a file of /proc.
-long numberIn(const std::filesystem::path& file, std::string_view key) {
-    std::ifstream lines(file);
-    for (std::string line; std::getline(lines, line);) {
-        if (line.starts_with(key)) return std::strtol(line.c_str() + key.size(), nullptr, 10);
-    }
-    return 0;
-}
-
 long wakeUps(pid_t process) {
     long sum = 0;
     for (const auto& task : std::filesystem::directory_iterator(fmt::format("/proc/{}/task", process)))
@@ -235,10 +209,8 @@ int main(int argc, char** argv) {
     const pid_t server = ::fork();
     if (server == 0) serve(listener, [port](std::string_view head) { return bodyFor(head, port); });
 
-    char home[] = "/tmp/orvex-benchmark.XXXXXX";
-    if (::mkdtemp(home) == nullptr) fail("no temporary directory");
-    for (const auto* variable : {"HOME", "XDG_CONFIG_HOME", "XDG_CACHE_HOME", "XDG_STATE_HOME", "XDG_DATA_HOME"})
-        ::setenv(variable, home, 1);
+    const auto home = newHome();
+    if (home.empty()) fail("no temporary directory");
 
     platform::PrivateBus bus;
     const std::vector<std::string> daemon = {ORVEXD, "--bus", bus.address(), "--default",

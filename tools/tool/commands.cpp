@@ -149,6 +149,26 @@ ExitStatus showImages(const Options& options) { return show(options, kORXDaemonI
 ExitStatus showStatus(const Options& options) { return show(options, kORXDiagnosticsInterface, "Status", statusPage); }
 ExitStatus showCounters(const Options& options) { return show(options, kORXDiagnosticsInterface, "Counters", mapPage); }
 
+ExitStatus showCountersForPrometheus(const Options& options) {
+    return show(options, kORXDiagnosticsInterface, "Counters", prometheusPage);
+}
+
+ExitStatus erase(const Options& options, const std::string& what) {
+    auto client = connect(options);
+    if (!client) return client.error();
+    const Answer answer = client->call(kORXDiagnosticsInterface, "Erase", "s", {what});
+    if (!answer) return tell(answer.error());
+    const auto removed = jsonFromBus(answer->front());
+    if (options.json) {
+        print(removed);
+        return ExitStatus::done;
+    }
+    for (const auto& [kind, count] : removed.as_object()) {
+        fmt::print("{}: {} removed\n", std::string_view(kind), json::serialize(count));
+    }
+    return ExitStatus::done;
+}
+
 ExitStatus addCompletion(const Options& options, const std::string& completion, const std::string& input) {
     return tellDaemon(options, "AddCompletion", "ss", {completion, input}, {{"added", completion}});
 }

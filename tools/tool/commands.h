@@ -50,6 +50,9 @@ ExitStatus showSessions(const Options& options);
 ExitStatus showImages(const Options& options);
 ExitStatus showStatus(const Options& options);
 ExitStatus showCounters(const Options& options);
+ExitStatus showCountersForPrometheus(const Options& options);
+/// "completions", "feedback", "resources" or "all": what is stored and pending of it.
+ExitStatus erase(const Options& options, const std::string& what);
 /// Of the engaged completions. Absent dates (seconds since 1970) mean from the beginning, and to the end, of time.
 ExitStatus addCompletion(const Options& options, const std::string& completion, const std::string& input);
 ExitStatus clearCompletions(const Options& options, std::optional<double> from, std::optional<double> to);
@@ -72,6 +75,9 @@ ExitStatus dump(const Options& options);  ///< shows what is uploaded, until all
 
 ExitStatus readDefaults(const Options& options, const std::string& key);  ///< an empty key: all that are stored
 ExitStatus writeDefault(const Options& options, const std::string& key, const std::string& value);
+/// The settings that keep things to the device. Without `what` they are shown; with it ("search", "feedback",
+/// "location", "completions") that one is switched "on" or "off".
+ExitStatus privacy(const Options& options, const std::string& what, const std::string& value);
 ExitStatus deleteDefault(const Options& options, const std::string& key);
 
 /// A resource's content to `output`, or to standard output when that is empty; its attributes, as JSON or beside a

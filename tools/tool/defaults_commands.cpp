@@ -1,5 +1,6 @@
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <boost/json/object.hpp>
 #include <boost/json/serialize.hpp>
 #include <boost/json/value.hpp>
@@ -31,6 +32,36 @@ ExitStatus tell(const platform::Result<void>& result) {
     if (result) return ExitStatus::done;
     fmt::print(stderr, "orvex_tool: {}\n", result.error().text);
     return ExitStatus::refused;
+}
+
+/// A setting that, when it is on, keeps something to the device.
+struct PrivacySwitch {
+    std::string_view name;
+    std::string_view key;
+    std::string_view allowed;
+    std::string_view keptBack;
+};
+constexpr PrivacySwitch privacySwitches[] = {
+    {"search", "ORXNetworkSearchDisabled", "queries are sent to the server", "answers come from memory alone"},
+    {"feedback", "ORXFeedbackDisabled", "feedback is gathered and sent", "no feedback is gathered or sent"},
+    {"location", "ORXLocationDisabled", "the position is told as far as it is allowed",
+     "no position is asked for or told"},
+    {"completions", "ORXDisableLocalCompletions", "picked completions are remembered",
+     "none are remembered or offered"},
+};
+
+ExitStatus showPrivacy(const Options& options) {
+    const Settings settings;
+    json::object document;
+    for (const auto& one : privacySwitches) {
+        const bool keptBack = settings.defaults.boolean(one.key);
+        document[one.name] = !keptBack;
+        if (!options.json) {
+            fmt::print("{:<12} {:<4} {}\n", one.name, keptBack ? "off" : "on", keptBack ? one.keptBack : one.allowed);
+        }
+    }
+    if (options.json) fmt::print("{}\n", json::serialize(document));
+    return ExitStatus::done;
 }
 
 std::optional<std::string> storedSignature() {
@@ -76,6 +107,18 @@ ExitStatus writeDefault(const Options&, const std::string& key, const std::strin
 ExitStatus deleteDefault(const Options&, const std::string& key) {
     Settings settings;
     return tell(settings.defaults.removeObject(key));
+}
+
+ExitStatus privacy(const Options& options, const std::string& what, const std::string& value) {
+    if (what.empty()) return showPrivacy(options);
+    const auto* found = std::ranges::find(privacySwitches, what, &PrivacySwitch::name);
+    if (found == std::end(privacySwitches) || (value != "on" && value != "off")) {
+        fmt::print(stderr, "orvex_tool: expected search, feedback, location or completions, then on or off\n");
+        return ExitStatus::wrongUsage;
+    }
+    Settings settings;
+    const auto changed = settings.defaults.setObject(found->key, value == "off");
+    return changed ? showPrivacy(options) : tell(changed);
 }
 
 ExitStatus showSignature(const Options& options, const std::string& text) {

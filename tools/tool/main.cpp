@@ -42,6 +42,7 @@ public:
         _addFeedback();
         _addCompletions();
         _addDefaults();
+        _addPrivacy();
     }
 
     int run(int argc, char** argv) {
@@ -97,11 +98,18 @@ private:
         _add("sessions", "List the clients that the daemon knows", orvex::tool::showSessions);
         _add("images", "Show the image map of the bag", orvex::tool::showImages);
         _add("status", "Show what the daemon is doing", orvex::tool::showStatus);
-        _add("counters", "Show what happened how often", orvex::tool::showCounters);
         auto* resource = _app.add_subcommand("resource", "Show a file that the server gave to keep");
         resource->add_option("ID", _name, "Its identifier in the bag")->required();
         resource->add_option("-o,--output", _value, "Write it to FILE and show its attributes")->type_name("FILE");
         resource->callback([this] { _chosen = [this] { return orvex::tool::showResource(_options, _name, _value); }; });
+        auto* counters = _app.add_subcommand("counters", "Show what happened how often");
+        counters->add_flag("--prometheus", _prometheus, "In Prometheus' text format");
+        counters->callback([this] {
+            _chosen = [this] {
+                return _prometheus ? orvex::tool::showCountersForPrometheus(_options)
+                                   : orvex::tool::showCounters(_options);
+            };
+        });
         auto* signature = _app.add_subcommand("signature", "Explain a signature of the installed applications");
         signature->add_option("TEXT", _value, "The signature, base64; by default the one that the daemon has stored");
         signature->callback([this] { _chosen = [this] { return orvex::tool::showSignature(_options, _value); }; });
@@ -147,6 +155,16 @@ private:
         clear->callback([this] { _chosen = [this] { return orvex::tool::clearCompletions(_options, _from, _to); }; });
     }
 
+    void _addPrivacy() {
+        auto* privacy = _app.add_subcommand("privacy", "Show and change what leaves the device");
+        privacy->add_option("WHAT", _name, "search, feedback, location or completions");
+        privacy->add_option("VALUE", _value, "on or off");
+        privacy->callback([this] { _chosen = [this] { return orvex::tool::privacy(_options, _name, _value); }; });
+        auto* erase = _app.add_subcommand("erase", "Remove what is stored and pending");
+        erase->add_option("WHAT", _name, "completions, feedback, resources or all")->required();
+        erase->callback([this] { _chosen = [this] { return orvex::tool::erase(_options, _name); }; });
+    }
+
     void _addDefaults() {
         auto* defaults = _app.add_subcommand("defaults", "Read and change the daemon's settings");
         defaults->require_subcommand(1);
@@ -169,6 +187,7 @@ private:
     bool _pending = false;
     std::string _name;
     std::string _value;
+    bool _prometheus = false;
     std::optional<double> _from, _to;
     std::function<ExitStatus()> _chosen;
 };

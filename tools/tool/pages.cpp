@@ -8,6 +8,7 @@
 #include <boost/json/object.hpp>
 #include <boost/json/serialize.hpp>
 #include <boost/json/value.hpp>
+#include <cctype>
 #include <cmath>
 #include <iterator>
 
@@ -149,6 +150,20 @@ std::string sessionsPage(const json::value& sessions) {
         page += fmt::format("{}\n  {}\n", shownMember(session, "identifier"), shownMember(session, "agent"));
     }
     return page.empty() ? "no client yet\n" : page;
+}
+
+std::string prometheusPage(const json::value& counters) {
+    constexpr std::string_view prefix = "com.kelvar.orvexd.";
+    std::string page;
+    for (const auto& [key, value] : counters.as_object()) {
+        std::string name(key);
+        if (name.starts_with(prefix)) name.erase(0, prefix.size());
+        for (char& c : name) {
+            if (std::isalnum(static_cast<unsigned char>(c)) == 0) c = '_';
+        }
+        page += fmt::format("# TYPE orvexd_{0}_total counter\norvexd_{0}_total {1}\n", name, value.as_int64());
+    }
+    return page;
 }
 
 std::string mapPage(const json::value& map) {

@@ -14,6 +14,7 @@
 #include "daemon/assembly.h"
 #include "daemon/completion_feature_feedback.h"
 #include "daemon/orvex_logging.h"
+#include "feedback/client_session.h"
 #include "feedback/client_session_manager_protocol.h"
 #include "platform/counters.h"
 #include "platform/text.h"
@@ -175,46 +176,58 @@ std::uint64_t queryIdOf(const CXFeedbackPayload& payload) {
     }
 }
 
-void refuse(std::string_view reason, std::string_view message, platform::BusReply& reply) {
+/// Tells the client and, in a session of its own, the server.
+void refuse(Assembly& assembly, std::string_view reason, std::string_view message, platform::BusReply& reply) {
+    const ORXError error(ORXErrorCode::internal, std::string(reason));
+    if (const auto session = ClientSession::createFeedbackSessionFromError(error, assembly)) session->sessionComplete();
     feedbackLog().error("{}", message);
     reply.fail(kORXInternalError, reason);
+}
+
+void refuseUndecoded(Assembly& assembly, PayloadFault fault, platform::BusReply& reply) {
+    switch (fault) {
+        case PayloadFault::tooLarge:
+            return reply.fail(platform::bus_error::limitsExceeded, "payload: more than 1 MiB");
+        case PayloadFault::notUTF8:
+            return reply.fail(platform::bus_error::invalidArgs, "payload: text that is not UTF-8");
+        case PayloadFault::undecodable:
+            return refuse(assembly, "Couldn't deserialize feedback protobuf",
+                          "Failed deserializing _CXFeedbackPayload.", reply);
+    }
+}
+
+RecordReceipt receiptAnswering(platform::BusReply reply) {
+    return RecordReceipt([reply = std::move(reply)](const std::optional<ORXError>& error) mutable {
+        if (error) {
+            reply.fail(kORXInternalError, error->reason.value_or(error->description()));
+        } else {
+            reply.answer({});
+        }
+    });
 }
 
 }  // namespace
 
 void reportFeedbackPayload(Assembly& assembly, const std::shared_ptr<ClientState>& state,
                            const ReportedPayload& reported, platform::BusReply reply) {
-    if (!state) return refuse("client state nil", "state must not be nil", reply);
+    if (!state) return refuse(assembly, "client state nil", "state must not be nil", reply);
     if (reported.bytes.empty()) return reply.answer({});
     auto payload = decodeFeedbackPayload(reported.bytes);
-    if (!payload && payload.error() == PayloadFault::tooLarge)
-        return reply.fail(platform::bus_error::limitsExceeded, "more than 1 MiB");
-    if (!payload && payload.error() == PayloadFault::notUTF8)
-        return reply.fail(platform::bus_error::invalidArgs, "payload: text that is not UTF-8");
-    if (!payload) {
-        return refuse("Couldn't deserialize feedback protobuf", "Failed deserializing _CXFeedbackPayload.", reply);
-    }
+    if (!payload) return refuseUndecoded(assembly, payload.error(), reply);
     const PayloadRoad road(assembly, *state);
     road.warmIfNeeded(*payload);
     const auto manager = state->sessionManager();
-    if (!manager) return refuse("session manager nil", "session manager nil", reply);
+    if (!manager) return refuse(assembly, "session manager nil", "session manager nil", reply);
     road.drawConsequences(*payload);
 
-    const auto ownQueryId = reported.queryId != 0 ? reported.queryId : queryIdOf(*payload);
+    const auto queryId = reported.queryId != 0 ? reported.queryId : queryIdOf(*payload);
     auto record = orvexFeedbackWithPayload(*std::move(payload),
-                                           {.queryId = static_cast<std::int64_t>(ownQueryId),
+                                           {.queryId = static_cast<std::int64_t>(queryId),
                                             .userGuid = {},
                                             .userAgent = state->userAgent().value_or(""),
                                             .developerID = assembly.userDefaults().string("ORXDevID").value_or(""),
                                             .now = assembly.dispatcher().now()});
-    manager->addOrvexFeedback(std::move(record),
-                              RecordReceipt([reply = std::move(reply)](const std::optional<ORXError>& error) mutable {
-                                  if (error) {
-                                      reply.fail(kORXInternalError, error->reason.value_or(error->description()));
-                                  } else {
-                                      reply.answer({});
-                                  }
-                              }));
+    manager->addOrvexFeedback(std::move(record), receiptAnswering(std::move(reply)));
 }
 
 }  // namespace orvex

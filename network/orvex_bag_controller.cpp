@@ -14,6 +14,7 @@
 #include "daemon/assembly.h"
 #include "daemon/orvex_logging.h"
 #include "network/bag_disk_cache.h"
+#include "network/bag_fetch_session.h"
 #include "network/orx_network_request_factory.h"
 #include "network/orx_retryable_network_request.h"
 #include "platform/bus.h"
@@ -266,6 +267,7 @@ void OrvexBagController::_fetchBagStateWithVersion(const std::optional<std::stri
     FetchTurn turn(_fetchInProgress.get(), [flag = _fetchInProgress](void*) { flag->store(false); });
     auto request = _assembly.requestFactory()->bagFetchRequest(*this, _userAgent, version);
     if (!request) return _countFailure(ORXError(ORXErrorCode::bagFetch, "no request"));
+    const auto session = std::make_shared<BagFetchSession>(_assembly, *request, _userAgent);
     bagLog().log("Initiating bag fetch attempt with request {} header {}", describedURL(request->url),
                  describedHeaders(request->headers));
     // Without an expiry the first failure is final; the next trigger fetches again.
@@ -273,20 +275,29 @@ void OrvexBagController::_fetchBagStateWithVersion(const std::optional<std::stri
         _assembly.bagSession(), _assembly.dispatcher(),
         {.httpRequest = std::move(*request), .expire = std::nullopt, .delayOnFail = true},
         {.attempt = 1, .retriesLeft = fetchRetries},
-        [weak = weak_from_this(), turn = std::move(turn), transaction = _assembly.transactions().begin("bagFetch")](
-            platform::Body data, const auto& response, const auto& error) {
+        [weak = weak_from_this(), session, turn = std::move(turn),
+         transaction = _assembly.transactions().begin("bagFetch")](platform::Body data, const auto& response,
+                                                                   const auto& error) {
             bagLog().log("resp: {}", describedResponse(response));
-            const auto self = weak.lock();
-            if (self) return self->_fetchEnded(data, response, error);
+            if (const auto self = weak.lock()) {
+                session->ended(data, response);
+                self->_fetchEnded(*session, data, response, error);
+                return session->complete();
+            }
             bagLog().error("Error fetching bag, bag fetch task completed after BagFetchController was cleaned up");
         });
+    session->setTask(task->task());
     task->resume();
 }
 
-void OrvexBagController::_fetchEnded(const platform::Body& data, const std::optional<platform::URLResponse>& response,
+void OrvexBagController::_fetchEnded(BagFetchSession& session, const platform::Body& data,
+                                     const std::optional<platform::URLResponse>& response,
                                      const std::optional<platform::TransportError>& error) {
     auto dictionary = bagFromAnswer(data, response, error);
-    if (!dictionary) return _countFailure(dictionary.error());
+    if (!dictionary) {
+        session.failed(dictionary.error());
+        return _countFailure(dictionary.error());
+    }
     bagLog().log("Got bag: {}", platform::privately(describedBag(*dictionary)));
     const auto rawBag = std::make_shared<const boost::json::object>(_cacheBagDictionary(std::move(*dictionary)));
     _cacheBagState(std::make_shared<const ORXBag>(rawBag, _userAgent), Origin::network);

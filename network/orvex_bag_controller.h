@@ -18,6 +18,7 @@
 namespace orvex {
 
 class Assembly;
+class BagFetchSession;
 struct ORXBagRefreshRequiredNotification;
 
 /// The one owner of the bag: fetches it, keeps it in memory and on disk, and announces every new one.
@@ -73,7 +74,8 @@ private:
     // The fetch.
     void _fetchSoon();
     void _fetchBagStateWithVersion(const std::optional<std::string>& version);
-    void _fetchEnded(const platform::Body& data, const std::optional<platform::URLResponse>& response,
+    void _fetchEnded(BagFetchSession& session, const platform::Body& data,
+                     const std::optional<platform::URLResponse>& response,
                      const std::optional<platform::TransportError>& error);
     void _countFailure(const ORXError& error);
     /// Stamps the dictionary and writes it to disk; the stamped one is the result, written or not.

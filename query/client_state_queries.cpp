@@ -8,7 +8,6 @@
 #include "core/orx_bag.h"
 #include "daemon/assembly.h"
 #include "daemon/orvex_logging.h"
-#include "network/bag_controller.h"
 #include "network/orx_network_request_factory.h"
 #include "network/orx_retryable_network_request.h"
 #include "platform/dispatch.h"
@@ -139,8 +138,6 @@ void ClientState::_dispatchQuery(QueryOnItsWay query, Dispatch dispatch) {
         prepare(task);
         task->resume();
     }
-    // Asking for the bag is what renews a stale one; the next query will see it.
-    if (const auto& controller = _assembly.bagController()) (void)controller->currentBag();
 }
 
 ClientState::Check ClientState::_anyBodyCounts(std::string_view gotResponse) {

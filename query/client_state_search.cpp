@@ -143,8 +143,6 @@ void ClientState::_dispatchSearch(ORXSearchRequest request, platform::URLRequest
     _assembly.counters().add(OrvexSearchAggdKey);
     if (factory) factory->setPerformedSearch();
     _markNetworkRequest();
-    // Asking for the bag is what renews a stale one; the next query will see it.
-    if (const auto& controller = _assembly.bagController()) (void)controller->currentBag();
 }
 
 void ClientState::_finishSearch(SearchOnItsWay& search, const QueryResult& result) {

@@ -1,3 +1,5 @@
+#include <fmt/format.h>
+
 #include <random>
 
 #include "core/orx_request.h"
@@ -128,6 +130,8 @@ TEST_F(ContextTest, MoreResultsOfAnEndpointWithALocationAskForNone) {
     EXPECT_EQ(location.starts, starts + 1);
 }
 
+// Positions, masks, authorisations, bags and clients at random: whatever looks like a position in any request is the
+// one that was reported, and there only by the rules.
 TEST_F(ContextTest, NoLocationLeavesTheDeviceAgainstTheRules) {
     start();
     std::mt19937 random(7);
@@ -136,33 +140,52 @@ TEST_F(ContextTest, NoLocationLeavesTheDeviceAgainstTheRules) {
     const auto any = [&](int count) { return static_cast<int>(random() % static_cast<unsigned>(count)); };
     const std::vector<std::string> lists = {R"([])", R"(["gps"])", R"(["wifi", "cell"])", R"(["unknown"])"};
     const std::map<int, std::string> names = {{0, "unknown"}, {1, "gps"}, {4, "wifi"}, {6, "cell"}};
+    int tellings = 0;
     for (int round = 0; round < 400; ++round) {
         const auto& list = lists[static_cast<std::size_t>(any(4))];
         const bool gazel = any(2) == 0;
-        useBag(R"({"search_url": "https://a.example/s", "supported_geo_location_sources": )" + list + "}",
+        useBag(R"({"search_url": "https://a.example/s", "more_results_url": "https://a.example/m",
+                    "flight_url": "https://a.example/f", "supported_geo_location_sources": )" +
+                   list + "}",
                gazel ? "Gazel/2" : "lumisk/1");
         const auto status = static_cast<LocationAuthorization>(any(5));
         location.authorize(status);
         location.gazelStatus = static_cast<LocationAuthorization>(any(5));
         const int type = std::next(names.begin(), any(4))->first;
-        locate(latitude(random), longitude(random), any(9) == 0 ? std::nan("") : 5, type);
+        const double north = latitude(random), east = longitude(random);
+        const bool valid = any(9) != 0;
+        locate(north, east, valid ? 5 : std::nan(""), type);
         userDefaults.store("ORXLocationDisabled", any(6) == 0);
         const auto mask = any(3) == 0 ? FieldMask::withoutLocation : FieldMask::none;
 
-        const auto request = search(mask);
-        const bool refused = status == LocationAuthorization::denied || status == LocationAuthorization::restricted ||
-                             userDefaults.boolean("ORXLocationDisabled") || mask == FieldMask::withoutLocation ||
-                             !list.contains('"' + names.at(type) + '"') ||
-                             (gazel && !platform::mayLocate(location.gazelStatus));
-        if (refused) {
-            ASSERT_EQ(itemOf(request, "latlng"), std::nullopt) << round;
-            ASSERT_EQ(platform::headerValue(request.headers, "X-Kelvar-Whitelisted-App-Signature"), std::nullopt);
+        const bool allowed = platform::mayLocate(status) && !userDefaults.boolean("ORXLocationDisabled");
+        const bool accepted = list.contains('"' + names.at(type) + '"');
+        const ORXCardRequest card{{}, "https://a.example/c"};
+        const std::pair<std::optional<platform::URLRequest>, bool> requests[] = {
+            {factory().searchRequest({}, *bag, "GUID", mask),
+             mask == FieldMask::none && (!gazel || platform::mayLocate(location.gazelStatus))},
+            {factory().zeroKeywordRequest({}, *bag, "GUID", mask), mask == FieldMask::none},
+            {factory().moreResultsRequest({}, *bag, "GUID", mask), mask == FieldMask::none},
+            {factory().lookupRequest({}, *bag, "GUID"), true},
+            {factory().flightSearchRequest({}, *bag, "GUID"), true},
+            {factory().cardRequest(card, *bag, "GUID"), true},
+        };
+        const bool onEarth = std::abs(north) <= 90 && std::abs(east) <= 180 && valid;
+        for (const auto& [request, byItsKind] : requests) {
+            const auto told = itemOf(request.value(), "latlng");
+            const auto signature = platform::headerValue(request->headers, "X-Kelvar-Whitelisted-App-Signature");
+            ASSERT_TRUE(told || !signature) << round;
+            if (onEarth && allowed && accepted && byItsKind) tellings += told.has_value();
+            if (!told) continue;
+            ASSERT_TRUE(allowed && byItsKind) << round << ' ' << request->url;
+            ASSERT_TRUE(!onEarth || (accepted && told == fmt::format("{:f},{:f}", north, east))) << round;
         }
-        if (const auto coarse = fuzzed()) {
-            ASSERT_THAT(*coarse, testing::MatchesRegex("-?[0-9]+.000000,-?[0-9]+.000000"));
-            ASSERT_FALSE(userDefaults.boolean("ORXLocationDisabled"));
-        }
+        const auto inDownloads = fuzzed();
+        ASSERT_TRUE(allowed || !inDownloads);
+        ASSERT_THAT(inDownloads.value_or("0.000000,0.000000"),
+                    testing::MatchesRegex("-?[0-9]+.000000,-?[0-9]+.000000"));
     }
+    EXPECT_GT(tellings, 50) << "the rules were put to the test";
 }
 
 TEST_F(ContextTest, OneSampleOfTheMovementIsTakenForARequest) {
@@ -316,6 +339,13 @@ protected:
             text += name + ": " + (name == "X-Kelvar-GeoSession" ? value.substr(36) : value) + "\n";
         return text;
     }
+    /// A device that tells next to nothing, and queries that say nothing.
+    void startEmpty() {
+        locale.set({});
+        location.authorize(LocationAuthorization::denied);
+        start(R"({"search_url": "https://a.example/s", "more_results_url": "https://a.example/m",
+                  "flight_url": "https://a.example/f"})");
+    }
     static constexpr std::string_view languages = "X-Kelvar-Languages: [\"de-DE\",\"en-GB\"]\n";
     static constexpr std::string_view subscribed =
         "X-Kelvar-Subscriptions: [{\"provider\":\"weft\",\"attribute\":\"premium\",\"active\":true}]\n";
@@ -361,8 +391,6 @@ TEST_F(GoldenTest, ZeroKeywordAndMoreResults) {
               "mode=managed&rm=2&storefront=143&tm=3\n" +
                   std::string(languages) + "X-Kelvar-Whitelisted-App-Signature: SIGNATURE\n" + std::string(subscribed) +
                   "X-Kelvar-UserGuid: GUID\nUser-Agent: lumisk/1\n");
-    const auto masked = factory().zeroKeywordRequest({}, *bag, "GUID", FieldMask::withoutLocation).value();
-    for (const auto* name : {"latlng", "geosrc", "rm", "tm"}) EXPECT_EQ(itemOf(masked, name), std::nullopt) << name;
 }
 
 TEST_F(GoldenTest, LookupFlightAndCard) {
@@ -413,6 +441,51 @@ TEST_F(GoldenTest, DownloadAndUpload) {
                                 daemon("") + "X-Kelvar-Digest: DIGEST\nContent-Encoding: deflate\n");
     EXPECT_EQ(upload->method, "POST");
     EXPECT_EQ(upload->timeout, 30s);
+}
+
+TEST_F(GoldenTest, OfAnEmptyContextEachKindTellsNextToNothing) {
+    startEmpty();
+    const ORXCardRequest card{{}, "https://a.example/c"};
+    const std::string agent = "User-Agent: lumisk/1\n", guid = "X-Kelvar-UserGuid: GUID\n";
+    const auto session = [](int number) { return fmt::format("X-Kelvar-GeoSession:  {} 0.000000\n", number); };
+    const std::string items = "geosrc=userno&key=tabbycat5208&locale=&";
+    const std::pair<std::optional<platform::URLRequest>, std::string> cases[] = {
+        {factory().searchRequest({}, *bag, "GUID"),
+         "s?alwaysSendTophit=off&card=1&" + items + "q=&tm=1&units=SI\n" + guid + agent + session(1)},
+        {factory().zeroKeywordRequest({}, *bag, "GUID"),
+         "s?" + items + "qtype=zkw&tm=1&units=SI\n" + guid + agent + session(2)},
+        {factory().moreResultsRequest({}, *bag, "GUID"), "m?" + items + "tm=1\n" + guid + agent},
+        {factory().lookupRequest({}, *bag, "GUID"), "s?" + items + "ltype=default&q=&tm=1\n" + agent + session(3)},
+        {factory().flightSearchRequest({}, *bag, "GUID"),
+         "f?" + items + "q=&tm=1\n" + guid + agent + session(4) + "Accept: application/x-protobuf\n"},
+        {factory().cardRequest(card, *bag, "GUID"), "c?" + items + "tm=1\n" + agent + session(5)},
+        {factory().fileDownloadRequest({.url = "https://a.example/r", .includeLatLong = true}),
+         "r?key=tabbycat5208\nUser-Agent: " + ORXNetworkRequestFactory::createUserAgentString(device, "Lumisk/1") +
+             "\n"},
+        {factory().flusherUploadRequest({.url = "https://a.example/u", .timeout = 30s, .digest = "D"}),
+         "u?key=tabbycat5208&locale=\nUser-Agent: " + ORXNetworkRequestFactory::createUserAgentString(device, "") +
+             "\nX-Kelvar-Digest: D\nContent-Encoding: deflate\n"},
+    };
+    for (const auto& [request, expected] : cases) EXPECT_EQ(wire(request), expected);
+}
+
+TEST_F(GoldenTest, TheMessagingClientsQueriesTellNothingOfThePlace) {
+    startFull();
+    useAgent("Missiv/3");
+    const std::string tail = std::string(subscribed) + "X-Kelvar-UserGuid: GUID\nUser-Agent: Missiv/3\n";
+    const std::string head = std::string(languages) + "X-Kelvar-GeoMetadata: meta\n";
+    const std::string maps = "X-Kelvar-GeoEnvironment: env\nX-Kelvar-GeoSession:  ";
+    EXPECT_EQ(wire(factory().searchRequest({}, *bag, "GUID", FieldMask::withoutLocation)),
+              "s?24h=1&alwaysSendTophit=off&calendar=gregorian&card=1&cc=DE&dicts=de&esl=de-DE&key=tabbycat5208&"
+              "locale=de_DE&mode=managed&q=&sil=topics&storefront=143&temp=C&time_zone=Europe%2FBerlin&units=SI\n" +
+                  head + tail + maps + "2 0.000000\n");
+    EXPECT_EQ(wire(factory().zeroKeywordRequest({}, *bag, "GUID", FieldMask::withoutLocation)),
+              "s?24h=1&calendar=gregorian&cc=DE&esl=de-DE&key=tabbycat5208&locale=de_DE&mode=managed&qtype=zkw&"
+              "sil=topics&storefront=143&temp=C&time_zone=Europe%2FBerlin&units=SI\n" +
+                  head + tail + maps + "3 0.000000\n");
+    EXPECT_EQ(
+        wire(factory().moreResultsRequest({}, *bag, "GUID", FieldMask::withoutLocation)),
+        "m?esl=de-DE&key=tabbycat5208&locale=de_DE&mode=managed&storefront=143\n" + std::string(languages) + tail);
 }
 
 TEST_F(GoldenTest, GazelTellsALocationOnlyWhereItMayLocateItself) {

@@ -61,14 +61,6 @@ TEST_F(FactoryTest, ASearchTellsQueryContextAndClient) {
     EXPECT_EQ(built.method, "GET");
 }
 
-TEST_F(FactoryTest, AnEmptyContextAndQuerySendLittle) {
-    locale.set({});
-    const auto built = factory().searchRequest(query(""), *bag(), "GUID").value();
-    EXPECT_EQ(built.url,
-              "https://a.example/s?alwaysSendTophit=off&card=1&geosrc=slow&key=tabbycat5208&locale=&q=&tm=1&units=SI");
-    EXPECT_EQ(platform::headerValue(built.headers, "X-Kelvar-UI-Scale"), std::nullopt);
-}
-
 TEST_F(FactoryTest, TheTriggerEventChoosesTheKindOfQuery) {
     const std::map<std::uint32_t, std::string> kinds = {{22, "&qtype=explicit"},
                                                         {23, "&qtype=explicit"},
@@ -181,6 +173,14 @@ TEST_F(FactoryTest, TheBagIsFetchedWithKeyAndAgentButToldApartWithoutThem) {
     const auto cache = factory().bagCacheRequest(*bags, "agent/1", std::nullopt).value();
     EXPECT_THAT(cache.url, testing::EndsWith("/bag?agent=agent%2F1&cc=DE&cindora=1&esl=de-DE&locale=de_DE"));
     EXPECT_TRUE(cache.headers.empty());
+
+    locale.set({});
+    time.runPending();
+    const auto little = factory().bagFetchRequest(*bags, "", std::nullopt).value();
+    EXPECT_THAT(little.url, testing::EndsWith("/bag?cindora=1&key=tabbycat5208&locale="));
+    EXPECT_TRUE(little.headers.empty());
+    const auto least = factory().bagCacheRequest(*bags, "", std::nullopt).value();
+    EXPECT_THAT(least.url, testing::EndsWith("/bag?cindora=1&locale="));
 }
 
 TEST_F(FactoryTest, ALocaleChangeIsInTheNextRequestAndAsksForABagAfterwards) {

@@ -30,6 +30,7 @@ std::string measurementSystemName(platform::MeasurementSystem system) {
 }
 
 std::string encodedLanguages(const std::vector<std::string>& languages) {
+    if (languages.empty()) return {};
     boost::json::array array;
     for (std::size_t index = 0; index < std::min(languages.size(), maxLanguages); ++index) {
         if (!platform::isValidUTF8(languages[index])) {

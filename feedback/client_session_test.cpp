@@ -160,6 +160,7 @@ TEST_F(ClientSessionTest, ARecordWithoutADictionaryIsLeftOut) {
     timing->mutable_payload()->mutable_client_timing()->set_seconds(std::nan(""));
     EXPECT_TRUE(sent(begin(std::move(timing))).at("fb").is_null());
     EXPECT_TRUE(world.log.contains(LogLevel::error, "Orvex_Feedback", "nil feedback dictionary for type : 41"));
+    EXPECT_EQ(world.count("feedbackdropped.nodictionary"), 1);
 }
 
 TEST_F(ClientSessionTest, PagesThatABrowserWasAtAreScreened) {

@@ -13,6 +13,7 @@
 #include "daemon/orvex_logging.h"
 #include "feedback/daemon_record.h"
 #include "feedback/session_processing_helper.h"
+#include "platform/counters.h"
 #include "platform/property_value.h"
 #include "platform/text.h"
 #include "query/cba_filter_controller.h"
@@ -57,13 +58,13 @@ std::int64_t baseTime(const CXClientSession& session) {
 }  // namespace
 
 void sortByTime(SessionRecords& records) {
-    std::vector<std::pair<std::uint64_t, CXOrvexFeedback*>> byTime;  // reading a record's time is slow
+    std::vector<std::pair<std::uint64_t, std::size_t>> byTime;  // reading a record's time is slow
     byTime.reserve(records.size());
-    for (auto& record : records) byTime.emplace_back(codableTimestamp(record), &record);
-    std::ranges::stable_sort(byTime, {}, &std::pair<std::uint64_t, CXOrvexFeedback*>::first);
+    for (const auto& record : records) byTime.emplace_back(codableTimestamp(record), byTime.size());
+    std::ranges::sort(byTime);
     SessionRecords sorted;
     sorted.reserve(records.size());
-    for (const auto& [time, record] : byTime) sorted.push_back(std::move(*record));
+    for (const auto& [time, position] : byTime) sorted.push_back(std::move(records[position]));
     records = std::move(sorted);
 }
 
@@ -80,6 +81,7 @@ boost::json::array privacyFilteredFeedbacksWithRelativeTimestamp(const Assembly&
             dictionaries.push_back(*std::move(form));
         } else {
             feedbackLog().error("nil feedback dictionary for type : {}", feedbackType(record));
+            assembly.counters().add("com.kelvar.orvexd.feedbackdropped.nodictionary");
         }
     }
     const DaemonRecordOrigin origin{.userGuid = session.user_guid_string(), .userAgent = session.agent()};

@@ -5,19 +5,19 @@
 
 #include "core/feedback_records.pb.h"
 
-/// A session of records as it is uploaded. Pure functions, but for what they log.
+/// A session of records as it is uploaded. Pure functions, but for what they log and count.
 namespace orvex {
 
 class Assembly;
 
 using SessionRecords = std::vector<CXOrvexFeedback>;
 
-/// Of equal times none has a set place.
+/// Of equal times in the order that they had.
 void sortByTime(SessionRecords& records);
 
 /// The dictionaries of `records`, which are by time. Each record's "timestamp" is relative to the first that has one,
-/// in milliseconds. A record without a dictionary is left out, logged.
-/// They are led by what the records used and never announced: missing suggestions, then missing results, if any.
+/// in milliseconds. A record without a dictionary is left out, logged and counted. They are led by what the records
+/// used and never announced: missing suggestions, then missing results, if any.
 [[nodiscard]] boost::json::array privacyFilteredFeedbacksWithRelativeTimestamp(const Assembly& assembly,
                                                                                const CXClientSession& session,
                                                                                SessionRecords records);

@@ -310,6 +310,15 @@ TEST_F(FeedbackRoadTest, ABagFetchIsASessionOfItsOwn) {
     EXPECT_GE(world.bagFetches(), 25u);
 }
 
+TEST_F(FeedbackRoadTest, WhileFeedbackIsSwitchedOffNothingIsRecorded) {
+    world.defaults.store("ORXFeedbackDisabled", true);
+    start();
+    EXPECT_FALSE(search("tree")->arrived());
+    EXPECT_FALSE(report("no payload")->arguments);
+    EXPECT_THAT(lines(), testing::IsEmpty());
+    EXPECT_THAT(finishedSessions(), testing::IsEmpty());
+}
+
 TEST_F(FeedbackRoadTest, AConfigurationThatIsRefusedIsRecordedAsTheDaemonsOwn) {
     start();
     EXPECT_FALSE(world.configure(":1.9", "com.kelvar.other", "")->arguments);

@@ -17,6 +17,7 @@
 #include "feedback/persistent_storage.h"
 #include "feedback/session_dictionary.h"
 #include "platform/counters.h"
+#include "platform/user_defaults.h"
 #include "resources/download_manager.h"
 
 namespace orvex {
@@ -77,6 +78,7 @@ std::shared_ptr<ClientSession> ClientSession::createFeedbackSessionFromError(con
 
 std::shared_ptr<ClientSession> ClientSession::createFeedbackSessionFromError(const CXErrorFeedback& error,
                                                                              Assembly& assembly) {
+    if (assembly.userDefaults().boolean("ORXFeedbackDisabled")) return nullptr;
     const auto& limit = assembly.ownSessionLimit();
     if (limit && !limit->admit(OwnSessionLimit::Kind::error)) return nullptr;
     return std::make_shared<ClientSession>(assembly, daemonErrorRecord(assembly, error), RecordReceipt());

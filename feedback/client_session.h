@@ -38,7 +38,7 @@ public:
     ~ClientSession() override;
 
     /// A session of its own for one error of the daemon's, which has no session to go to; the caller completes it.
-    /// Null, counted: too many of them in the last hour.
+    /// Null: feedback is switched off, or, counted, there were too many of them in the last hour.
     static std::shared_ptr<ClientSession> createFeedbackSessionFromError(const ORXError& error, Assembly& assembly);
     static std::shared_ptr<ClientSession> createFeedbackSessionFromError(const CXErrorFeedback& error,
                                                                          Assembly& assembly);

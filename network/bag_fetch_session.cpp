@@ -10,6 +10,7 @@
 #include "feedback/daemon_record.h"
 #include "feedback/guid_controller.h"
 #include "feedback/own_session_limit.h"
+#include "platform/user_defaults.h"
 #include "platform/uuid.h"
 
 namespace orvex {
@@ -33,6 +34,7 @@ BagFetchSession::BagFetchSession(Assembly& assembly, const platform::URLRequest&
                                                 {.triggerEvent = bagFetchEvent, .endpoint = SearchEndpoint::bag}))) {}
 
 std::shared_ptr<ClientSession> BagFetchSession::_open(const google::protobuf::Message& start) const {
+    if (_assembly.userDefaults().boolean("ORXFeedbackDisabled")) return nullptr;
     const auto& limit = _assembly.ownSessionLimit();
     if (!limit || !limit->admit(OwnSessionLimit::Kind::bagFetch)) return nullptr;
     return std::make_shared<ClientSession>(_assembly, _wrapped(start), RecordReceipt());

@@ -22,7 +22,7 @@ struct ORXError;
 ///
 ///     made: the start is recorded ──ended──▶ ──failed, at most once──▶ ──complete──▶ waits for upload
 ///
-/// Beyond 20 sessions in an hour it records nothing.
+/// Beyond 20 sessions in an hour, and while feedback is switched off, it records nothing.
 /// Threading: one thread at a time.
 class BagFetchSession {
 public:

@@ -10,7 +10,9 @@ namespace {
 
 template <class Pairs>
 auto find(Pairs& pairs, std::string_view name) {
-    return std::ranges::find(pairs, name, [](const auto& pair) -> std::string_view { return pair.first; });
+    // Most names differ in the first letter already, and looking at it costs no call.
+    const char first = name.empty() ? '\0' : name.front();
+    return std::ranges::find_if(pairs, [&](const auto& pair) { return pair.first[0] == first && pair.first == name; });
 }
 
 template <class Pairs>
@@ -24,19 +26,23 @@ void force(Pairs& pairs, std::string_view name, std::string value) {
 
 }  // namespace
 
-std::optional<OrvexURLRequestBuilder> OrvexURLRequestBuilder::requestBuilderWithURL(std::string_view url) {
+std::shared_ptr<const platform::URL> OrvexURLRequestBuilder::parsedEndpoint(std::string_view url) {
     auto components = platform::parseAcceptableURL(url);
-    if (!components) {
-        OrvexLogForCategory(OrvexLoggingCategory::request).error("endpoint refused: {}", components.error().text);
-        return std::nullopt;
-    }
-    return OrvexURLRequestBuilder(std::move(*components));
+    if (components) return std::make_shared<const platform::URL>(*std::move(components));
+    OrvexLogForCategory(OrvexLoggingCategory::request).error("endpoint refused: {}", components.error().text);
+    return nullptr;
 }
 
-OrvexURLRequestBuilder::OrvexURLRequestBuilder(platform::URL components) : _urlComponents(std::move(components)) {
+std::optional<OrvexURLRequestBuilder> OrvexURLRequestBuilder::requestBuilderWithURL(std::string_view url) {
+    auto endpoint = parsedEndpoint(url);
+    return endpoint ? std::optional(OrvexURLRequestBuilder(std::move(endpoint))) : std::nullopt;
+}
+
+OrvexURLRequestBuilder::OrvexURLRequestBuilder(std::shared_ptr<const platform::URL> endpoint)
+    : _endpoint(std::move(endpoint)) {
     _queryItems.reserve(32);
     _httpHeaders.reserve(16);
-    if (_urlComponents.query) forceQueryItemsFromArray(platform::decodeQuery(*_urlComponents.query));
+    if (_endpoint->query) forceQueryItemsFromArray(platform::decodeQuery(*_endpoint->query));
 }
 
 bool OrvexURLRequestBuilder::containsQueryItemWithName(std::string_view name) const {
@@ -72,21 +78,32 @@ void OrvexURLRequestBuilder::defaultHttpHeaderWithName(std::string_view name, st
     if (!containsHttpHeaderWithName(name)) forceHttpHeaderWithName(name, std::move(value));
 }
 
-platform::URLRequest OrvexURLRequestBuilder::createMutableUrlRequest() const {
-    auto items = _queryItems;
-    std::ranges::sort(items, {}, &platform::QueryItem::first);
-    std::string query;
-    for (const auto& [name, value] : items) {
-        if (!query.empty()) query += '&';
-        query += platform::percentEncode(name);
-        query += '=';
-        query += platform::percentEncode(value);
+std::string OrvexURLRequestBuilder::_query() const {
+    std::vector<const platform::QueryItem*> sorted;  // the items are larger than what it takes to sort them
+    sorted.reserve(_queryItems.size());
+    std::size_t bytes = 0;
+    for (const auto& item : _queryItems) {
+        sorted.push_back(&item);
+        bytes += item.first.size() + item.second.size() + 2;
     }
-    platform::URL url = _urlComponents;
-    url.query = items.empty() ? std::nullopt : std::optional(std::move(query));
+    std::ranges::sort(sorted, {}, &platform::QueryItem::first);
+    std::string query;
+    query.reserve(bytes + bytes / 2);  // most of it needs no escape
+    for (const auto* item : sorted) {
+        if (!query.empty()) query += '&';
+        query += platform::percentEncode(item->first);
+        query += '=';
+        query += platform::percentEncode(item->second);
+    }
+    return query;
+}
+
+platform::URLRequest OrvexURLRequestBuilder::createMutableUrlRequest() && {
+    platform::URL url = *_endpoint;
+    url.query = _queryItems.empty() ? std::nullopt : std::optional(_query());
     platform::URLRequest request;
     request.url = url.absoluteString();
-    request.headers = _httpHeaders;
+    request.headers = std::move(_httpHeaders);
     return request;
 }
 

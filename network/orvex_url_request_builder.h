@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -20,9 +21,11 @@ namespace orvex {
 /// it stands in. Threading: one thread at a time.
 class OrvexURLRequestBuilder {
 public:
-    /// None when `url` does not parse or breaks the URL rule (platform/url.h).
+    /// Null, and logged, when `url` does not parse or breaks the URL rule (platform/url.h).
+    [[nodiscard]] static std::shared_ptr<const platform::URL> parsedEndpoint(std::string_view url);
+    /// None where that is null.
     [[nodiscard]] static std::optional<OrvexURLRequestBuilder> requestBuilderWithURL(std::string_view url);
-    explicit OrvexURLRequestBuilder(platform::URL components);
+    explicit OrvexURLRequestBuilder(std::shared_ptr<const platform::URL> endpoint);
 
     [[nodiscard]] bool containsQueryItemWithName(std::string_view name) const;
     void forceQueryItem(platform::QueryItem item) { forceQueryItemWithName(item.first, std::move(item.second)); }
@@ -36,11 +39,13 @@ public:
     void defaultHttpHeaderWithName(std::string_view name, std::string value);
     [[nodiscard]] std::size_t refusedHeaders() const { return _refusedHeaders; }  ///< left out for their value
 
-    /// Method, body, cache policy and time-out are the caller's to set on what it gets.
-    [[nodiscard]] platform::URLRequest createMutableUrlRequest() const;
+    /// Method, body, cache policy and time-out are the caller's to set on what it gets. The builder is used up.
+    [[nodiscard]] platform::URLRequest createMutableUrlRequest() &&;
 
 private:
-    platform::URL _urlComponents;
+    [[nodiscard]] std::string _query() const;
+
+    std::shared_ptr<const platform::URL> _endpoint;
     std::vector<platform::QueryItem> _queryItems;  ///< a few dozen at most: searched from end to end
     platform::HTTPHeaders _httpHeaders;
     std::size_t _refusedHeaders = 0;

@@ -8,7 +8,7 @@ namespace {
 OrvexURLRequestBuilder builderFor(std::string_view url) {
     return OrvexURLRequestBuilder::requestBuilderWithURL(url).value();
 }
-std::string urlOf(const OrvexURLRequestBuilder& builder) { return builder.createMutableUrlRequest().url; }
+std::string urlOf(OrvexURLRequestBuilder builder) { return std::move(builder).createMutableUrlRequest().url; }
 
 TEST(OrvexURLRequestBuilderTest, TheEndpointsOwnItemsWinOverDefaultsAndAllAreSorted) {
     auto builder = builderFor("https://a.example/s?b=2&a=1");
@@ -41,7 +41,7 @@ TEST(OrvexURLRequestBuilderTest, HeadersHaveOneValueANameAndNoControlCharacter) 
     builder.forceHttpHeaderWithName("User-Agent", "third\r\nX-Evil: 1");
     builder.defaultHttpHeaderWithName("X-Kelvar-Languages", std::string("a\0b", 3));
     const platform::HTTPHeaders expected = {{"Accept", "a"}, {"User-Agent", "second"}};
-    EXPECT_EQ(builder.createMutableUrlRequest().headers, expected);
+    EXPECT_EQ(std::move(builder).createMutableUrlRequest().headers, expected);
     EXPECT_EQ(builder.refusedHeaders(), 2u);
 }
 

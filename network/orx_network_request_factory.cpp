@@ -25,9 +25,9 @@ std::optional<std::chrono::nanoseconds> timeoutFromSeconds(double seconds) {
         std::chrono::duration<double>(std::min(seconds, limit)));
 }
 
-bool carriesLocation(std::string_view endpoint) {
-    const auto builder = OrvexURLRequestBuilder::requestBuilderWithURL(endpoint);
-    return builder && builder->containsQueryItemWithName("latlng");
+bool carriesLocation(const platform::URL& endpoint) {
+    const auto items = platform::decodeQuery(endpoint.query.value_or(""));
+    return std::ranges::any_of(items, [](const auto& item) { return item.first == "latlng"; });
 }
 
 std::string_view orEmpty(const std::optional<std::string>& text) { return text ? *text : std::string_view(); }
@@ -50,14 +50,16 @@ std::optional<platform::URLRequest> ORXNetworkRequestFactory::_bagRequest(const 
                                                                           const RequestInputs& inputs) const {
     auto request = _contextAccessQueue.sync([&] {
         _contextAccessQueue.assertCurrent();
-        return _build(inputs, controller.bagFetchURLWithCountry(_context.geoDeviceCountryCode));
+        auto builder = OrvexURLRequestBuilder::requestBuilderWithURL(
+            controller.bagFetchURLWithCountry(_context.geoDeviceCountryCode));
+        return builder ? std::optional(_build(inputs, *std::move(builder))) : std::nullopt;
     });
     if (request) request->cachePolicy = platform::CachePolicy::reloadIgnoringLocalCache;
     return request;
 }
 
 std::optional<platform::URLRequest> ORXNetworkRequestFactory::warmRequest(std::string_view url) const {
-    auto request = _read({.kind = RequestKind::warm}, url);
+    auto request = _read({.kind = RequestKind::warm}, OrvexURLRequestBuilder::requestBuilderWithURL(url));
     if (request) request->cachePolicy = platform::CachePolicy::reloadIgnoringLocalCache;
     return request;
 }
@@ -136,7 +138,7 @@ std::optional<platform::URLRequest> ORXNetworkRequestFactory::cardRequest(const 
                   .request = &request,
                   .userAgent = bag.userAgent(),
                   .userGuid = userGuid},
-                 request.cardURL);
+                 OrvexURLRequestBuilder::requestBuilderWithURL(request.cardURL));
 }
 
 std::optional<platform::URLRequest> ORXNetworkRequestFactory::fileDownloadRequest(const FileDownload& download) const {
@@ -145,13 +147,13 @@ std::optional<platform::URLRequest> ORXNetworkRequestFactory::fileDownloadReques
                   .userAgent = userAgent,
                   .version = download.version,
                   .includeLatLong = download.includeLatLong},
-                 download.url);
+                 OrvexURLRequestBuilder::requestBuilderWithURL(download.url));
 }
 
 std::optional<platform::URLRequest> ORXNetworkRequestFactory::flusherUploadRequest(const FlusherUpload& upload) const {
     const auto userAgent = createUserAgentString(_assembly.device(), "");
-    auto request =
-        _read({.kind = RequestKind::feedbackUpload, .userAgent = userAgent, .digest = upload.digest}, upload.url);
+    auto request = _read({.kind = RequestKind::feedbackUpload, .userAgent = userAgent, .digest = upload.digest},
+                         OrvexURLRequestBuilder::requestBuilderWithURL(upload.url));
     if (!request) return std::nullopt;
     request->method = "POST";
     request->cachePolicy = platform::CachePolicy::reloadIgnoringLocalCache;
@@ -163,31 +165,43 @@ std::optional<platform::URLRequest> ORXNetworkRequestFactory::flusherUploadReque
 std::optional<platform::URLRequest> ORXNetworkRequestFactory::_queryRequest(const std::optional<std::string>& endpoint,
                                                                             const RequestInputs& inputs) {
     if (!endpoint) return std::nullopt;
-    if (inputs.kind != RequestKind::moreResults || !carriesLocation(*endpoint)) _startUpdatingLocation();
+    const auto url = _queryEndpoint(*endpoint);
+    if (!url) return std::nullopt;
+    if (inputs.kind != RequestKind::moreResults || !carriesLocation(*url)) _startUpdatingLocation();
     _startUpdatingMotion();
-    auto request = _read(inputs, *endpoint);
+    auto request = _read(inputs, OrvexURLRequestBuilder(url));
     if (request) request->timeout = timeoutFromSeconds(inputs.bag->timeoutIntervalForRequest());
     return request;
 }
 
-std::optional<platform::URLRequest> ORXNetworkRequestFactory::_read(const RequestInputs& inputs,
-                                                                    std::string_view endpoint) const {
+std::optional<platform::URLRequest> ORXNetworkRequestFactory::_read(
+    const RequestInputs& inputs, std::optional<OrvexURLRequestBuilder> builder) const {
+    if (!builder) return std::nullopt;
     return _contextAccessQueue.sync([&] {
         _contextAccessQueue.assertCurrent();
-        return _build(inputs, endpoint);
+        return _build(inputs, *std::move(builder));
     });
 }
 
-std::optional<platform::URLRequest> ORXNetworkRequestFactory::_build(RequestInputs inputs,
-                                                                     std::string_view endpoint) const {
-    auto builder = OrvexURLRequestBuilder::requestBuilderWithURL(endpoint);
-    if (!builder) return std::nullopt;
+platform::URLRequest ORXNetworkRequestFactory::_build(RequestInputs inputs, OrvexURLRequestBuilder builder) const {
     inputs.context = &_context;
     inputs.assembly = &_assembly;
-    addVocabulary(inputs, *builder);
-    if (const auto refused = builder->refusedHeaders(); refused > 0)
+    addVocabulary(std::move(inputs), builder);
+    if (const auto refused = builder.refusedHeaders(); refused > 0)
         _assembly.counters().add("com.kelvar.orvexd.request.refusedheaders", static_cast<std::int64_t>(refused));
-    return builder->createMutableUrlRequest();
+    return std::move(builder).createMutableUrlRequest();
+}
+
+std::shared_ptr<const platform::URL> ORXNetworkRequestFactory::_queryEndpoint(const std::string& endpoint) const {
+    {
+        const platform::MutexLock lock(_endpointMutex);
+        if (_parsedEndpoint && _endpoint == endpoint) return _parsedEndpoint;
+    }
+    auto parsed = OrvexURLRequestBuilder::parsedEndpoint(endpoint);
+    const platform::MutexLock lock(_endpointMutex);
+    _endpoint = endpoint;
+    _parsedEndpoint = parsed;
+    return parsed;
 }
 
 std::string ORXNetworkRequestFactory::createUserAgentString(const platform::DeviceInformation& device,

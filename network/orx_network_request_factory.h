@@ -31,6 +31,7 @@ namespace orvex {
 class Assembly;
 class ORXBag;
 class OrvexBagController;
+class OrvexURLRequestBuilder;
 struct ORXCardRequest;
 struct ORXFlightSearchRequest;
 struct ORXLookupRequest;
@@ -154,9 +155,11 @@ private:
     [[nodiscard]] std::optional<platform::URLRequest> _queryRequest(const std::optional<std::string>& endpoint,
                                                                     const RequestInputs& inputs);
     [[nodiscard]] std::optional<platform::URLRequest> _read(const RequestInputs& inputs,
-                                                            std::string_view endpoint) const;
-    [[nodiscard]] std::optional<platform::URLRequest> _build(RequestInputs inputs, std::string_view endpoint) const
+                                                            std::optional<OrvexURLRequestBuilder> builder) const;
+    [[nodiscard]] platform::URLRequest _build(RequestInputs inputs, OrvexURLRequestBuilder builder) const
         ORX_REQUIRES_SHARED(_contextAccessQueue);
+    /// Null when it is refused.
+    [[nodiscard]] std::shared_ptr<const platform::URL> _queryEndpoint(const std::string& endpoint) const;
     /// Queues `update` as a barrier of the context queue.
     void _update(Update update);
     void _localeDidChange(const platform::LocaleSettings& settings);
@@ -178,6 +181,11 @@ private:
     std::atomic<bool> _gazelVisible = false;
     std::atomic<bool> _hashtagImagesVisible = false;
     NetworkServiceProxy _proxy;
+
+    // The last query's endpoint, parsed: the next one's is mostly the same.
+    mutable platform::Mutex _endpointMutex;
+    mutable std::string _endpoint ORX_GUARDED_BY(_endpointMutex);
+    mutable std::shared_ptr<const platform::URL> _parsedEndpoint ORX_GUARDED_BY(_endpointMutex);
 
     // On the context queue: reads, and barriers that change it.
     RequestContext _context ORX_GUARDED_BY(_contextAccessQueue);

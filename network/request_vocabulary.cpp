@@ -14,6 +14,7 @@
 #include "daemon/assembly.h"
 #include "daemon/orvex_logging.h"
 #include "network/app_whitelist_signature.h"
+#include "network/location_context.h"
 #include "network/location_manager.h"
 #include "network/orvex_url_request_builder.h"
 #include "network/request_context.h"
@@ -117,23 +118,17 @@ Value originCode(const ORXSuggestion& suggestion) {
     }
 }
 
-struct SentSuggestion {
-    std::string_view text;
-    std::string origin;
-    double score;
-};
-
 /// In the order in which the texts were first seen; of one text the best score, with its origin.
-std::vector<SentSuggestion> sentSuggestions(const RequestInputs& inputs) {
-    std::vector<SentSuggestion> sent;
-    for (const auto& suggestion : inputs.search->completionCacheSuggestions) {
+std::vector<SuggestionTold> suggestionsTold(const ORXSearchRequest& search) {
+    std::vector<SuggestionTold> sent;
+    for (const auto& suggestion : search.completionCacheSuggestions) {
         auto origin = originCode(suggestion);
         const std::string_view text = suggestion.suggestion;
         if (!origin || text.empty() || text.contains(listSeparator) || origin->contains(listSeparator) ||
             !std::isfinite(suggestion.score)) {
             continue;
         }
-        const auto same = std::ranges::find(sent, text, &SentSuggestion::text);
+        const auto same = std::ranges::find(sent, text, &SuggestionTold::text);
         if (same == sent.end()) {
             sent.push_back({text, *std::move(origin), suggestion.score});
         } else if (suggestion.score > same->score) {
@@ -146,7 +141,7 @@ std::vector<SentSuggestion> sentSuggestions(const RequestInputs& inputs) {
 template <class Part>
 Value joinedSuggestions(const RequestInputs& inputs, Part part) {
     std::string list;
-    for (const auto& suggestion : sentSuggestions(inputs)) {
+    for (const auto& suggestion : inputs.suggestions) {
         if (!list.empty()) list += listSeparator;
         list += part(suggestion);
     }
@@ -161,66 +156,52 @@ Value silhouette(const RequestInputs& inputs) {
 
 // Where the user is. Whatever the context holds, it goes out only while the user allows it.
 
-enum class LocationRule : std::uint8_t { nothing, refusedByUser, whole };
-
 bool isGazel(std::string_view userAgent) { return platform::lowercased(userAgent).contains("gazel"); }
 
-LocationRule locationRule(const RequestInputs& inputs) {
+platform::LocationAuthorization authorization(const RequestInputs& inputs) {
+    const auto& manager = inputs.assembly->locationManager();
+    return manager ? manager->authorizationStatus() : platform::LocationAuthorization::denied;
+}
+
+LocationTold locationTold(const RequestInputs& inputs) {
+    constexpr std::string_view refusedByUser = LocationContext::refusedByUser;
     const bool masked = inputs.fieldMask == FieldMask::withoutLocation;
-    const auto& manager = inputs.assembly->locationManager();
     if (inputs.kind == RequestKind::search && isGazel(inputs.userAgent)) {
+        const auto& manager = inputs.assembly->locationManager();
         const bool allowed = manager && platform::mayLocate(manager->gazelAuthorizationStatus());
-        return allowed && !masked ? LocationRule::whole : LocationRule::refusedByUser;
+        if (masked || !allowed) return {.latLng = {}, .source = refusedByUser, .movement = false};
     }
-    const bool heedsMask = inputs.kind == RequestKind::search || inputs.kind == RequestKind::zeroKeyword ||
-                           inputs.kind == RequestKind::moreResults;
-    return masked && heedsMask ? LocationRule::nothing : LocationRule::whole;
+    if (masked) return {};  // only what heeds the mask is ever asked with it
+    const auto status = authorization(inputs);
+    const std::string_view latLng = inputs.context->geoLocationLatLng;
+    if (platform::mayLocate(status)) return {latLng, inputs.context->geoLocationSource, true};
+    // Not asked yet is not refused: without a location, its reason is told.
+    const bool refused = status != platform::LocationAuthorization::notDetermined || !latLng.empty();
+    return {{}, refused ? refusedByUser : std::string_view(inputs.context->geoLocationSource), true};
 }
 
-bool userAllowsLocation(const RequestInputs& inputs) {
-    const auto& manager = inputs.assembly->locationManager();
-    return manager && platform::mayLocate(manager->authorizationStatus());
-}
+Value latlng(const RequestInputs& inputs) { return unlessEmpty(inputs.location.latLng); }
 
-/// Not asked yet is not refused: without a location, its reason is told.
-bool userRefusesLocation(const RequestInputs& inputs) {
-    const auto& manager = inputs.assembly->locationManager();
-    const auto status = manager ? manager->authorizationStatus() : platform::LocationAuthorization::denied;
-    return !platform::mayLocate(status) &&
-           (status != platform::LocationAuthorization::notDetermined || !inputs.context->geoLocationLatLng.empty());
-}
-
-Value latlng(const RequestInputs& inputs) {
-    if (locationRule(inputs) != LocationRule::whole || !userAllowsLocation(inputs)) return std::nullopt;
-    return unlessEmpty(inputs.context->geoLocationLatLng);
-}
-
-Value locationSource(const RequestInputs& inputs) {
-    const auto rule = locationRule(inputs);
-    if (rule == LocationRule::nothing) return std::nullopt;
-    if (rule == LocationRule::refusedByUser || userRefusesLocation(inputs)) return "userno";
-    return unlessEmpty(inputs.context->geoLocationSource);
-}
+Value locationSource(const RequestInputs& inputs) { return unlessEmpty(inputs.location.source); }
 
 Value routineMode(const RequestInputs& inputs) {
     const auto mode = inputs.context->routineMode;
-    if (locationRule(inputs) != LocationRule::whole || !mode || *mode < -1 || *mode > 1) return std::nullopt;
+    if (!inputs.location.movement || !mode || *mode < -1 || *mode > 1) return std::nullopt;
     return fmt::to_string(*mode + 2);
 }
 
 Value transportationMode(const RequestInputs& inputs) {
-    if (locationRule(inputs) != LocationRule::whole) return std::nullopt;
-    return fmt::to_string(inputs.context->transportationMode);
+    return inputs.location.movement ? Value(fmt::to_string(inputs.context->transportationMode)) : std::nullopt;
 }
 
 /// Tells too much to travel for its own sake: only with a location.
 Value appSignature(const RequestInputs& inputs) {
     const auto& controller = inputs.assembly->appWhitelistController();
-    return controller && latlng(inputs) ? controller->whitelistSignature() : std::nullopt;
+    return controller && !inputs.location.latLng.empty() ? controller->whitelistSignature() : std::nullopt;
 }
 
 Value fuzzedLocation(const RequestInputs& inputs) {
-    if (!inputs.includeLatLong || !userAllowsLocation(inputs)) return std::nullopt;
+    if (!inputs.includeLatLong || !platform::mayLocate(authorization(inputs))) return std::nullopt;
     return unlessEmpty(inputs.context->lookupGeoLocationLatLng);
 }
 
@@ -491,7 +472,9 @@ std::span<const std::uint8_t> constructionOrder(RequestKind kind) {
     return {};
 }
 
-void addVocabulary(const RequestInputs& inputs, OrvexURLRequestBuilder& builder) {
+void addVocabulary(RequestInputs inputs, OrvexURLRequestBuilder& builder) {
+    if (inputs.request) inputs.location = locationTold(inputs);
+    if (inputs.search) inputs.suggestions = suggestionsTold(*inputs.search);
     for (const auto position : constructionOrder(inputs.kind)) add(table[position], inputs, builder);
 }
 

@@ -5,6 +5,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace orvex {
 
@@ -37,6 +38,20 @@ enum class RequestKind : std::uint8_t {
     feedbackUpload,
 };
 
+/// What a request may tell of where the user is, once the rules have been applied.
+struct LocationTold {
+    std::string_view latLng;  ///< empty: not told, as the next
+    std::string_view source;
+    bool movement = false;  ///< whether routine and transportation modes are told
+};
+
+/// A suggestion that the client showed of late, with the code of its origin.
+struct SuggestionTold {
+    std::string_view text;
+    std::string origin;
+    double score;
+};
+
 /// What one request is made of. Everything referred to outlives the building of it.
 struct RequestInputs {
     RequestKind kind = RequestKind::warm;
@@ -59,6 +74,10 @@ struct RequestInputs {
     std::string_view digest = {};   ///< of an upload's body
     bool includeLatLong = false;    ///< of a download
     FieldMask fieldMask = FieldMask::none;
+
+    // Worked out once, by `addVocabulary`.
+    LocationTold location = {};
+    std::vector<SuggestionTold> suggestions = {};
 };
 
 /// One query item or header that requests may carry: how it is made, and what to tell a user who asks why.
@@ -89,6 +108,6 @@ struct VocabularyEntry {
 [[nodiscard]] std::span<const std::uint8_t> constructionOrder(RequestKind kind);
 
 /// Adds to `builder` what `inputs` call for. Runs in a read of the context queue.
-void addVocabulary(const RequestInputs& inputs, OrvexURLRequestBuilder& builder);
+void addVocabulary(RequestInputs inputs, OrvexURLRequestBuilder& builder);
 
 }  // namespace orvex

@@ -105,10 +105,12 @@ std::string wellFormed(std::string_view bytes) {
 }
 
 bool hasControlCharacter(std::string_view text) {
-    return std::ranges::any_of(text, [](char character) {
+    unsigned found = 0;  // not left early, so that the compiler may look at many bytes at once
+    for (const char character : text) {
         const auto byte = static_cast<unsigned char>(character);
-        return byte < 0x20 || byte == 0x7F;
-    });
+        found |= static_cast<unsigned>(byte < 0x20) | static_cast<unsigned>(byte == 0x7F);
+    }
+    return found != 0;
 }
 
 int compareNumerically(std::string_view a, std::string_view b) {

@@ -4,6 +4,7 @@
 #include <fmt/core.h>
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <memory>
 #include <ranges>
@@ -93,6 +94,14 @@ bool isLoopbackInDisguise(std::string_view host) {
     return IN6_IS_ADDR_LOOPBACK(&v6) || IN6_IS_ADDR_UNSPECIFIED(&v6) || (holdsV4 && isLoopback(v4));
 }
 
+/// By byte: what RFC 3986 calls so.
+constexpr auto unreserved = [] {
+    std::array<bool, 256> table{};
+    for (const unsigned char c : std::string_view("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_.~"))
+        table[c] = true;
+    return table;
+}();
+
 int hexDigit(char c) {
     if (c >= '0' && c <= '9') return c - '0';
     if (c >= 'a' && c <= 'f') return c - 'a' + 10;
@@ -116,7 +125,9 @@ std::string percentDecode(std::string_view text) {
 }  // namespace
 
 std::string URL::absoluteString() const {
-    std::string text = scheme + "://";
+    std::string text;
+    text.reserve(scheme.size() + host.size() + port.size() + path.size() + (query ? query->size() : 0) + 8);
+    text.append(scheme).append("://");
     if (!user.empty() || !password.empty()) {
         text += user;
         if (!password.empty()) text += ":" + password;
@@ -125,7 +136,7 @@ std::string URL::absoluteString() const {
     text += host;
     if (!port.empty()) text += ":" + port;
     text += path;
-    if (query) text += "?" + *query;
+    if (query) text.append("?").append(*query);
     if (!fragment.empty()) text += "#" + fragment;
     return text;
 }
@@ -215,18 +226,22 @@ std::vector<QueryItem> decodeQuery(std::string_view query) {
 }
 
 std::string percentEncode(std::string_view text) {
-    static constexpr std::string_view unreservedMarks = "-_.~";
     static constexpr std::string_view digits = "0123456789ABCDEF";
-    std::string encoded;
-    encoded.reserve(text.size());
+    std::size_t escapes = 0;
+    for (const char c : text) escapes += unreserved[static_cast<unsigned char>(c)] ? 0 : 1;
+    std::string encoded(text);
+    if (escapes == 0) return encoded;
+    encoded.resize(text.size() + 2 * escapes);
+    auto to = encoded.begin();
     for (const char c : text) {
         const auto byte = static_cast<unsigned char>(c);
-        const bool unreserved = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                                unreservedMarks.find(c) != std::string_view::npos;
-        if (unreserved)
-            encoded += c;
-        else
-            encoded.append({'%', digits[byte >> 4], digits[byte & 15]});
+        if (unreserved[byte]) {
+            *to++ = c;
+        } else {
+            *to++ = '%';
+            *to++ = digits[byte >> 4];
+            *to++ = digits[byte & 15];
+        }
     }
     return encoded;
 }

@@ -33,6 +33,11 @@ std::int32_t transportationMode(const platform::MotionActivity& activity) {
     return 1;
 }
 
+/// Not asked yet is not refused.
+bool isRefused(platform::LocationAuthorization status) {
+    return status == platform::LocationAuthorization::denied || status == platform::LocationAuthorization::restricted;
+}
+
 boost::json::object disabledCindora() {
     return {{"appRule", boost::json::object{{"enable", boost::json::object{{"Enabled", false}}}}}};
 }
@@ -193,11 +198,14 @@ void ORXNetworkRequestFactory::didUpdateStorefrontIdentifier(const std::string& 
 // Location, routine, movement.
 
 void ORXNetworkRequestFactory::_startUpdatingLocation() {
-    const bool fresh = _contextAccessQueue.sync([this] {
+    const auto& manager = _assembly.locationManager();
+    const bool refused = !manager || isRefused(manager->authorizationStatus());
+    const bool settled = _contextAccessQueue.sync([this, refused] {
         _contextAccessQueue.assertCurrent();
-        return _location.isFresh(_assembly.dispatcher().now());
+        return _location.isFresh(_assembly.dispatcher().now()) ||
+               (refused && _context.geoLocationSource == LocationContext::refusedByUser);
     });
-    if (fresh) return;
+    if (settled) return;  // as mostly, and then nothing is posted
     _update([](ORXNetworkRequestFactory& self) {
         self._contextAccessQueue.assertBarrier();
         if (self._context.geoLocationSource == LocationContext::notReceivedYet)
@@ -210,7 +218,7 @@ void ORXNetworkRequestFactory::_startLocationUnlessFresh() {
     if (_location.isFresh(_assembly.dispatcher().now())) return;
     const auto& manager = _assembly.locationManager();
     const auto status = manager ? manager->authorizationStatus() : platform::LocationAuthorization::denied;
-    if (status == platform::LocationAuthorization::denied || status == platform::LocationAuthorization::restricted) {
+    if (isRefused(status)) {
         _location.drop(LocationContext::refusedByUser, _context);
     } else {
         manager->startUpdatingLocation();

@@ -109,7 +109,7 @@ std::int64_t today() {
 }
 
 /// Rows of the last 30 days but one, put in by SQL.
-void fill(SQLiteDatabase& database, int count, std::int64_t age = 0) {
+void fill(platform::SQLiteDatabase& database, int count, std::int64_t age = 0) {
     std::mt19937 random(3);
     check(database.execute("BEGIN") == SQLITE_OK, "no rows can be put in");
     for (int i = 0; i < count; ++i) {
@@ -122,7 +122,7 @@ void fill(SQLiteDatabase& database, int count, std::int64_t age = 0) {
     check(database.execute("COMMIT") == SQLITE_OK, "no rows can be put in");
 }
 
-void bareSearch(SQLiteDatabase& database, const std::string& input) {
+void bareSearch(platform::SQLiteDatabase& database, const std::string& input) {
     const auto end = endOfPrefixRange(input);
     const auto now = today();
     const double weights[] = {10, 1, 0.1, 0.01, 0.001, 1};
@@ -135,7 +135,7 @@ void bareSearch(SQLiteDatabase& database, const std::string& input) {
     check(run.finish() == SQLITE_OK, "the bare search failed");
 }
 
-void bareInsert(SQLiteDatabase& database, const std::string& text) {
+void bareInsert(platform::SQLiteDatabase& database, const std::string& text) {
     auto run = database.run(insertSQL);
     run.bind(1, text).bind(2, text).bind(3, today()).bind(4, "se").bind(5, std::int64_t{2}).bind(6, text);
     check(run.finish() == SQLITE_OK, "the bare insert failed");
@@ -165,7 +165,7 @@ int main() {
         World world(home.path());
         world.add("zzzzzzzz");  // the file is there once it is answered
     }
-    SQLiteDatabase other;
+    platform::SQLiteDatabase other;
     check(other.open(path, SQLITE_OPEN_READWRITE) == SQLITE_OK, "the database cannot be opened");
     fill(other, rows - 1);
 
@@ -198,7 +198,7 @@ int main() {
     }
 
     const platform::TemporaryDirectory bareHome;
-    SQLiteDatabase bare;
+    platform::SQLiteDatabase bare;
     const auto barePath = std::filesystem::canonical(bareHome.path()).string() + "/bare.db";
     check(bare.open(barePath, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE) == SQLITE_OK, "no bare database");
     check(bare.execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; "

@@ -242,7 +242,7 @@ TEST_F(EngagedFaultsTest, ALockOfAnotherProgramIsWaitedForSomeSeconds) {
     {
         const SleepsOfSQLite sleeps([](auto) {});
         const auto added = tryAdd("b");
-        EXPECT_EQ(added ? SQLITE_OK : primaryCode(added.error().code), SQLITE_BUSY);
+        EXPECT_EQ(added ? SQLITE_OK : platform::primaryCode(added.error().code), SQLITE_BUSY);
     }
     disk.sql("COMMIT");
     EXPECT_EQ(completions(), Texts{"a"});

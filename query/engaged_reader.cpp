@@ -46,7 +46,7 @@ struct PrefixRanges {
     const std::string inputEnd, transformed, transformedEnd;
 };
 
-void bindQuery(SQLiteRun& run, const EngagedReader::Query& query, const PrefixRanges& ranges) {
+void bindQuery(platform::SQLiteRun& run, const EngagedReader::Query& query, const PrefixRanges& ranges) {
     int position = 1;
     for (const auto age : thresholdAges) run.bind(position++, query.now - age);
     run.bind(7, query.input).bind(8, ranges.inputEnd);
@@ -54,7 +54,7 @@ void bindQuery(SQLiteRun& run, const EngagedReader::Query& query, const PrefixRa
     run.bind(11, query.client);
 }
 
-void logUnlessPrepared(SQLiteRun& run, const char* sql) {
+void logUnlessPrepared(platform::SQLiteRun& run, const char* sql) {
     if (run.prepared()) return;
     OrvexLogForCategory(OrvexLoggingCategory::search)
         .error("_prepareSelectStatement failed - SQL:{} code: {}", sql, run.finish());

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "core/orx_request.h"
-#include "query/engaged_sqlite.h"
+#include "platform/sqlite_database.h"
 
 namespace orvex {
 
@@ -55,7 +55,7 @@ private:
     class Stoppable;
     EngagedReader() = default;
 
-    SQLiteDatabase _database;
+    platform::SQLiteDatabase _database;
 };
 
 }  // namespace orvex

@@ -232,7 +232,7 @@ int EngagedStore::_checkSchema(bool isNew) {
     if (code != SQLITE_OK) {
         log().error("Engaged completion cache schema version read failed");
         // A missing table is an answer; a lock or a disk that fails is none, and must not cost what is stored.
-        if (primaryCode(code) != SQLITE_ERROR) return code;
+        if (platform::primaryCode(code) != SQLITE_ERROR) return code;
     }
     if (version != schemaVersion) return _setDBSchema();
     _schemaVersion = schemaVersion;
@@ -240,7 +240,9 @@ int EngagedStore::_checkSchema(bool isNew) {
 }
 
 /// Whether the schema has what an insert needs, as far as can be told; nothing is inserted.
-bool EngagedStore::_takesEngagements() { return primaryCode(_database.execute(sql::explainInsert)) != SQLITE_ERROR; }
+bool EngagedStore::_takesEngagements() {
+    return platform::primaryCode(_database.execute(sql::explainInsert)) != SQLITE_ERROR;
+}
 
 int EngagedStore::_setDBSchema() {
     _statistics.reset();
@@ -457,7 +459,7 @@ void EngagedStore::checkDamage(int code, std::uint64_t generation) {
 }
 
 bool EngagedStore::_isDamage(int code) {
-    const int primary = primaryCode(code);
+    const int primary = platform::primaryCode(code);
     if (primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB) return true;
     if (primary == SQLITE_ERROR && isOpen()) return !_takesEngagements();
     if (primary != SQLITE_IOERR || !isOpen()) return false;

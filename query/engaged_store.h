@@ -11,7 +11,7 @@
 
 #include "platform/file_manager.h"
 #include "platform/result.h"
-#include "query/engaged_sqlite.h"
+#include "platform/sqlite_database.h"
 
 namespace orvex::platform {
 class Counters;
@@ -113,7 +113,7 @@ private:
     platform::Counters& _counters;
     const std::function<void()> _closeReaders;
 
-    SQLiteDatabase _database;
+    platform::SQLiteDatabase _database;
     std::string _path;
     std::uint64_t _generation = 0;    ///< how often it was opened
     std::int64_t _schemaVersion = 0;  ///< 0 until it was read

@@ -3,6 +3,11 @@
 #include <fmt/core.h>
 
 #include <algorithm>
+#include <charconv>
+#include <ctime>
+#include <iomanip>
+#include <locale>
+#include <sstream>
 
 namespace orvex::platform {
 namespace {
@@ -47,6 +52,38 @@ std::optional<std::string> unsendablePart(const URLRequest& request) {
         if (hasControlCharacter(value)) return fmt::format("the header {} has a control character", name);
     }
     return std::nullopt;
+}
+
+std::optional<std::chrono::sys_seconds> parseHTTPDate(const std::string& text) {
+    for (const auto* form : {"%a, %d %b %Y %H:%M:%S GMT", "%A, %d-%b-%y %H:%M:%S GMT", "%a %b %e %H:%M:%S %Y"}) {
+        std::istringstream in(text);
+        in.imbue(std::locale::classic());
+        std::tm parts{};
+        if (!(in >> std::get_time(&parts, form))) continue;
+        const std::chrono::year_month_day day{std::chrono::year(parts.tm_year + 1900),
+                                              std::chrono::month(static_cast<unsigned>(parts.tm_mon + 1)),
+                                              std::chrono::day(static_cast<unsigned>(parts.tm_mday))};
+        if (!day.ok()) return std::nullopt;
+        return std::chrono::sys_days(day) + std::chrono::hours(parts.tm_hour) + std::chrono::minutes(parts.tm_min) +
+               std::chrono::seconds(parts.tm_sec);
+    }
+    return std::nullopt;
+}
+
+std::optional<std::chrono::seconds> retryAfter(const HTTPHeaders& headers, WallTime now) {
+    using std::chrono::seconds;
+    constexpr seconds longest = std::chrono::hours(24);
+    const auto text = headerValue(headers, "Retry-After");
+    if (!text || text->empty()) return std::nullopt;
+    if (text->find_first_not_of("0123456789") == std::string::npos) {
+        std::int64_t count = 0;
+        const auto read = std::from_chars(text->data(), text->data() + text->size(), count);
+        return read.ec == std::errc() ? std::min(seconds(count), longest) : longest;
+    }
+    const auto date = parseHTTPDate(*text);
+    if (!date) return std::nullopt;
+    return std::clamp(date->time_since_epoch() - std::chrono::floor<seconds>(now.time_since_epoch()), seconds(0),
+                      longest);
 }
 
 }  // namespace orvex::platform

@@ -11,6 +11,9 @@
 #include <utility>
 #include <vector>
 
+#include "platform/clock.h"
+#include "platform/file_manager.h"
+
 namespace orvex::platform {
 
 /// Header fields in the order given. `value` compares names without regard to ASCII case, as HTTP does.
@@ -20,6 +23,11 @@ std::optional<std::string> headerValue(const HTTPHeaders& headers, std::string_v
 std::optional<std::string> joinedHeaderValues(const HTTPHeaders& headers, std::string_view name);
 /// Names of header fields and of their directives.
 [[nodiscard]] bool isSameName(std::string_view a, std::string_view b);
+/// Each of the three forms of a date (RFC 9110, section 5.6.7).
+[[nodiscard]] std::optional<std::chrono::sys_seconds> parseHTTPDate(const std::string& text);
+/// How long a server asks to be left alone: Retry-After in either form (RFC 9110, section 10.2.3), between nothing and
+/// 24 hours. None: it does not ask, or not so that it can be read.
+[[nodiscard]] std::optional<std::chrono::seconds> retryAfter(const HTTPHeaders& headers, WallTime now);
 
 enum class CachePolicy {
     useProtocol,               ///< answer from the session's cache where RFC 9111 allows
@@ -61,6 +69,16 @@ struct TransportError {
     };
     Code code = other;
     std::string reason;
+    bool isPermanent = false;  ///< another attempt cannot help: what was asked or answered breaks a rule of ours
+};
+
+/// Bodies that are files, for what must not lie in memory.
+struct FileTransfer {
+    FileDescriptor body;                      ///< sent from its start in place of the request's; none: that one
+    std::uint64_t bodyBytes = 0;              ///< so many
+    FileDescriptor answer;                    ///< where the answer is put, opened to append; none: it is dropped
+    std::chrono::seconds longestSilence{60};  ///< on the wire, before the task ends with `timedOut`
+    std::function<void(std::uint64_t bytesSent, std::uint64_t bytesReceived)> progress;  ///< often, on any thread
 };
 
 /// The body is shared, never copied, by all who keep it. Null: there was none (an empty body is none).
@@ -92,6 +110,9 @@ public:
     virtual void setPreconnect() = 0;
     /// Set before `resume`: through the CONNECT proxy at this URL, which follows the rule for every URL.
     virtual void setProxy(std::string proxyURL) = 0;
+    /// Set before `resume`. A task with a body of its own follows the redirects 307 and 308 only, any other is its
+    /// answer. The completion has no body, and the cache is neither read nor written.
+    virtual void setFiles(FileTransfer files) = 0;
 };
 
 struct URLSessionConfiguration {

@@ -3,10 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <ctime>
-#include <iomanip>
-#include <locale>
-#include <sstream>
 
 #include "platform/text.h"
 
@@ -43,26 +39,9 @@ std::optional<seconds> parseSeconds(std::string_view text) {
     return result.ec == std::errc() ? std::min(seconds(count), longestPeriod) : longestPeriod;
 }
 
-/// Each of the three forms of a date (RFC 9110, section 5.6.7).
-std::optional<sys_seconds> parseDate(const std::string& text) {
-    for (const auto* form : {"%a, %d %b %Y %H:%M:%S GMT", "%A, %d-%b-%y %H:%M:%S GMT", "%a %b %e %H:%M:%S %Y"}) {
-        std::istringstream in(text);
-        in.imbue(std::locale::classic());
-        std::tm parts{};
-        if (!(in >> std::get_time(&parts, form))) continue;
-        const std::chrono::year_month_day day{std::chrono::year(parts.tm_year + 1900),
-                                              std::chrono::month(static_cast<unsigned>(parts.tm_mon + 1)),
-                                              std::chrono::day(static_cast<unsigned>(parts.tm_mday))};
-        if (!day.ok()) return std::nullopt;
-        return std::chrono::sys_days(day) + std::chrono::hours(parts.tm_hour) + std::chrono::minutes(parts.tm_min) +
-               seconds(parts.tm_sec);
-    }
-    return std::nullopt;
-}
-
 std::optional<sys_seconds> dateIn(const HTTPHeaders& headers, std::string_view name) {
     const auto text = headerValue(headers, name);
-    return text ? parseDate(*text) : std::nullopt;
+    return text ? parseHTTPDate(*text) : std::nullopt;
 }
 
 sys_seconds wholeSeconds(WallTime time) { return sys_seconds(std::chrono::floor<seconds>(time.time_since_epoch())); }
@@ -181,7 +160,8 @@ HTTPHeaders CachedAnswer::conditions() const {
     const auto tag = headerValue(_answer.response.headers, "ETag");
     if (tag && !trimmed(*tag).empty() && !hasControlCharacter(*tag)) conditions.emplace_back("If-None-Match", *tag);
     const auto date = headerValue(_answer.response.headers, "Last-Modified");
-    if (date && parseDate(*date) && !hasControlCharacter(*date)) conditions.emplace_back("If-Modified-Since", *date);
+    if (date && parseHTTPDate(*date) && !hasControlCharacter(*date))
+        conditions.emplace_back("If-Modified-Since", *date);
     return conditions;
 }
 

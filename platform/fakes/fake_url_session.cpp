@@ -1,6 +1,7 @@
 #include "platform/fakes/fake_url_session.h"
 
 #include <fmt/core.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -17,15 +18,32 @@ namespace {
 
 std::optional<TransportError> refusal(const FakeURLSession::Sent& sent) {
     const auto url = parseAcceptableURL(sent.request.url);
-    if (!url) return TransportError{TransportError::other, url.error().text};
-    if (auto reason = unsendablePart(sent.request)) return TransportError{TransportError::other, *reason};
+    if (!url) return TransportError{TransportError::other, url.error().text, true};
+    if (auto reason = unsendablePart(sent.request)) return TransportError{TransportError::other, *reason, true};
     if (sent.proxyURL && !parseAcceptableURL(*sent.proxyURL))
-        return TransportError{TransportError::other, "the proxy is refused"};
+        return TransportError{TransportError::other, "the proxy is refused", true};
     return std::nullopt;
 }
 
 FakeAnswer failed(TransportError::Code code, std::string reason) {
     return {.error = TransportError{code, std::move(reason)}};
+}
+
+std::string contentOf(const FileTransfer& files) {
+    std::string bytes(files.bodyBytes, '\0');
+    if (files.body.valid() &&
+        ::pread(files.body.get(), bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size()))
+        misuse("the file of a body is shorter than it is said to be");
+    return bytes;
+}
+
+/// As what a full disk leads to when it cannot be written.
+std::optional<TransportError> writeAnswer(const FileTransfer& files, std::string_view bytes) {
+    if (!files.answer.valid()) return std::nullopt;
+    if (::ftruncate(files.answer.get(), 0) == 0 &&
+        ::write(files.answer.get(), bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()))
+        return std::nullopt;
+    return TransportError{TransportError::other, "cannot write the answer"};
 }
 
 }  // namespace
@@ -47,11 +65,13 @@ public:
             const MutexLock lock(_mutex);
             if (_state != State::made) return;
             _state = State::resumed;
-            sent = FakeURLSession::Sent{_request, _isPreconnect, _proxyURL};
+            sent = FakeURLSession::Sent{_request, _isPreconnect, _proxyURL, _files};
         }
         const auto session = _session.lock();
         if (!session) misuse("a task was resumed after its session");
-        if (!sent->isPreconnect && _answerFromCache(*session, sent->request.headers)) return;
+        if (sent->files) sent->request.body = contentOf(*sent->files);
+        const bool asksCache = !sent->isPreconnect && !sent->files;
+        if (asksCache && _answerFromCache(*session, sent->request.headers)) return;
         if (const auto error = refusal(*sent)) return complete({.error = error});
         _timer.armAfter(_request.timeout.value_or(std::chrono::seconds(60)), [weak = weak_from_this()] {
             if (const auto self = weak.lock()) self->complete(failed(TransportError::timedOut, "timed out"));
@@ -80,6 +100,12 @@ public:
         _proxyURL = std::move(proxyURL);
     }
 
+    void setFiles(FileTransfer files) override {
+        const MutexLock lock(_mutex);
+        if (_state == State::resumed) misuse("setFiles after resume");
+        _files = std::make_shared<const FileTransfer>(std::move(files));
+    }
+
     /// The first call counts.
     void complete(FakeAnswer answer) {
         auto ending = _end(answer.timing);
@@ -87,7 +113,9 @@ public:
         _timer.cancel();
         const auto session = _session.lock();
         if (session) session->_release(*this);
-        if (answer.body.size() > _maxBodyBytes) answer = failed(TransportError::connectionLost, "the body is too long");
+        if (answer.body.size() > _maxBodyBytes)
+            answer = {.error = TransportError{TransportError::connectionLost, "the body is too long", true}};
+        if (ending->files && !answer.error) answer.error = writeAnswer(*ending->files, answer.body);
         if (ending->drops) answer.body.clear();
         if (answer.error) return _post(std::move(ending->completion), std::nullopt, std::move(answer.error));
         HTTPAnswer whole = _asReceived(std::move(answer));
@@ -101,7 +129,8 @@ private:
 
     struct Ending {
         DataTaskCompletion completion;
-        bool drops = false;
+        bool drops = false;  ///< the body does not go to the completion
+        std::shared_ptr<const FileTransfer> files;
         std::shared_ptr<const CachedAnswer> validates;
         MonotonicTime resumed;
 
@@ -116,7 +145,7 @@ private:
         if (_state == State::completed) return std::nullopt;
         _state = State::completed;
         _timing = std::move(timing);
-        return Ending{std::move(_completion), _isPreconnect, _validates, _resumed};
+        return Ending{std::move(_completion), _isPreconnect || _files, _files, _validates, _resumed};
     }
 
     /// Or adds the conditions that validate what is stored to `headers`.
@@ -169,6 +198,7 @@ private:
     State _state ORX_GUARDED_BY(_mutex) = State::made;
     bool _isPreconnect ORX_GUARDED_BY(_mutex) = false;
     std::optional<std::string> _proxyURL ORX_GUARDED_BY(_mutex);
+    std::shared_ptr<const FileTransfer> _files ORX_GUARDED_BY(_mutex);
     std::shared_ptr<const CachedAnswer> _validates ORX_GUARDED_BY(_mutex);
     MonotonicTime _resumed ORX_GUARDED_BY(_mutex);
     std::map<std::string, double> _timing ORX_GUARDED_BY(_mutex);

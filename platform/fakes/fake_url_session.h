@@ -43,6 +43,7 @@ public:
         URLRequest request;
         bool isPreconnect = false;
         std::optional<std::string> proxyURL;
+        std::shared_ptr<const FileTransfer> files;  ///< the body of the request is then what the file held
     };
     /// None: the request is held.
     using Script = std::function<std::optional<FakeAnswer>(const URLRequest& request)>;

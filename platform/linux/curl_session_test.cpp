@@ -1,5 +1,6 @@
 #include "platform/linux/curl_session.h"
 
+#include <fcntl.h>
 #include <fmt/core.h>
 #include <gmock/gmock.h>
 #include <zlib.h>
@@ -10,6 +11,7 @@
 #include <thread>
 
 #include "platform/fakes/scripted_server.h"
+#include "platform/fakes/temporary_directory.h"
 
 namespace orvex::platform {
 namespace {
@@ -308,6 +310,68 @@ TEST_F(CurlSessionTest, ARedirectKeepsMethodAndBodyOnlyWhereHTTPSaysSo) {
     EXPECT_EQ(redirected(303), "GET ");
     EXPECT_EQ(redirected(307), "POST body");
     EXPECT_EQ(redirected(308), "POST body");
+}
+
+/// Sends and receives files; what it reports is the last progress.
+class CurlFilesTest : public CurlSessionTest {
+protected:
+    Outcome upload(const std::string& body, std::chrono::seconds longestSilence = 60s) {
+        writeFile(directory / "body", body);
+        auto sending = make({.url = server.url("/begin"), .method = "PUT", .headers = {{"X-Key", "1"}}});
+        sending.task->setFiles({.body = FileDescriptor(::open((directory / "body").c_str(), O_RDONLY | O_CLOEXEC)),
+                                .bodyBytes = body.size(),
+                                .longestSilence = longestSilence,
+                                .progress = [this](std::uint64_t sent, std::uint64_t) { progress = sent; }});
+        sending.task->resume();
+        return sending.wait();
+    }
+    Outcome download() {
+        auto sending = make({.url = server.url("/begin")});
+        sending.task->setFiles({.answer = FileDescriptor(::open((directory / "answer").c_str(),
+                                                                O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600))});
+        sending.task->resume();
+        return sending.wait();
+    }
+    TemporaryDirectory directory;
+    std::atomic<std::uint64_t> progress = 0;
+};
+
+TEST_F(CurlFilesTest, AnUploadFollowsOnlyRedirectsThatKeepItWhole) {
+    const std::string body(300'000, 'b');
+    for (const int status : {301, 302, 303, 307, 308}) {
+        const bool follows = status >= 307;
+        server.setScript([status](const ReceivedRequest& request) {
+            return request.target == "/begin" ? answerWith(status, {{"Location", "/end"}}, "moved") : answerWith(200);
+        });
+        const auto outcome = upload(body);
+        EXPECT_EQ(outcome.status(), follows ? 200 : status);
+        EXPECT_EQ(lastRequest().target, follows ? "/end" : "/begin");
+        EXPECT_EQ(lastRequest().method, "PUT");
+        EXPECT_EQ(lastRequest().body, body);
+        EXPECT_EQ(progress, body.size());
+    }
+}
+
+TEST_F(CurlFilesTest, ADownloadHoldsTheLastAnswerAndNoMoreThanItsLimit) {
+    server.setScript([](const ReceivedRequest& request) {
+        return request.target == "/begin" ? answerWith(302, {{"Location", "/end"}}, "moved")
+                                          : answerWith(200, {}, "it");
+    });
+    EXPECT_EQ(download().status(), 200);
+    EXPECT_EQ(readFile(directory / "answer"), "it");
+    answer(answerWith(200, {{"Content-Encoding", "gzip"}}, gzip(std::string(1001, 'x'))));
+    const auto tooLong = download();
+    EXPECT_EQ(tooLong.code(), TransportError::connectionLost);
+    EXPECT_TRUE(tooLong.error->isPermanent);
+}
+
+TEST_F(CurlFilesTest, AServerThatStallsIsGivenUpAndAResetIsNoRefusal) {
+    answer({.bytes = ""});
+    const auto stalled = upload("body", 1s);
+    EXPECT_EQ(stalled.code(), TransportError::timedOut);
+    EXPECT_FALSE(stalled.error->isPermanent);
+    answer({.bytes = "", .end = End::reset});
+    EXPECT_EQ(upload("body").code(), TransportError::connectionLost);
 }
 
 TEST_F(CurlSessionTest, APreconnectDrainsItsAnswerAndLeavesTheConnection) {

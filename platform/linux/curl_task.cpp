@@ -31,7 +31,7 @@ bool CurlTask::_markResumed() {
 }
 
 bool CurlTask::_answerFromCache(CurlMultiThread& session) {
-    if (settings().preconnect) return false;
+    if (settings().passesCache()) return false;
     const CacheTime now = cacheNow();
     auto stored = session.cache().find(_request, now);
     if (!stored) return false;
@@ -73,6 +73,11 @@ void CurlTask::setPreconnect() {
 void CurlTask::setProxy(std::string proxyURL) {
     const MutexLock lock(_mutex);
     if (_state == State::made) _settings.proxyURL = std::move(proxyURL);
+}
+
+void CurlTask::setFiles(FileTransfer files) {
+    const MutexLock lock(_mutex);
+    if (_state == State::made) _settings.files = std::make_shared<const FileTransfer>(std::move(files));
 }
 
 CurlTask::Settings CurlTask::settings() const {

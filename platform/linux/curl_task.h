@@ -50,8 +50,11 @@ public:
     struct Settings {
         bool preconnect = false;
         std::optional<std::string> proxyURL;
+        std::shared_ptr<const FileTransfer> files;  ///< null: bodies are in memory
         std::chrono::steady_clock::time_point resumed;
         std::shared_ptr<const CachedAnswer> validates;  ///< whose conditions go along; null: none do
+
+        [[nodiscard]] bool passesCache() const { return preconnect || files; }
     };
 
     CurlTask(std::weak_ptr<CurlMultiThread> session, URLRequest request, DataTaskCompletion completion);
@@ -62,6 +65,7 @@ public:
     [[nodiscard]] std::map<std::string, double> timingData() const override;
     void setPreconnect() override;
     void setProxy(std::string proxyURL) override;
+    void setFiles(FileTransfer files) override;
 
     /// For the transfer thread; they do not change once it has the task.
     [[nodiscard]] Settings settings() const;

@@ -1,8 +1,12 @@
 #include "platform/linux/curl_transfer.h"
 
 #include <fmt/core.h>
+#include <sys/types.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <limits>
 
 // Each hop sets every option on its handle that a plain request has and the pool has not set. A handle that was given
@@ -53,9 +57,9 @@ TransportError::Code errorCode(CURLcode code) {
     }
 }
 
-bool isRedirect(long status) {
-    return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
-}
+bool keepsMethod(long status) { return status == 307 || status == 308; }
+
+bool isRedirect(long status) { return (status >= 301 && status <= 303) || keepsMethod(status); }
 
 std::string_view asText(const char* bytes, std::size_t size) { return {bytes, size}; }
 
@@ -83,11 +87,11 @@ CurlTransfer::~CurlTransfer() {
 std::optional<CurlOutcome> CurlTransfer::begin() {
     const URLRequest& request = _task->originalRequest();
     auto target = acceptURL(request.url);
-    if (!target) return _failed(TransportError::other, target.error().text);
-    if (auto reason = unsendablePart(request)) return _failed(TransportError::other, *reason);
+    if (!target) return _refused(target.error().text);
+    if (auto reason = unsendablePart(request)) return _refused(*reason);
     if (_settings.proxyURL) {
         const auto proxy = parseAcceptableURL(*_settings.proxyURL);
-        if (!proxy) return _failed(TransportError::other, "the proxy: " + proxy.error().text);
+        if (!proxy) return _refused("the proxy: " + proxy.error().text);
     }
     _target = *std::move(target);
     return _prepare();
@@ -95,15 +99,11 @@ std::optional<CurlOutcome> CurlTransfer::begin() {
 
 std::optional<CurlOutcome> CurlTransfer::next(CURLcode code) {
     _measure();
-    if (code != CURLE_OK) {
-        const TransportError error = _transportError(code);
-        return _failed(error.code, error.reason);
-    }
+    if (code != CURLE_OK) return _failed(_transportError(code));
     long status = 0;
     curl_easy_getinfo(_handle.get(), CURLINFO_RESPONSE_CODE, &status);
     curl_header* location = nullptr;
-    if (isRedirect(status) &&
-        curl_easy_header(_handle.get(), "Location", 0, CURLH_HEADER, -1, &location) == CURLHE_OK) {
+    if (_follows(status) && curl_easy_header(_handle.get(), "Location", 0, CURLH_HEADER, -1, &location) == CURLHE_OK) {
         auto ended = _follow(location->value);
         if (ended) return ended;
         _rewriteMethod(status);
@@ -115,22 +115,26 @@ std::optional<CurlOutcome> CurlTransfer::next(CURLcode code) {
 }
 
 std::optional<CurlOutcome> CurlTransfer::_prepare() {
-    if (_remaining() <= 0ms) return _failed(TransportError::timedOut, "the request's time is over");
+    if (_remaining() <= 0ms) return _failed({TransportError::timedOut, "the request's time is over"});
     _body->clear();
     _bodyBytes = 0;
+    _fileBytesRead = 0;
+    if (_settings.files && _settings.files->answer.valid() && ::ftruncate(_settings.files->answer.get(), 0) != 0)
+        return _failed({TransportError::other, "cannot empty the file of the answer"});
     _headerBytes = 0;
     _answered = false;
     _errorText[0] = '\0';
     if (const CURLcode code = _setUp(); code != CURLE_OK)
-        return _failed(TransportError::other, curl_easy_strerror(code));
+        return _failed({TransportError::other, curl_easy_strerror(code)});
     return std::nullopt;
 }
 
+bool CurlTransfer::_follows(long status) const { return _sendsFile() ? keepsMethod(status) : isRedirect(status); }
+
 std::optional<CurlOutcome> CurlTransfer::_follow(const std::string& location) {
-    if (++_redirects > maxRedirects)
-        return _failed(TransportError::other, fmt::format("more than {} redirects", maxRedirects));
+    if (++_redirects > maxRedirects) return _refused(fmt::format("more than {} redirects", maxRedirects));
     auto target = acceptRedirect(_target.url, location);
-    if (!target) return _failed(TransportError::other, "the redirect: " + target.error().text);
+    if (!target) return _refused("the redirect: " + target.error().text);
     // What was left out once stays out: the other host could send us back with an address of its own making.
     if (target->url.host != _target.url.host) _sendsHeaders = false;
     _target = *std::move(target);
@@ -146,7 +150,7 @@ void CurlTransfer::_rewriteMethod(long status) {
 
 CurlOutcome CurlTransfer::_answer() {
     HTTPAnswer answer{_response(), _body->empty() ? nullptr : std::move(_body)};
-    if (!_settings.preconnect) {
+    if (!_settings.passesCache()) {
         answer = _cache.accept({.request = _task->originalRequest(),
                                 .validated = _settings.validates,
                                 .wasRedirected = _redirects > 0,
@@ -157,14 +161,18 @@ CurlOutcome CurlTransfer::_answer() {
     return {.data = std::move(answer.body), .response = std::move(answer.response), .timing = _timing};
 }
 
-CurlOutcome CurlTransfer::_failed(TransportError::Code code, std::string reason) {
-    CurlOutcome outcome{.error = TransportError{code, std::move(reason)}, .timing = _timing};
+CurlOutcome CurlTransfer::_failed(TransportError error) {
+    CurlOutcome outcome{.error = std::move(error), .timing = _timing};
     if (_answered) outcome.response = _response();
     return outcome;
 }
 
+CurlOutcome CurlTransfer::_refused(std::string reason) {
+    return _failed({.code = TransportError::other, .reason = std::move(reason), .isPermanent = true});
+}
+
 TransportError CurlTransfer::_transportError(CURLcode code) const {
-    if (!_limitExceeded.empty()) return {TransportError::connectionLost, _limitExceeded};
+    if (_ownEnd) return *_ownEnd;
     const std::string text = _errorText.data();
     return {errorCode(code), text.empty() ? curl_easy_strerror(code) : text};
 }
@@ -224,12 +232,14 @@ CURLcode CurlTransfer::_setUp() {
     _set(CURLOPT_WRITEFUNCTION, &CurlTransfer::_onBody);
     _set(CURLOPT_WRITEDATA, this);
     _setMethod();
+    _setFiles();
     _setHeaders();
     _setProxy();
     return _setUpResult;
 }
 
 void CurlTransfer::_setMethod() {
+    if (_sendsFile()) return;
     const std::string& body = _task->originalRequest().body;
     const bool withBody = _sendsBody && !body.empty();
     if (_method != "GET" || withBody) _isPlain = false;
@@ -243,6 +253,25 @@ void CurlTransfer::_setMethod() {
     } else if (_method != "GET") {
         _set(CURLOPT_CUSTOMREQUEST, _method.c_str());
     }
+}
+
+void CurlTransfer::_setFiles() {
+    if (!_settings.files) return;
+    _isPlain = false;
+    _set(CURLOPT_LOW_SPEED_TIME, static_cast<long>(_settings.files->longestSilence.count()));
+    if (_settings.files->progress) {
+        _set(CURLOPT_NOPROGRESS, 0L);
+        _set(CURLOPT_XFERINFOFUNCTION, &CurlTransfer::_onProgress);
+        _set(CURLOPT_XFERINFODATA, this);
+    }
+    if (!_sendsFile()) return;
+    _set(CURLOPT_POST, 1L);
+    if (_method != "POST") _set(CURLOPT_CUSTOMREQUEST, _method.c_str());
+    _set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(_settings.files->bodyBytes));
+    _set(CURLOPT_READFUNCTION, &CurlTransfer::_onRead);
+    _set(CURLOPT_READDATA, this);
+    _set(CURLOPT_SEEKFUNCTION, &CurlTransfer::_onSeek);
+    _set(CURLOPT_SEEKDATA, this);
 }
 
 void CurlTransfer::_setHeaders() {
@@ -288,7 +317,9 @@ std::size_t CurlTransfer::_onHeader(char* bytes, std::size_t size, std::size_t c
     const std::size_t length = size * count;
     transfer._headerBytes += length;
     if (transfer._headerBytes > maxHeaderBytes) {
-        transfer._limitExceeded = fmt::format("headers of more than {} bytes", maxHeaderBytes);
+        transfer._ownEnd = TransportError{.code = TransportError::connectionLost,
+                                          .reason = fmt::format("headers of more than {} bytes", maxHeaderBytes),
+                                          .isPermanent = true};
         return 0;
     }
     const std::string_view line = asText(bytes, length);
@@ -299,7 +330,7 @@ std::size_t CurlTransfer::_onHeader(char* bytes, std::size_t size, std::size_t c
     transfer._answered = status >= 200;
     curl_off_t claimed = 0;
     curl_easy_getinfo(transfer._handle.get(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &claimed);
-    if (claimed > 0 && !transfer._settings.preconnect)
+    if (claimed > 0 && !transfer._settings.passesCache())
         transfer._body->reserve(std::min(static_cast<std::size_t>(claimed), largestReserve));
     return length;
 }
@@ -309,11 +340,57 @@ std::size_t CurlTransfer::_onBody(char* bytes, std::size_t size, std::size_t cou
     const std::size_t length = size * count;
     transfer._bodyBytes += length;
     if (transfer._bodyBytes > transfer._session.maxBodyBytes) {
-        transfer._limitExceeded = fmt::format("a body of more than {} bytes", transfer._session.maxBodyBytes);
+        transfer._ownEnd =
+            TransportError{.code = TransportError::connectionLost,
+                           .reason = fmt::format("a body of more than {} bytes", transfer._session.maxBodyBytes),
+                           .isPermanent = true};
         return CURL_WRITEFUNC_ERROR;
     }
-    if (!transfer._settings.preconnect) transfer._body->append(bytes, length);
+    if (!transfer._storeInFile(asText(bytes, length))) return CURL_WRITEFUNC_ERROR;
+    if (!transfer._settings.passesCache()) transfer._body->append(bytes, length);
     return length;
+}
+
+bool CurlTransfer::_storeInFile(std::string_view bytes) {
+    if (!_settings.files || !_settings.files->answer.valid()) return true;
+    while (!bytes.empty()) {
+        const ssize_t written = ::write(_settings.files->answer.get(), bytes.data(), bytes.size());
+        if (written < 0 && errno == EINTR) continue;
+        if (written <= 0) {
+            _ownEnd = TransportError{TransportError::other,
+                                     fmt::format("cannot write the answer: {}", strerrordesc_np(errno))};
+            return false;
+        }
+        bytes.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return true;
+}
+
+std::size_t CurlTransfer::_onRead(char* bytes, std::size_t size, std::size_t count, void* self) {
+    auto& transfer = *static_cast<CurlTransfer*>(self);
+    const FileTransfer& files = *transfer._settings.files;
+    const std::uint64_t wanted = std::min<std::uint64_t>(size * count, files.bodyBytes - transfer._fileBytesRead);
+    if (wanted == 0) return 0;
+    const ssize_t read = ::pread(files.body.get(), bytes, wanted, static_cast<off_t>(transfer._fileBytesRead));
+    if (read <= 0) {
+        transfer._ownEnd = TransportError{TransportError::other, "the file of the body cannot be read to its end"};
+        return CURL_READFUNC_ABORT;
+    }
+    transfer._fileBytesRead += static_cast<std::uint64_t>(read);
+    return static_cast<std::size_t>(read);
+}
+
+int CurlTransfer::_onSeek(void* self, curl_off_t offset, int origin) {
+    auto& transfer = *static_cast<CurlTransfer*>(self);
+    if (origin != SEEK_SET || offset < 0) return CURL_SEEKFUNC_CANTSEEK;
+    transfer._fileBytesRead = std::min(static_cast<std::uint64_t>(offset), transfer._settings.files->bodyBytes);
+    return CURL_SEEKFUNC_OK;
+}
+
+int CurlTransfer::_onProgress(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t sent) {
+    const auto& transfer = *static_cast<CurlTransfer*>(self);
+    transfer._settings.files->progress(static_cast<std::uint64_t>(sent), transfer._bodyBytes);
+    return 0;
 }
 
 }  // namespace orvex::platform

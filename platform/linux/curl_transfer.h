@@ -49,6 +49,7 @@ private:
 
     CURLcode _setUp();
     void _setMethod();
+    void _setFiles();
     void _setHeaders();
     void _setProxy();
     template <class Value>
@@ -58,7 +59,11 @@ private:
     std::optional<CurlOutcome> _follow(const std::string& location);
     void _rewriteMethod(long status);
     [[nodiscard]] CurlOutcome _answer();
-    [[nodiscard]] CurlOutcome _failed(TransportError::Code code, std::string reason);
+    [[nodiscard]] CurlOutcome _failed(TransportError error);
+    [[nodiscard]] CurlOutcome _refused(std::string reason);
+    [[nodiscard]] bool _follows(long status) const;
+    [[nodiscard]] bool _sendsFile() const { return _settings.files && _settings.files->body.valid(); }
+    [[nodiscard]] bool _storeInFile(std::string_view bytes);
     [[nodiscard]] TransportError _transportError(CURLcode code) const;
     [[nodiscard]] URLResponse _response() const;
     [[nodiscard]] std::chrono::milliseconds _remaining() const;
@@ -66,6 +71,9 @@ private:
 
     static std::size_t _onHeader(char* bytes, std::size_t size, std::size_t count, void* self);
     static std::size_t _onBody(char* bytes, std::size_t size, std::size_t count, void* self);
+    static std::size_t _onRead(char* bytes, std::size_t size, std::size_t count, void* self);
+    static int _onSeek(void* self, curl_off_t offset, int origin);
+    static int _onProgress(void* self, curl_off_t toReceive, curl_off_t received, curl_off_t toSend, curl_off_t sent);
 
     // Constant after construction.
     const std::shared_ptr<CurlTask> _task;
@@ -86,10 +94,11 @@ private:
     bool _sendsBody = true;
     int _redirects = 0;
     std::shared_ptr<std::string> _body = std::make_shared<std::string>();
-    std::size_t _bodyBytes = 0;  ///< received; more than kept for a pre-connect
+    std::size_t _bodyBytes = 0;        ///< received; more than kept for a pre-connect
+    std::uint64_t _fileBytesRead = 0;  ///< of the body that is a file
     std::size_t _headerBytes = 0;
-    bool _answered = false;      ///< the final answer's headers are complete
-    std::string _limitExceeded;  ///< why we ended it ourselves
+    bool _answered = false;                 ///< the final answer's headers are complete
+    std::optional<TransportError> _ownEnd;  ///< why we ended it ourselves
     CurlTiming _timing;
 };
 

@@ -1,5 +1,6 @@
 // What holds for every session, the real one against a server of ours and the fake one against its script.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <future>
@@ -7,6 +8,7 @@
 #include "platform/fakes/fake_url_session.h"
 #include "platform/fakes/manual_dispatcher.h"
 #include "platform/fakes/scripted_server.h"
+#include "platform/fakes/temporary_directory.h"
 #include "platform/linux/curl_session.h"
 
 namespace orvex::platform {
@@ -46,6 +48,7 @@ public:
             conditions.push_back(headerValue(request.headers, "If-None-Match").value_or(""));
         return conditions;
     }
+    std::string lastBody() { return _server.requests().back().body; }
     Outcome wait(std::future<Outcome>& outcome) { return outcome.get(); }
 
 private:
@@ -79,6 +82,7 @@ public:
             conditions.push_back(headerValue(sent.request.headers, "If-None-Match").value_or(""));
         return conditions;
     }
+    std::string lastBody() { return session->sent().back().request.body; }
     Outcome wait(std::future<Outcome>& outcome) {
         _time.runPending();
         if (outcome.wait_for(0s) != std::future_status::ready) _time.advance(1s);
@@ -136,6 +140,23 @@ TYPED_TEST(URLSessionContract, AnyStatusIsAResponseAndAnEmptyBodyIsNone) {
         EXPECT_FALSE(outcome.error);
         EXPECT_FALSE(outcome.data);
     }
+}
+
+TYPED_TEST(URLSessionContract, BodiesMayBeFiles) {
+    const TemporaryDirectory directory;
+    writeFile(directory / "body", "uploaded");
+    this->subject.answer(200, {}, "downloaded");
+    const auto task = this->make({.url = this->subject.url(), .method = "POST"});
+    task->setFiles({.body = FileDescriptor(::open((directory / "body").c_str(), O_RDONLY | O_CLOEXEC)),
+                    .bodyBytes = 8,
+                    .answer = FileDescriptor(
+                        ::open((directory / "answer").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600))});
+    task->resume();
+    const auto outcome = this->wait();
+    ASSERT_TRUE(outcome.response) << outcome.error.value_or(TransportError{}).reason;
+    EXPECT_FALSE(outcome.data);
+    EXPECT_EQ(readFile(directory / "answer"), "downloaded");
+    EXPECT_EQ(this->subject.lastBody(), "uploaded");
 }
 
 TYPED_TEST(URLSessionContract, AFailureOfTheTransportIsAnError) {

@@ -4,10 +4,13 @@
 
 #include <cerrno>
 
+#include "platform/counters.h"
 #include "platform/fakes/fake_background_session.h"
 #include "platform/fakes/fake_file_manager.h"
 #include "platform/fakes/manual_dispatcher.h"
+#include "platform/fakes/temporary_directory.h"
 #include "platform/file_manager.h"
+#include "platform/linux/background_session_factory.h"
 
 namespace orvex::platform {
 namespace {
@@ -70,6 +73,42 @@ private:
     std::unique_ptr<FakeBackgroundSessionFactory> _factory;
 };
 
+/// The real one, over a network that is the test.
+class RealSubject {
+public:
+    std::shared_ptr<BackgroundSession> make(Dispatcher& time, std::weak_ptr<BackgroundSessionDelegate> delegate) {
+        _network = std::make_unique<FakeURLSessionFactory>(time);
+        _factory = std::make_unique<StoredBackgroundSessionFactory>(
+            StoredBackgroundSession::Services{.dispatcher = time,
+                                              .files = *_files,
+                                              .urlSessions = *_network,
+                                              .conditions = _conditions,
+                                              .counters = _counters,
+                                              .transactions = std::make_shared<Transactions>(time),
+                                              .draw = [] { return 0.5; }});
+        auto session = _factory->makeSession({.identifier = "test"}, std::move(delegate));
+        _factory->startUpIsThrough();
+        return session;
+    }
+    FileManager& files() { return *_files; }
+    void answer(FakeAnswer answer) { _network->session("test")->answer(std::move(answer)); }
+    std::vector<std::string> sent() {
+        std::vector<std::string> all;
+        const auto network = _network->session("test");
+        if (!network) return all;
+        for (const auto& sent : network->sent()) all.push_back(sent.request.url + " " + sent.request.body);
+        return all;
+    }
+
+private:
+    TemporaryDirectory _home;
+    std::unique_ptr<FileManager> _files = fileManagerBelow(_home.path());
+    DeviceConditions _conditions;
+    Counters _counters;
+    std::unique_ptr<FakeURLSessionFactory> _network;
+    std::unique_ptr<StoredBackgroundSessionFactory> _factory;
+};
+
 template <class Subject>
 class BackgroundSessionContractTest : public testing::Test {
 protected:
@@ -113,7 +152,7 @@ protected:
     std::shared_ptr<BackgroundSession> session = subject.make(time, delegate);
 };
 
-using Subjects = testing::Types<FakeSubject>;
+using Subjects = testing::Types<FakeSubject, RealSubject>;
 TYPED_TEST_SUITE(BackgroundSessionContractTest, Subjects);
 
 TYPED_TEST(BackgroundSessionContractTest, AnUploadTakesItsFileAndHasOneEnd) {

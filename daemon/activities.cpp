@@ -1,5 +1,6 @@
 #include "daemon/activities.h"
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -15,6 +16,7 @@ namespace {
 
 using platform::BackgroundActivity;
 using State = BackgroundActivity::State;
+using std::chrono::hours;
 
 void flushFeedback(Assembly& assembly, std::shared_ptr<BackgroundActivity> activity) {
     if (assembly.userDefaults().boolean("ORXFeedbackFlushDisabled")) {
@@ -43,10 +45,11 @@ void flushCustomFeedback(Assembly& assembly, const std::shared_ptr<BackgroundAct
 
 void checkInActivities(Assembly& assembly) {
     assembly.activities().checkIn(
-        std::string(flusherActivityName),
+        std::string(flusherActivityName), {.interval = hours(4), .grace = hours(1), .needsNetwork = true},
         [&assembly](std::shared_ptr<BackgroundActivity> activity) { flushFeedback(assembly, std::move(activity)); });
     assembly.activities().checkIn(
         std::string(customFeedbackActivityName),
+        {.interval = hours(24), .grace = hours(2), .needsNetwork = true, .needsMains = true},
         [&assembly](const std::shared_ptr<BackgroundActivity>& activity) { flushCustomFeedback(assembly, activity); });
 }
 

@@ -162,7 +162,7 @@ TEST_F(ClientConnectionTest, SixtyIdleSecondsEndTheTransactionAndTheNextCallOpen
     world.time.advance(1s);
     EXPECT_EQ(openTransactions(), 0u);
     EXPECT_TRUE(world.log.contains(LogLevel::debug, "Orvex_Connection", "timing out idle xpc transaction"));
-    EXPECT_FALSE(world.time.nextDue());
+    EXPECT_GT(world.time.nextDue().value(), world.time.now() + 3h);  // none but the background activities'
     ASSERT_TRUE(world.callDaemon(":1.1", "ListSessions")->arguments);
     EXPECT_EQ(openTransactions(), 1u);
 }

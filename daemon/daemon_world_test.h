@@ -105,7 +105,8 @@ public:
     platform::FakeDeviceInformation device;
     platform::FakeMemoryPressure memoryPressure;
     platform::FakeLocation location;
-    platform::DispatcherActivityScheduler activities{time, counters};
+    platform::DeviceConditions conditions;
+    platform::DispatcherActivityScheduler activities{{time, counters, files, conditions}};
     platform::FakeBus bus;
     Assembly assembly{{.dispatcher = time,
                        .userDefaults = defaults,

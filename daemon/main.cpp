@@ -15,6 +15,8 @@
 #include "daemon/start_up.h"
 #include "platform/background_activity_scheduler.h"
 #include "platform/counters.h"
+#include "platform/device_conditions.h"
+#include "platform/linux/background_session_factory.h"
 #include "platform/linux/counter_file.h"
 #include "platform/linux/curl_session.h"
 #include "platform/linux/device_information.h"
@@ -28,6 +30,7 @@
 #include "platform/linux/memory_pressure.h"
 #include "platform/linux/process.h"
 #include "platform/linux/sd_bus.h"
+#include "platform/linux/system_conditions.h"
 #include "platform/linux/system_settings.h"
 #include "platform/linux/thread_dispatcher.h"
 #include "platform/linux/user_defaults.h"
@@ -125,10 +128,20 @@ int main(int argc, char** argv) {
     platform::IcuLocale locale(systemSettings.environment());
     platform::LinuxDeviceInformation device;
     platform::LinuxMemoryPressure memoryPressure;
-    platform::DispatcherActivityScheduler activities(dispatcher, counters);
+    platform::DeviceConditions conditions;
+    platform::StoredBackgroundSessionFactory backgroundSessions(
+        {.dispatcher = dispatcher,
+         .files = files,
+         .urlSessions = urlSessions,
+         .conditions = conditions,
+         .counters = counters,
+         .transactions = transactions,
+         .draw = platform::StoredBackgroundSessionFactory::randomDraw()});
+    platform::DispatcherActivityScheduler activities({dispatcher, counters, files, conditions});
     const auto bus = connectToBus(commandLine.busAddress);
     const auto systemBus = connectToSystemBus();
     if (systemBus) systemSettings.follow(*systemBus, [&] { locale.refresh(); });
+    if (systemBus) platform::followSystemConditions(*systemBus, conditions);
     const auto location = platform::GeoClueLocation::create({.system = systemBus.get(), .session = *bus});
     platform::DictionaryDirectories dictionaries(watcher, {});
     platform::LinuxSettingsFile policy(watcher, "/etc/orvexd", "policy.json");
@@ -148,6 +161,7 @@ int main(int argc, char** argv) {
                        .activities = activities,
                        .bus = *bus,
                        .certificateAuthorityFile = commandLine.certificateAuthorityFile,
+                       .backgroundSessions = &backgroundSessions,
                        .location = location.get(),
                        .dictionaries = &dictionaries,
                        .policy = &policy,

@@ -93,7 +93,8 @@ public:
     platform::FakeLocale locale;
     platform::FakeDeviceInformation device;
     platform::FakeMemoryPressure memory;
-    platform::DispatcherActivityScheduler activities{time, counters};
+    platform::DeviceConditions conditions;
+    platform::DispatcherActivityScheduler activities{{time, counters, files, conditions}};
     platform::FakeBus bus;
     Assembly assembly{{.dispatcher = time,
                        .userDefaults = defaults,

@@ -57,7 +57,8 @@ protected:
     platform::FakeInstalledDictionaries dictionaries;
     platform::FakeSettingsFile policy;
     platform::FakeSettingsFile subscriptions;
-    platform::DispatcherActivityScheduler activities{time, counters};
+    platform::DeviceConditions conditions;
+    platform::DispatcherActivityScheduler activities{{time, counters, files, conditions}};
     platform::FakeBus bus;
     platform::RecordingLog log;
     Assembly assembly{{.dispatcher = time,

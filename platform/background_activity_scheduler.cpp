@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "platform/counters.h"
@@ -51,16 +52,32 @@ private:
     State _state ORX_GUARDED_BY(_mutex) = State::run;
 };
 
-DispatcherActivityScheduler::DispatcherActivityScheduler(Dispatcher& dispatcher, Counters& counters)
-    : _counters(counters),
-      _queue(dispatcher, "com.kelvar.orvexd.activities", Priority::background) {}
+DispatcherActivityScheduler::DispatcherActivityScheduler(Services services)
+    : _services(services),
+      _queue(services.dispatcher, "com.kelvar.orvexd.activities", Priority::background),
+      _history(services.files),
+      _timer(_queue) {
+    _observation = _services.conditions.observe([this] {
+        _queue.async([this] {
+            _queue.assertCurrent();
+            _schedule();
+        });
+    });
+}
 
-DispatcherActivityScheduler::~DispatcherActivityScheduler() { _queue.close(); }
+DispatcherActivityScheduler::~DispatcherActivityScheduler() {
+    _observation.reset();
+    _queue.close();
+}
 
-void DispatcherActivityScheduler::checkIn(std::string name, Handler handler) {
-    _queue.async([this, name = std::move(name), handler = std::move(handler)]() mutable {
+void DispatcherActivityScheduler::checkIn(std::string name, ActivityCriteria criteria, Handler handler) {
+    _queue.async([this, name = std::move(name), criteria, handler = std::move(handler)]() mutable {
         _queue.assertCurrent();
-        _activities[std::move(name)].handler = std::move(handler);
+        auto& activity = _activities[name];
+        activity.criteria = criteria;
+        activity.handler = std::move(handler);
+        activity.due = _dueAfter(name, criteria);
+        _schedule();
     });
 }
 
@@ -68,8 +85,62 @@ void DispatcherActivityScheduler::run(std::string_view name, std::move_only_func
     _queue.async([this, name = std::string(name), completion = std::move(completion)]() mutable {
         _queue.assertCurrent();
         auto result = _run(name);
+        _armTimer();
         if (completion) completion(std::move(result));
     });
+}
+
+/// A date that was set since may be anything, but no activity comes later than one whole interval from now.
+MonotonicTime DispatcherActivityScheduler::_dueAfter(const std::string& name, const ActivityCriteria& criteria) {
+    if (criteria.interval <= std::chrono::seconds(0)) return {};
+    const auto now = _services.dispatcher.wallNow();
+    const auto last = _history.lastRun(name);
+    if (!last) _history.noteRun(name, now);
+    const std::chrono::duration<double> since(secondsSince1970(now) - secondsSince1970(last.value_or(now)));
+    const std::chrono::duration<double> whole = criteria.interval;
+    const auto left = std::clamp(whole - since, std::chrono::duration<double>(0), whole);
+    return _services.dispatcher.now() + std::chrono::duration_cast<std::chrono::nanoseconds>(left);
+}
+
+bool DispatcherActivityScheduler::_holds(const ActivityCriteria& criteria) const {
+    const Conditions now = _services.conditions.current();
+    return (now.isConnected || !criteria.needsNetwork) && (now.isOnMains || !criteria.needsMains);
+}
+
+void DispatcherActivityScheduler::_schedule() {
+    const auto now = _services.dispatcher.now();
+    for (auto& [name, activity] : _activities) {
+        if (activity.latestRunEnds <= now) _endLatestRun(name, activity);
+        const bool isDue = activity.criteria.interval > std::chrono::seconds(0) && activity.due <= now;
+        if (isDue && _holds(activity.criteria)) (void)_run(name);
+    }
+    _armTimer();
+}
+
+void DispatcherActivityScheduler::_armTimer() {
+    const auto now = _services.dispatcher.now();
+    std::optional<MonotonicTime> next;
+    std::chrono::nanoseconds leeway{0};
+    for (const auto& [name, activity] : _activities) {
+        const bool isUnderWay = activity.latestRun && activity.latestRun->state() != BackgroundActivity::State::done;
+        if (isUnderWay && (!next || activity.latestRunEnds < *next)) {
+            next = activity.latestRunEnds;
+            leeway = {};
+        }
+        const bool waits = activity.criteria.interval > std::chrono::seconds(0) && activity.due > now;
+        if (waits && (!next || activity.due < *next)) {
+            next = activity.due;
+            leeway = activity.criteria.grace;
+        }
+    }
+    if (!next) return _timer.cancel();
+    _timer.armAt(
+        *next,
+        [this] {
+            _queue.assertCurrent();
+            _schedule();
+        },
+        leeway);
 }
 
 Result<void> DispatcherActivityScheduler::_run(const std::string& name) {
@@ -77,9 +148,12 @@ Result<void> DispatcherActivityScheduler::_run(const std::string& name) {
     if (found == _activities.end()) return failure(ENOENT, fmt::format("no such activity: {}", escaped(name, 256)));
     auto& activity = found->second;
     _endLatestRun(name, activity);
+    _history.noteRun(name, _services.dispatcher.wallNow());
+    activity.due = _services.dispatcher.now() + activity.criteria.interval;
 
     const auto run = std::make_shared<Run>(name);
     activity.latestRun = run;
+    activity.latestRunEnds = _services.dispatcher.now() + longestRun;
     activity.handler(run);
     if (run->state() == BackgroundActivity::State::run)
         static_cast<void>(run->setState(BackgroundActivity::State::done));
@@ -88,8 +162,8 @@ Result<void> DispatcherActivityScheduler::_run(const std::string& name) {
 
 void DispatcherActivityScheduler::_endLatestRun(const std::string& name, const Activity& activity) {
     if (!activity.latestRun || !activity.latestRun->setState(BackgroundActivity::State::done)) return;
-    defaultLogger().error("activity {} never ended; ended for its next run", name);
-    _counters.add("activity.ended");
+    defaultLogger().error("activity {} never ended; it is ended", name);
+    _services.counters.add("activity.ended");
 }
 
 }  // namespace orvex::platform

@@ -66,7 +66,8 @@ protected:
     platform::FakeLocale locale;
     platform::FakeDeviceInformation device;
     platform::FakeMemoryPressure memory;
-    platform::DispatcherActivityScheduler activities{time, counters};
+    platform::DeviceConditions conditions;
+    platform::DispatcherActivityScheduler activities{{time, counters, files, conditions}};
     platform::FakeBus bus;
     platform::RecordingLog log;
     Assembly assembly{{.dispatcher = time,

@@ -13,11 +13,33 @@
 #include "feedback/persistent_storage.h"
 #include "network/bag_controller.h"
 #include "network/orx_network_request_factory.h"
+#include "platform/background_session.h"
 #include "platform/counters.h"
 #include "platform/text.h"
 #include "platform/transactions.h"
 
 namespace orvex {
+
+namespace {
+
+std::uint32_t countPending(const platform::BackgroundSession* session) {
+    return session ? static_cast<std::uint32_t>(session->pendingTransfers().size()) : 0;
+}
+
+platform::BusDictionary toBus(const platform::PendingTransfer& transfer) {
+    platform::BusDictionary row;
+    row.set("identifier", transfer.identifier)
+        .set("direction", transfer.direction == platform::TransferDirection::upload ? "upload" : "download")
+        .set("url", transfer.url)
+        .set("bytes", transfer.bytes)
+        .set("created", platform::secondsSince1970(transfer.created))
+        .set("attempts", transfer.attempts)
+        .set("next_attempt", transfer.nextAttempt ? platform::secondsSince1970(*transfer.nextAttempt) : 0.0)
+        .set("why", transfer.why);
+    return row;
+}
+
+}  // namespace
 
 Diagnostics::Diagnostics(Assembly& assembly, std::function<std::size_t()> countConnections)
     : _assembly(assembly),
@@ -34,6 +56,8 @@ void Diagnostics::receive(platform::BusCall call) {
             call.reply.answer({_counters()});
         } else if (call.member == "Status") {
             call.reply.answer({_status()});
+        } else if (call.member == "Transfers") {
+            call.reply.answer({_transfers()});
         } else if (call.member == "Erase") {
             const auto& what = *call.arguments[0].as<std::string>();
             if (what != "completions" && what != "feedback" && what != "resources" && what != "all") {
@@ -49,6 +73,15 @@ platform::BusDictionary Diagnostics::_counters() const {
     platform::BusDictionary counters{.valueSignature = "x", .entries = {}};
     for (const auto& [name, value] : _assembly.counters().snapshot()) counters.set(name, value);
     return counters;
+}
+
+platform::BusArray Diagnostics::_transfers() const {
+    platform::BusArray rows{.elementSignature = "a{sv}", .items = {}};
+    for (const auto* session : {_assembly.uploadURLSessionIfMade(), _assembly.downloadURLSessionIfMade()}) {
+        if (session == nullptr) continue;
+        for (const auto& transfer : session->pendingTransfers()) rows.items.emplace_back(toBus(transfer));
+    }
+    return rows;
 }
 
 platform::BusDictionary Diagnostics::_status() const {
@@ -81,8 +114,8 @@ platform::BusDictionary Diagnostics::_status() const {
         .set("bag_expires", bagExpires)
         .set("session_state", static_cast<std::uint32_t>(sessionState))
         .set("sessions_waiting", static_cast<std::uint32_t>(sessionsWaiting))
-        .set("uploads_pending", std::uint32_t{0})
-        .set("downloads_pending", std::uint32_t{0})
+        .set("uploads_pending", countPending(_assembly.uploadURLSessionIfMade()))
+        .set("downloads_pending", countPending(_assembly.downloadURLSessionIfMade()))
         .set("query_cache_entries", caches.entries)
         .set("query_cache_cost", caches.cost)
         .set("gazel_visible", factory && factory->gazelVisible())

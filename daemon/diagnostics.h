@@ -23,6 +23,7 @@ public:
 private:
     [[nodiscard]] platform::BusDictionary _counters() const;
     [[nodiscard]] platform::BusDictionary _status() const;
+    [[nodiscard]] platform::BusArray _transfers() const;
 
     // Constant after construction.
     Assembly& _assembly;

@@ -161,9 +161,28 @@ TEST_F(OrvexServiceTest, TheStatusTellsBagConnectionsAndTransactions) {
     EXPECT_EQ(*told.find("query_cache_cost")->as<std::uint64_t>(), 0u);
 }
 
+TEST_F(OrvexServiceTest, PendingTransfersAreListedAndCounted) {
+    world.start();
+    const auto transfers = [this] {
+        return world.call(":1.1", diagnostics, "Transfers", {})->arguments->at(0).as<platform::BusArray>()->items;
+    };
+    EXPECT_TRUE(transfers().empty());
+    const auto task = world.assembly.downloadURLSession().downloadTask({.url = "https://server.example/hints"});
+    ASSERT_TRUE(task->resume());
+    const auto rows = transfers();
+    ASSERT_EQ(rows.size(), 1u);
+    const auto& row = *rows[0].as<platform::BusDictionary>();
+    EXPECT_EQ(*row.find("identifier")->as<std::string>(), "com.kelvar.orvexd/1");
+    EXPECT_EQ(*row.find("direction")->as<std::string>(), "download");
+    EXPECT_EQ(*row.find("url")->as<std::string>(), "https://server.example/hints");
+    EXPECT_EQ(*row.find("attempts")->as<std::uint32_t>(), 0u);
+    EXPECT_EQ(*row.find("next_attempt")->as<double>(), 0.0);
+    EXPECT_EQ(*status().find("downloads_pending")->as<std::uint32_t>(), 1u);
+    EXPECT_EQ(*status().find("uploads_pending")->as<std::uint32_t>(), 0u);
+}
+
 TEST_F(OrvexServiceTest, WhatNoComponentAnswersIsAnsweredSo) {
     world.start();
-    EXPECT_EQ(world.call(":1.1", diagnostics, "Transfers", {})->errorName(), platform::bus_error::noReply);
     EXPECT_EQ(world.call(":1.1", diagnostics, "Erase", {"all"})->errorName(), platform::bus_error::noReply);
     EXPECT_EQ(world.call(":1.1", diagnostics, "Erase", {"x"})->errorName(), platform::bus_error::invalidArgs);
 }

@@ -147,6 +147,9 @@ ExitStatus showSessions(const Options& options) {
 }
 ExitStatus showImages(const Options& options) { return show(options, kORXDaemonInterface, "GetImageMap", mapPage); }
 ExitStatus showStatus(const Options& options) { return show(options, kORXDiagnosticsInterface, "Status", statusPage); }
+ExitStatus showTransfers(const Options& options) {
+    return show(options, kORXDiagnosticsInterface, "Transfers", transfersPage);
+}
 ExitStatus showCounters(const Options& options) { return show(options, kORXDiagnosticsInterface, "Counters", mapPage); }
 
 ExitStatus showCountersForPrometheus(const Options& options) {

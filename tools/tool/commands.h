@@ -53,6 +53,7 @@ ExitStatus showCounters(const Options& options);
 ExitStatus showCountersForPrometheus(const Options& options);
 /// "completions", "feedback", "resources" or "all": what is stored and pending of it.
 ExitStatus erase(const Options& options, const std::string& what);
+ExitStatus showTransfers(const Options& options);
 /// Of the engaged completions. Absent dates (seconds since 1970) mean from the beginning, and to the end, of time.
 ExitStatus addCompletion(const Options& options, const std::string& completion, const std::string& input);
 ExitStatus clearCompletions(const Options& options, std::optional<double> from, std::optional<double> to);

@@ -110,6 +110,8 @@ private:
                                    : orvex::tool::showCounters(_options);
             };
         });
+        _add("transfers", "Show the uploads and downloads that are pending, and what they wait for",
+             orvex::tool::showTransfers);
         auto* signature = _app.add_subcommand("signature", "Explain a signature of the installed applications");
         signature->add_option("TEXT", _value, "The signature, base64; by default the one that the daemon has stored");
         signature->callback([this] { _chosen = [this] { return orvex::tool::showSignature(_options, _value); }; });

@@ -193,4 +193,20 @@ std::string statusPage(const json::value& value) {
                        number(status, "query_cache_cost"));
 }
 
+std::string transfersPage(const json::value& transfers) {
+    const double now = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+    std::string page;
+    for (const auto& element : transfers.as_array()) {
+        const auto& transfer = element.as_object();
+        const double next = number(transfer, "next_attempt");
+        page += fmt::format("{}  {}  {}\n", shownMember(transfer, "identifier"), shownMember(transfer, "direction"),
+                            shownMember(transfer, "url"));
+        page += fmt::format("  {} bytes, {} old, {} attempts, next {}: {}\n", number(transfer, "bytes"),
+                            age(now - number(transfer, "created")), number(transfer, "attempts"),
+                            next == 0 ? std::string("at no set time") : "in " + age(std::max(next - now, 0.0)),
+                            shownMember(transfer, "why"));
+    }
+    return page.empty() ? "nothing is pending\n" : page;
+}
+
 }  // namespace orvex::tool

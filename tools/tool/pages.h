@@ -37,5 +37,6 @@ std::string mapPage(const boost::json::value& map);  ///< "name  value" a line, 
 /// Counters in Prometheus' text format, 0.0.4: "com.kelvar.orvexd.feedbacksent" is `orvexd_feedbacksent_total`.
 std::string prometheusPage(const boost::json::value& counters);
 std::string statusPage(const boost::json::value& status);
+std::string transfersPage(const boost::json::value& transfers);  ///< two lines each
 
 }  // namespace orvex::tool

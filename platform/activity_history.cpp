@@ -43,8 +43,8 @@ void ActivityHistory::_read() {
     if (!bytes && bytes.error().code == ENOENT) return;
     try {
         if (!bytes) throw std::runtime_error(bytes.error().text);
-        for (const auto& [name, date] : boost::json::parse(*bytes).as_object())
-            _dates[std::string(name)] = date.to_number<double>();
+        const boost::json::value dates = boost::json::parse(*bytes);
+        for (const auto& [name, date] : dates.as_object()) _dates[std::string(name)] = date.to_number<double>();
     } catch (const std::exception& error) {
         defaultLogger().error("the runs of activities are forgotten: {}", error.what());
         _dates.clear();

@@ -45,6 +45,7 @@ Diagnostics::Diagnostics(Assembly& assembly, std::function<std::size_t()> countC
     : _assembly(assembly),
       _countConnections(std::move(countConnections)),
       _started(assembly.dispatcher().now()),
+      _storedData(assembly),
       _queue(assembly.dispatcher(), "com.kelvar.orvexd.diagnostics") {}
 
 Diagnostics::~Diagnostics() { _queue.close(); }
@@ -59,14 +60,30 @@ void Diagnostics::receive(platform::BusCall call) {
         } else if (call.member == "Transfers") {
             call.reply.answer({_transfers()});
         } else if (call.member == "Erase") {
-            const auto& what = *call.arguments[0].as<std::string>();
-            if (what != "completions" && what != "feedback" && what != "resources" && what != "all") {
-                call.reply.fail(platform::bus_error::invalidArgs,
-                                "what: nothing called " + platform::escaped(what, 64));
-            }
+            _erase(*call.arguments[0].as<std::string>(), std::move(call.reply));
+        } else if (call.member == "PendingFeedback") {
+            call.reply.answer({_pendingFeedback()});
         }
         // What is left belongs to components that are not part of the daemon: the reply's end says so.
     });
+}
+
+void Diagnostics::_erase(const std::string& what, platform::BusReply reply) {
+    if (!StoredData::isKind(what)) {
+        reply.fail(platform::bus_error::invalidArgs, "what: nothing called " + platform::escaped(what, 64));
+        return;
+    }
+    _storedData.erase(what, [reply = std::move(reply)](const StoredData::Removed& removed) mutable {
+        platform::BusDictionary counts{.valueSignature = "u", .entries = {}};
+        for (const auto& [kind, count] : removed) counts.set(kind, count);
+        reply.answer({std::move(counts)});
+    });
+}
+
+platform::BusArray Diagnostics::_pendingFeedback() const {
+    platform::BusArray sessions{.elementSignature = "s", .items = {}};
+    for (auto& session : _storedData.pendingFeedback()) sessions.items.emplace_back(std::move(session));
+    return sessions;
 }
 
 platform::BusDictionary Diagnostics::_counters() const {

@@ -2,6 +2,7 @@
 
 #include <functional>
 
+#include "daemon/stored_data.h"
 #include "platform/bus.h"
 #include "platform/clock.h"
 #include "platform/dispatch.h"
@@ -24,11 +25,14 @@ private:
     [[nodiscard]] platform::BusDictionary _counters() const;
     [[nodiscard]] platform::BusDictionary _status() const;
     [[nodiscard]] platform::BusArray _transfers() const;
+    void _erase(const std::string& what, platform::BusReply reply);
+    [[nodiscard]] platform::BusArray _pendingFeedback() const;
 
     // Constant after construction.
     Assembly& _assembly;
     const std::function<std::size_t()> _countConnections;
     const platform::MonotonicTime _started;
+    StoredData _storedData;
 
     // Synchronised by itself.
     platform::SerialQueue _queue;

@@ -57,8 +57,8 @@ class Uploads(Scenario):
         self.report(2)
         dumped = self.tool("dump")
         self.assertEqual(dumped.wait(), 0, dumped.describe())
-        (head, session), = [upload for upload in self.wait_for_uploads(len(dumped.out))
-                            if upload[1]["agent"] == "lumisk/7 (scenario)"]
+        (head, session), = [upload for upload in self.wait_for_uploads(len(dumped.out)) if self.records([upload])]
+        self.assertTrue(session["agent"].endswith("lumisk/7 (scenario)"), session)
         self.assertIn(session, [json.loads(line) for line in dumped.out])
         self.assertEqual((head["path"], head["items"]), ("/feedback", [["v", "2"]]))
         self.assertEqual(set(session), {"fb", "agent", "user_guid", "resource_versions", "first_use", "base_time",

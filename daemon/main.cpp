@@ -19,6 +19,7 @@
 #include "platform/linux/background_session_factory.h"
 #include "platform/linux/counter_file.h"
 #include "platform/linux/curl_session.h"
+#include "platform/linux/desktop_applications.h"
 #include "platform/linux/device_information.h"
 #include "platform/linux/dictionary_directories.h"
 #include "platform/linux/file_manager.h"
@@ -144,6 +145,8 @@ int main(int argc, char** argv) {
     if (systemBus) platform::followSystemConditions(*systemBus, conditions);
     const auto location = platform::GeoClueLocation::create({.system = systemBus.get(), .session = *bus});
     platform::DictionaryDirectories dictionaries(watcher, {});
+    platform::DesktopApplications applications(watcher, platform::DesktopApplications::dataDirectoriesOfProcess());
+    platform::LinuxUserDefaults lookupDefaults(files, watcher, "com.kelvar.lookup.shared");
     platform::LinuxSettingsFile policy(watcher, "/etc/orvexd", "policy.json");
     platform::LinuxSettingsFile subscriptions(
         watcher, files.configurationPath("com.kelvar.orvexd").value_or("/nonexistent"), "subscriptions.json");
@@ -164,6 +167,8 @@ int main(int argc, char** argv) {
                        .backgroundSessions = &backgroundSessions,
                        .location = location.get(),
                        .dictionaries = &dictionaries,
+                       .applications = &applications,
+                       .lookupDefaults = &lookupDefaults,
                        .policy = &policy,
                        .subscriptions = &subscriptions});
     const auto service = assemble(assembly);

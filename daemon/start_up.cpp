@@ -10,6 +10,7 @@
 #include "feedback/orvex_persistent_storage.h"
 #include "feedback/own_session_limit.h"
 #include "feedback/upload_manager.h"
+#include "network/app_whitelist_controller.h"
 #include "network/location_manager.h"
 #include "network/motion_manager.h"
 #include "network/orvex_bag_controller.h"
@@ -22,6 +23,8 @@
 #include "platform/log.h"
 #include "platform/notification_center.h"
 #include "platform/user_defaults.h"
+#include "resources/download_manager.h"
+#include "resources/lookup.h"
 
 namespace orvex {
 namespace {
@@ -69,6 +72,8 @@ std::shared_ptr<OrvexService> assemble(Assembly& assembly) {
     createCustomFeedbackDirectories(assembly.fileManager());
     assembly.setSharedSession(assembly.userDefaults().boolean("ORXSharedSession"));
     assembly.setLocationManager(LocationManager::create(assembly));
+    assembly.setDownloadManager(DownloadManager::create(assembly));
+    assembly.setDownloadDelegate(assembly.downloadManager());
     assembly.setMotionManager(std::make_shared<MotionManager>(assembly));
     assembly.setRequestFactory(ORXNetworkRequestFactory::create(assembly));
     assembly.setSubscriptionManager(OrvexSubscriptionManager::create(assembly, assembly.requestFactory()));
@@ -78,8 +83,10 @@ std::shared_ptr<OrvexService> assemble(Assembly& assembly) {
     assembly.setPersistentStorage(std::make_shared<OrvexPersistentStorage>(assembly));
     assembly.setOwnSessionLimit(std::make_shared<OwnSessionLimit>(assembly.dispatcher(), assembly.counters()));
     assembly.counters().add("com.kelvar.orvexd.launch");
+    assembly.setLookup(Lookup::create(assembly));
     assembly.setBagController(OrvexBagController::create(assembly));
     assembly.setClientStateManager(std::make_shared<ClientStateManager>(assembly));
+    assembly.setAppWhitelistController(AppWhitelistController::create(assembly));
     readSilhouetteTopics(assembly);
     return OrvexService::create(assembly);
 }

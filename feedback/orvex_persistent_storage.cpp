@@ -20,13 +20,13 @@ namespace orvex {
 namespace {
 
 constexpr std::string_view filePrefix = "session.";
+constexpr std::uint32_t maxNumber = 4'294'967'294;  // the next one is a number too
 
 const platform::Logger& log() { return OrvexLogForCategory(OrvexLoggingCategory::feedbackStorage); }
 
 /// The number in the name of a session file; none for any other name.
 std::optional<std::uint32_t> handleNumber(std::string_view name) {
     constexpr std::size_t maxDigits = 10;
-    constexpr std::uint64_t maxNumber = 4'294'967'294;  // the next one is a number too
     if (!name.starts_with(filePrefix)) return std::nullopt;
     const auto digits = name.substr(filePrefix.size());
     if (digits.empty() || digits.size() > maxDigits || digits.find_first_not_of("0123456789") != digits.npos)
@@ -162,7 +162,9 @@ std::optional<OrvexPersistentStorage::NewFile> OrvexPersistentStorage::_newFileU
     // A name may be taken by what is no session file of ours, or by one that came after the scan.
     constexpr int maxTakenNames = 10'000;
     for (int taken = 0; taken < maxTakenNames; ++taken) {
-        auto name = fmt::format("{}{}", filePrefix, _handleId.fetch_add(1));
+        const auto number = _handleId.fetch_add(1);
+        if (number > maxNumber) continue;  // the next start would not look for it
+        auto name = fmt::format("{}{}", filePrefix, number);
         auto file = directory->createFile(name);
         if (file)
             return NewFile{

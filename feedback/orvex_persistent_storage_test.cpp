@@ -152,14 +152,14 @@ TEST_F(SessionFilesTest, AHeaderThatDoesNotFitClosesTheFile) {
 TEST_F(SessionFilesTest, FilesOfAnEarlierRunWaitOldestFirstAndNewOnesGoOnAfterThem) {
     for (const auto* name : {"session.10", "session.9", "session.4294967294"}) put(name, "");
     // No session files of ours.
-    for (const auto* name : {"session.", "session.x", "session.1x", "session.4294967295", "session.00000000001",
+    for (const auto* name : {"session.", "session.x", "session.1x", "session.4294967296", "session.00000000001",
                              "session.-1", "sessions.1", "bag.plist"})
         put(name, "");
     ASSERT_TRUE(directory()->makeDirectory("session.11"));
     start();
     EXPECT_EQ(waiting(), (std::vector<std::string>{"session.9", "session.10", "session.4294967294"}));
     EXPECT_TRUE(logged(LogLevel::error, "Attribute fetch error "));
-    EXPECT_EQ(open()->path(), "/caches/com.kelvar.orvexd/session.0");  // session.4294967295 is taken
+    EXPECT_EQ(open()->path(), "/caches/com.kelvar.orvexd/session.0");  // the numbers begin anew
     EXPECT_EQ(directory()->list()->size(), 13u);
 }
 

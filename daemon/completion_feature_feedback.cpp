@@ -11,6 +11,7 @@
 #include "platform/base64.h"
 #include "platform/dispatch.h"
 #include "platform/file_manager.h"
+#include "platform/user_defaults.h"
 #include "platform/uuid.h"
 #include "query/engaged_completion_cache.h"
 
@@ -54,6 +55,7 @@ bool CompletionFeatureFeedback::_isSampled() const {
 }
 
 void CompletionFeatureFeedback::sendForResult(const CXResult& result, std::int64_t client, Engaged didEngage) const {
+    if (_assembly.userDefaults().boolean("ORXFeedbackDisabled")) return;
     if (_bag == nullptr || !_bag->smartHistoryFeatureFeedbackEnabled()) return;
     if (!_isSampled() || result.fbr().empty()) return;
     auto input = inputToCount(result.fbr());

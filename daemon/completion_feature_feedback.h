@@ -13,8 +13,8 @@ class ORXBag;
 /// Reports of how the engaged completions of this device did: for a result that was shown or engaged, how often its
 /// input had led to which completion. Each report is a file that the custom-feedback flusher uploads later.
 ///
-/// Only results that carry the server's blob, only where the bag asks for it, and only in as many seconds of a hundred
-/// as the bag says.
+/// Only results that carry the server's blob, only where the bag asks for it, only in as many seconds of a hundred as
+/// the bag says, and none while feedback is switched off.
 /// Threading: callable from any thread; the rest happens on the pool.
 class CompletionFeatureFeedback {
 public:

@@ -529,6 +529,9 @@ TEST_F(FeedbackRoadTest, TheServerIsToldHowCompletionsDidInTheSecondsThatItSampl
     EXPECT_TRUE(report(engagement({.fbr = "*"})));
     secondOfHundred(1);
     EXPECT_TRUE(report(engagement({.fbr = blob})));
+    secondOfHundred(0);
+    world.defaults.store("ORXFeedbackDisabled", true);
+    EXPECT_TRUE(report(engagement({.fbr = blob})));
     EXPECT_TRUE(reports().empty());
     EXPECT_TRUE(world.log.contains(LogLevel::error, "Orvex_Feedback",
                                    "sendCompletionFeatureFeedbackForResult failed to parse JSON: "));

@@ -13,6 +13,7 @@
 #include "feedback/own_session_limit.h"
 #include "platform/background_activity_scheduler.h"
 #include "platform/counters.h"
+#include "platform/fakes/fake_background_session.h"
 #include "platform/fakes/fake_bus.h"
 #include "platform/fakes/fake_device_information.h"
 #include "platform/fakes/fake_file_manager.h"
@@ -96,6 +97,7 @@ public:
     platform::DeviceConditions conditions;
     platform::DispatcherActivityScheduler activities{{time, counters, files, conditions}};
     platform::FakeBus bus;
+    platform::FakeBackgroundSessionFactory backgroundSessions{time, files};
     Assembly assembly{{.dispatcher = time,
                        .userDefaults = defaults,
                        .fileManager = faulty,
@@ -108,7 +110,8 @@ public:
                        .memoryPressure = memory,
                        .activities = activities,
                        .bus = bus,
-                       .certificateAuthorityFile = {}}};
+                       .certificateAuthorityFile = {},
+                       .backgroundSessions = &backgroundSessions}};
     int underWay = 0;
     std::string failure;
 };

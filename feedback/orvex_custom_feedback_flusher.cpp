@@ -13,7 +13,6 @@
 #include "daemon/assembly.h"
 #include "daemon/orvex_logging.h"
 #include "feedback/client_session.h"
-#include "feedback/upload_manager.h"
 #include "network/bag_controller.h"
 #include "platform/counters.h"
 #include "platform/property_value.h"
@@ -66,10 +65,11 @@ bool OrvexCustomFeedbackFlusher::_flushType(platform::Directory& customFeedback,
         const auto report = customFeedback.openFile(path);
         if (!report) {
             if (report.error().code != EISDIR) flusherLog().error("no report: {}", report.error().text);
-            continue;
+            if (report.error().code != EACCES) continue;  // no regular file of ours
+            _assembly.counters().add(fmt::format("com.kelvar.orvexd.customfeedback.{}.unreadable", type));
         }
         any = true;
-        _flushReport(*report, type, maximumSize);
+        if (report) _flushReport({.file = *report, .path = path}, type, maximumSize);
         if (const auto removed = customFeedback.remove(path); !removed) {
             flusherLog().error("Failed to remove custom feedback: {}", removed.error().text);
         }
@@ -78,11 +78,12 @@ bool OrvexCustomFeedbackFlusher::_flushType(platform::Directory& customFeedback,
     return true;
 }
 
-void OrvexCustomFeedbackFlusher::_flushReport(const platform::OpenFile& report, std::string_view type,
+void OrvexCustomFeedbackFlusher::_flushReport(const UploadManager::Report& report, std::string_view type,
                                               std::uint64_t maximumSize) {
-    if (report.attributes.size > maximumSize) return _reject(type, report.attributes.size);
+    const auto size = report.file.attributes.size;
+    if (size > maximumSize) return _reject(type, size);
     if (const auto& uploader = _assembly.uploadManager()) {
-        uploader->uploadFeedback(report.descriptor, type, UploadManager::Endpoint::feedback);
+        uploader->uploadFeedback(report, type, UploadManager::Endpoint::feedback);
     }
 }
 

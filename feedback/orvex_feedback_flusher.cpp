@@ -161,7 +161,7 @@ void OrvexFeedbackFlusher::_takeNextFile() {
 }
 
 void OrvexFeedbackFlusher::_takeFile(std::size_t pendingUploads) {
-    if (_files.empty()) return _complete();
+    if (_files.empty() || !_mayTakeFiles()) return _complete();
     if (pendingUploads >= UploadManager::maxPendingUploads) {
         flusherLog().log("{} uploads pending, {} session files wait for the next flush", pendingUploads, _files.size());
         return _complete();
@@ -173,7 +173,7 @@ void OrvexFeedbackFlusher::_takeFile(std::size_t pendingUploads) {
 
 void OrvexFeedbackFlusher::_upload(const std::shared_ptr<FileContainer>& file) {
     const auto session = _readFeedbackFromDisk(file);
-    _assembly.persistentStorage()->deleteSessionWithFileContainer(file);
+    if (!_assembly.persistentStorage()->deleteSessionWithFileContainer(file)) return _takeNextFile();
     if (!session) {
         _assembly.counters().add("com.kelvar.orvexd.sessions.dropped.unreadable");
         return _takeNextFile();
@@ -200,6 +200,7 @@ OrvexFeedbackFlusher::Session OrvexFeedbackFlusher::_readFeedbackFromDisk(
 }
 
 void OrvexFeedbackFlusher::_complete() {
+    _files.clear();
     if (auto completion = std::exchange(_completion, nullptr)) completion();
     _transaction.end();
 }

@@ -25,8 +25,9 @@ class FileContainer;
 /// the upload session, shown to a tool that listens. The next file is taken only when that upload is stored, or will
 /// never be, and the session's file is gone; so a kill at any moment repeats one upload at most and loses none. It
 /// takes no file while 100 uploads are pending, while there is no bag yet and no tool listens, nor while the user
-/// default "ORXFeedbackDisabled" is on: those wait for the next flush. A file that cannot be read is deleted without
-/// upload, counted ("com.kelvar.orvexd.sessions.dropped.unreadable").
+/// default "ORXFeedbackDisabled" is on: those wait for the next flush. A file that another flush has taken meanwhile is
+/// left to it. A file that cannot be read is deleted without upload, counted
+/// ("com.kelvar.orvexd.sessions.dropped.unreadable").
 ///
 /// Life cycle: made for one flush; its own work holds it until the end, and a transaction holds the daemon. Threading:
 /// callable from any thread, but `flushToWireSync` not from a callback of this object.

@@ -74,6 +74,7 @@ void OrvexFlusherXPC::_initiateConnectionWithIntent(const std::string& remote, s
             if (!self) return;
             self->_queue.async([self, remote] {
                 self->_queue.assertCurrent();
+                flusherLog().debug("listener invalidated");
                 self->_removeDelegate(remote);
             });
         });
@@ -113,29 +114,30 @@ void OrvexFlusherXPC::_stopFlushing(const std::string& remote) {
 
 void OrvexFlusherXPC::_dump(const std::string& remote) {
     if (_sendingStreamListener.empty()) {
-        flusherLog().debug(
-            "no listener for sending stream at dump time, setting "
-            "current remote as listener");
+        flusherLog().debug("no listener for sending stream at dump time, setting current remote as listener");
         _setSendingStreamListener(remote);
     } else {
         flusherLog().debug("new listener for flusher client sessions, delegate: {}", _sendingStreamListener);
     }
+    if (!_getClientConnections) return _flushNothing(remote);
     // Let go by the last connection that is done, or right here.
     const std::shared_ptr<void> dump(nullptr, [self = shared_from_this(), remote](void*) {
         self->_queue.async([self, remote] {
+            self->_queue.assertCurrent();
             flusherLog().debug("dump command complete, calling -workDone");
             self->_workDone(remote);
         });
     });
-    if (!_getClientConnections) {
-        flusherLog().debug("Can't get client connections. Flushed nothing.");
-        (void)_assembly.userDefaults().removeObject(flushDisabledKey);
-        return;
-    }
     for (auto& connection : _getClientConnections()) {
         _flush(std::move(connection), dump);
         if (_assembly.sharedSession()) break;  // one flush covers all clients
     }
+}
+
+void OrvexFlusherXPC::_flushNothing(const std::string& remote) {
+    flusherLog().debug("Can't get client connections. Flushed nothing.");
+    _letFlush();
+    _workDone(remote);
 }
 
 void OrvexFlusherXPC::_flush(DumpedConnection connection, std::shared_ptr<void> dump) {
@@ -144,11 +146,7 @@ void OrvexFlusherXPC::_flush(DumpedConnection connection, std::shared_ptr<void> 
         // Elsewhere: the callback of a session's flush must not wait for storage.
         self->_queue.async([self, dump = std::move(dump)]() mutable {
             const auto flusher = OrvexFeedbackFlusher::create(self->_assembly);
-            flusher->forceFlushWithCompletion([self, dump = std::move(dump)] {
-                if (const auto removed = self->_assembly.userDefaults().removeObject(flushDisabledKey); !removed) {
-                    flusherLog().error("cannot store that flushing goes on: {}", removed.error().text);
-                }
-            });
+            flusher->forceFlushWithCompletion([self, dump = std::move(dump)] { self->_letFlush(); });
         });
     };
     const auto& shared = _assembly.clientSessionManager();
@@ -156,6 +154,12 @@ void OrvexFlusherXPC::_flush(DumpedConnection connection, std::shared_ptr<void> 
         shared->flushSession(std::move(flushed));
     } else {
         connection.flushSession(std::move(flushed));
+    }
+}
+
+void OrvexFlusherXPC::_letFlush() const {
+    if (const auto removed = _assembly.userDefaults().removeObject(flushDisabledKey); !removed) {
+        flusherLog().error("cannot store that flushing goes on: {}", removed.error().text);
     }
 }
 
@@ -193,7 +197,9 @@ void OrvexFlusherXPC::sendDataToSendingStreamListener(std::string bytes) {
     });
 }
 
-void OrvexFlusherXPC::_workDone(const std::string& remote) const { _signal(remote, "WorkDone", {}); }
+void OrvexFlusherXPC::_workDone(const std::string& remote) const {
+    if (std::ranges::find(_remotes, remote) != _remotes.end()) _signal(remote, "WorkDone", {});
+}
 
 void OrvexFlusherXPC::_signal(const std::string& remote, std::string name, platform::BusArguments arguments) const {
     _assembly.bus().sendSignal(remote, endpoint(), std::string(kORXFlusherInterface), std::move(name),

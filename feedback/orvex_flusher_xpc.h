@@ -21,8 +21,7 @@ enum class FlusherIntent : std::uint64_t {
     listenToUploads = 0,
     listenToFeedback = 1,
     stopFlushing = 2,  ///< by the clock; survives a restart
-    dump = 3,          ///< ends the open sessions, uploads all that waits, and lets the
-                       ///< clock flush again
+    dump = 3,          ///< ends the open sessions, uploads all that waits, and lets the clock flush again
 };
 
 /// What a dump asks of a client's connection.
@@ -60,9 +59,11 @@ private:
     void _setReceivingStreamListener(const std::string& remote) ORX_REQUIRES(_queue);
     void _stopFlushing(const std::string& remote) ORX_REQUIRES(_queue);
     void _dump(const std::string& remote) ORX_REQUIRES(_queue);
+    void _flushNothing(const std::string& remote) ORX_REQUIRES(_queue);
     void _flush(DumpedConnection connection, std::shared_ptr<void> dump);
     void _removeDelegate(const std::string& remote) ORX_REQUIRES(_queue);
-    void _workDone(const std::string& remote) const;
+    void _letFlush() const;
+    void _workDone(const std::string& remote) const ORX_REQUIRES(_queue);
     void _signal(const std::string& remote, std::string name, platform::BusArguments arguments) const;
 
     // Constant after construction.

@@ -94,12 +94,13 @@ void OrvexPersistentStorage::closeSessionWithFileContainer(std::shared_ptr<FileC
     });
 }
 
-void OrvexPersistentStorage::deleteSessionWithFileContainer(const std::shared_ptr<FileContainer>& container) {
-    _queue.sync([&] {
+bool OrvexPersistentStorage::deleteSessionWithFileContainer(const std::shared_ptr<FileContainer>& container) {
+    return _queue.sync([&] {
         _queue.assertCurrent();
-        std::erase(_fileContainers, container);
+        const bool listed = std::erase(_fileContainers, container) > 0;
         container->closeFile();
         container->deleteWhenReleased();
+        return listed;
     });
 }
 

@@ -41,7 +41,7 @@ public:
     [[nodiscard]] std::shared_ptr<FileContainer> createFileContainerForWriting() override;
     [[nodiscard]] std::vector<std::shared_ptr<FileContainer>> getAvailableSessionHandles() override;
     void closeSessionWithFileContainer(std::shared_ptr<FileContainer> container) override;
-    void deleteSessionWithFileContainer(const std::shared_ptr<FileContainer>& container) override;
+    bool deleteSessionWithFileContainer(const std::shared_ptr<FileContainer>& container) override;
 
     [[nodiscard]] const std::string& version() const { return _version; }
 

@@ -18,8 +18,9 @@ public:
     [[nodiscard]] virtual std::vector<std::shared_ptr<FileContainer>> getAvailableSessionHandles() = 0;
     /// Puts it on the list of finished ones, then closes its file. Asynchronous.
     virtual void closeSessionWithFileContainer(std::shared_ptr<FileContainer> container) = 0;
-    /// Off the list when this returns; its file is unlinked when the last reference to the container goes.
-    virtual void deleteSessionWithFileContainer(const std::shared_ptr<FileContainer>& container) = 0;
+    /// Off the list when this returns; its file is unlinked when the last reference to the container goes. False: it
+    /// was not on the list, so another took it before.
+    virtual bool deleteSessionWithFileContainer(const std::shared_ptr<FileContainer>& container) = 0;
 };
 
 }  // namespace orvex

@@ -2,8 +2,10 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <array>
 #include <boost/json/object.hpp>
+#include <cerrno>
 
 #include "core/compressed_output_stream.h"
 #include "core/http_description.h"
@@ -63,15 +65,20 @@ void writeJSON(const boost::json::object& object, OutputStream& stream) {
     pieces.close();
 }
 
-/// What the last read said: 0 at the file's end, -1 when it failed.
-std::int64_t copyFile(const platform::FileDescriptor& file, OutputStream& stream) {
-    std::array<char, kORXUploadPieceBytes> piece;
-    while (true) {
-        const auto count = file.read(piece.data(), piece.size());
-        if (!count) return -1;
-        if (*count == 0) return 0;
-        stream.write({piece.data(), *count});
+/// Writes the file and closes `stream`. What the last read said: 0 or more, -1 when it failed.
+std::int64_t copyFile(const platform::OpenFile& file, OutputStream& stream) {
+    std::array<char, kORXUploadPieceBytes> buffer;
+    PieceOutputStream pieces(stream, kORXUploadPieceBytes);
+    std::int64_t lastRead = 1;
+    for (auto rest = file.attributes.size; lastRead > 0 && rest > 0 && stream.streamStatus() == StreamStatus::open;) {
+        const auto count = file.descriptor.read(buffer.data(), std::min<std::uint64_t>(rest, buffer.size()));
+        lastRead = count ? static_cast<std::int64_t>(*count) : -1;
+        if (lastRead <= 0) break;
+        pieces.write({buffer.data(), *count});
+        rest -= *count;
     }
+    pieces.close();
+    return lastRead;
 }
 
 /// The text of `url` with one more query item; none when it is no URL.
@@ -192,6 +199,7 @@ std::optional<platform::FileDescriptor> UploadManager::uploadJSONFeedback(const 
     const auto temporary = _makeTempFileWithAnnotation("orvex");
     if (!temporary) {
         uploadLog().error("Error getting temp file.");
+        _drop("notempfile");
         return std::nullopt;
     }
     uploadLog().debug("Compressing data for upload to {}", temporary->name);
@@ -209,38 +217,37 @@ std::optional<platform::FileDescriptor> UploadManager::uploadJSONFeedback(const 
     auto compressed = state ? (*state)->openFile(temporary->name) : std::unexpected(state.error());
     if (!compressed) {
         uploadLog().error("Couldn't find file {} after compression.", temporary->name);
+        _drop("notempfile");
         return std::nullopt;
     }
     if (const auto url = _urlForEndpoint(toEndpoint, {})) {
         _send(*url, stream.dataDigestForStream(), temporary->name, feedback.size(), std::move(held));
     } else {
-        _assembly.counters().add("com.kelvar.orvexd.upload.dropped.noendpoint");
+        _drop("noendpoint");
         _remove(temporary->name);
     }
     return std::move(compressed->descriptor);
 }
 
-void UploadManager::uploadFeedback(const platform::FileDescriptor& file, std::string_view ofType, Endpoint toEndpoint) {
+void UploadManager::uploadFeedback(const Report& report, std::string_view ofType, Endpoint toEndpoint) {
     const auto url = _urlForEndpoint(toEndpoint, ofType);
     if (!url) {
         uploadLog().error("Server feedback endpoint not set, data can't be sent to server");
-        _assembly.counters().add("com.kelvar.orvexd.upload.dropped.noendpoint");
-        return;
+        return _drop("noendpoint");
     }
-    uploadLog().debug("uploadFile: {}", ofType);
+    uploadLog().debug("uploadFile: {}", report.path);
     const auto temporary = _makeTempFileWithAnnotation(ofType);
     if (!temporary) {
         uploadLog().error("Error getting temp file.");
-        return;
+        return _drop("notempfile");
     }
     uploadLog().debug("Compressing data for upload to {}", temporary->name);
     CompressedOutputStream stream(std::make_unique<FileOutputStream>(temporary->file));
-    const auto lastRead = copyFile(file, stream);
-    stream.close();
+    const auto lastRead = copyFile(report.file, stream);
     if (lastRead == -1 || stream.streamStatus() != StreamStatus::atEnd) {
         uploadLog().error("Compression for upload failed");
-        _remove(temporary->name);
-        return;
+        _drop("compression");
+        return _remove(temporary->name);
     }
     _send(*url, stream.dataDigestForStream(), temporary->name, 0, nullptr);
 }
@@ -252,8 +259,8 @@ void UploadManager::_send(std::string_view url, std::string_view digest, std::st
                            : std::nullopt;
     if (!request) {
         uploadLog().error("no request for upload to {}", describedURL(url));
-        _remove(file);
-        return;
+        _drop("norequest");
+        return _remove(file);
     }
     _enqueue({.request = *std::move(request),
               .file = std::move(file),
@@ -272,17 +279,20 @@ void UploadManager::_start(Upload upload, std::size_t pending) {
     if (pending >= maxPendingUploads) {
         // Its file stays until the next start.
         uploadLog().error("too many uploads pending: {}", pending);
-        _assembly.counters().add("com.kelvar.orvexd.upload.dropped.pending");
-        return;
+        return _drop("pending");
     }
     uploadLog().debug("Enqueuing for upload: {}, headers {}", upload.file, describedHeaders(upload.request.headers));
     const auto task = _assembly.uploadURLSession().uploadTask(std::move(upload.request), upload.file);
     task->setNumberOfFeedbacks(upload.numberOfFeedbacks);
     if (const auto stored = task->resume(); !stored) {
         uploadLog().error("upload was not stored: {}", stored.error().text);
-        _assembly.counters().add("com.kelvar.orvexd.upload.dropped.notstored");
+        _drop("notstored");
         _remove(upload.file);
     }
+}
+
+void UploadManager::_drop(std::string_view reason) const {
+    _assembly.counters().add(fmt::format("com.kelvar.orvexd.upload.dropped.{}", reason));
 }
 
 void UploadManager::_remove(const std::string& file) const {

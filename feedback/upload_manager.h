@@ -29,8 +29,10 @@ class ORXBag;
 /// Life cycle: made before the bag controller; the two endpoints come with each bag notification. Threading: callable
 /// from any thread, but not from the upload session's delegate queue; uploads are compressed on the caller's.
 /// Memory: fixed buffers, however large the upload.
-/// What is dropped is counted: "com.kelvar.orvexd.upload.dropped." and `noendpoint` (the bag names none), `pending`
-/// (100 are pending already), `notstored` (the session refused it).
+/// What is dropped is counted: "com.kelvar.orvexd.upload.dropped." and `noendpoint` (the bag names none), `notempfile`
+/// (no temporary file), `compression` (a report that could not be read or compressed; a session counts as not sent),
+/// `norequest` (the endpoint is no URL to send to), `pending` (100 are pending already), `notstored` (the session
+/// refused it).
 class UploadManager final : public platform::BackgroundSessionDelegate,
                             public std::enable_shared_from_this<UploadManager> {
 public:
@@ -53,8 +55,13 @@ public:
     std::optional<platform::FileDescriptor> uploadJSONFeedback(const boost::json::object& feedback, Endpoint toEndpoint,
                                                                Held held);
 
-    /// The file as it is now. `ofType` goes to the server as the query item "type", unless it is empty.
-    void uploadFeedback(const platform::FileDescriptor& file, std::string_view ofType, Endpoint toEndpoint);
+    struct Report {
+        const platform::OpenFile& file;
+        std::string_view path;  ///< for log lines
+    };
+    /// The file up to the size that it had when it was opened, though it has grown since. `ofType` goes to the server
+    /// as the query item "type", unless it is empty.
+    void uploadFeedback(const Report& report, std::string_view ofType, Endpoint toEndpoint);
 
     /// How many uploads the session has, on its delegate queue.
     void countPendingUploads(std::move_only_function<void(std::size_t count)> completion);
@@ -91,6 +98,7 @@ private:
                Held held);
     void _enqueue(Upload upload);
     void _start(Upload upload, std::size_t pending);
+    void _drop(std::string_view reason) const;
     void _remove(const std::string& file) const;
 
     // Constant after construction.

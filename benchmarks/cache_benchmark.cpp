@@ -56,7 +56,8 @@ private:
     platform::FakeLocale _locale;
     platform::FakeDeviceInformation _device;
     platform::FakeMemoryPressure _memory;
-    platform::DispatcherActivityScheduler _activities{_dispatcher, _counters};
+    platform::DeviceConditions _conditions;
+    platform::DispatcherActivityScheduler _activities{{_dispatcher, _counters, _files, _conditions}};
     platform::FakeBus _bus;
     Assembly _assembly{{.dispatcher = _dispatcher,
                         .userDefaults = _defaults,

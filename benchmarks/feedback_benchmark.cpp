@@ -126,7 +126,8 @@ private:
     platform::FakeURLSessionFactory _sessions{_dispatcher};
     platform::FakeBackgroundSessionFactory _backgroundSessions{_dispatcher, *_files};
     std::shared_ptr<platform::Transactions> _transactions = std::make_shared<platform::Transactions>(_dispatcher);
-    platform::DispatcherActivityScheduler _activities{_dispatcher, _counters};
+    platform::DeviceConditions _conditions;
+    platform::DispatcherActivityScheduler _activities{{_dispatcher, _counters, *_files, _conditions}};
     Assembly _assembly{{.dispatcher = _dispatcher,
                         .userDefaults = _defaults,
                         .fileManager = *_files,

@@ -120,7 +120,8 @@ private:
     platform::FakeLocale _locale;
     platform::FakeDeviceInformation _device;
     platform::FakeMemoryPressure _memoryPressure;
-    platform::DispatcherActivityScheduler _activities{_dispatcher, _counters};
+    platform::DeviceConditions _conditions;
+    platform::DispatcherActivityScheduler _activities{{_dispatcher, _counters, _files, _conditions}};
     platform::FakeBus _bus;
     platform::FakeLocation _location;
     platform::FakeInstalledDictionaries _dictionaries;

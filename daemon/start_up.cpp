@@ -11,9 +11,9 @@
 #include "feedback/own_session_limit.h"
 #include "feedback/upload_manager.h"
 #include "network/app_whitelist_controller.h"
+#include "network/bag_controller.h"
 #include "network/location_manager.h"
 #include "network/motion_manager.h"
-#include "network/orvex_bag_controller.h"
 #include "network/orvex_subscription_manager.h"
 #include "network/orx_network_request_factory.h"
 #include "network/orx_tracing.h"
@@ -84,7 +84,7 @@ std::shared_ptr<OrvexService> assemble(Assembly& assembly) {
     assembly.setOwnSessionLimit(std::make_shared<OwnSessionLimit>(assembly.dispatcher(), assembly.counters()));
     assembly.counters().add("com.kelvar.orvexd.launch");
     assembly.setLookup(Lookup::create(assembly));
-    assembly.setBagController(OrvexBagController::create(assembly));
+    assembly.setBagController(makeBagController(assembly));
     assembly.setClientStateManager(std::make_shared<ClientStateManager>(assembly));
     assembly.setAppWhitelistController(AppWhitelistController::create(assembly));
     readSilhouetteTopics(assembly);

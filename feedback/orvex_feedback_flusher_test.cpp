@@ -191,7 +191,7 @@ TEST_F(FeedbackFlusherTest, APeriodicFlushTakesItsActivityToTheEnd) {
     install(openBag);
     finishSession(1);
     std::vector<std::shared_ptr<BackgroundActivity>> runs;
-    activities.checkIn("flush", [&](std::shared_ptr<BackgroundActivity> run) {
+    activities.checkIn("flush", {}, [&](std::shared_ptr<BackgroundActivity> run) {
         runs.push_back(run);
         OrvexFeedbackFlusher::create(assembly)->performPeriodicFlushActivity(std::move(run));
         EXPECT_EQ(runs.back()->state(), BackgroundActivity::State::continuing);

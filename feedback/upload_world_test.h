@@ -9,7 +9,7 @@
 #include "feedback/client_session.h"
 #include "feedback/feedback_world_test.h"
 #include "feedback/upload_manager.h"
-#include "network/orvex_bag_controller.h"
+#include "network/bag_controller.h"
 #include "network/orx_network_request_factory.h"
 
 namespace orvex {
@@ -35,7 +35,7 @@ public:
     void install(std::string_view bag) {
         defaults.store("ORXFeedbackDisabled", true);
         (void)assembly.bagSession();
-        if (!assembly.bagController()) assembly.setBagController(OrvexBagController::create(assembly));
+        if (!assembly.bagController()) assembly.setBagController(makeBagController(assembly));
         auto text = boost::json::parse(bag).as_object();
         text["version"] = ++bagVersion;
         (void)assembly.bagController()->currentBag();

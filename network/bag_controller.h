@@ -9,6 +9,7 @@
 
 namespace orvex {
 
+class Assembly;
 class ORXBag;
 
 /// The role of the one owner of the server's configuration, as its peers see it.
@@ -29,5 +30,8 @@ public:
     /// The bag in memory, without starting anything.
     [[nodiscard]] virtual std::shared_ptr<const ORXBag> inMemoryBag() const = 0;
 };
+
+/// The owner, with the bag that is on disk. The request factory is in the assembly by then.
+std::shared_ptr<BagController> makeBagController(Assembly& assembly);
 
 }  // namespace orvex

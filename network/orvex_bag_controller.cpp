@@ -122,6 +122,8 @@ std::shared_ptr<OrvexBagController> OrvexBagController::create(Assembly& assembl
     return controller;
 }
 
+std::shared_ptr<BagController> makeBagController(Assembly& assembly) { return OrvexBagController::create(assembly); }
+
 OrvexBagController::OrvexBagController(Assembly& assembly)
     : _assembly(assembly),
       _userAgent(ORXNetworkRequestFactory::createUserAgentString(assembly.device(), {})),

@@ -45,31 +45,34 @@ class Uploads(Scenario):
         heads = sorted(self.kept.glob("upload.*.json"), key=lambda path: int(path.name.split(".")[1]))
         return [(json.loads(head.read_text()), json.loads(head.with_suffix(".body").read_text())) for head in heads]
 
-    def wait_for_uploads(self, count):
-        return wait_until(lambda: len(self.uploads()) >= count and self.uploads(),
-                          lambda: f"{count} uploads; {self.running.describe()}")
+    @staticmethod
+    def reported(session):
+        """The records of ours; the daemon's own, a bag fetch for instance, come in sessions of their own."""
+        return [record for record in session["fb"] if record["type"] == "search_view_appear"]
 
-    def records(self, uploads):
-        return sum(record["type"] == "search_view_appear" for _, session in uploads for record in session["fb"])
+    def wait_for_reported(self):
+        """The uploads that hold records of ours."""
+        return wait_until(lambda: [upload for upload in self.uploads() if self.reported(upload[1])],
+                          lambda: f"an upload; {self.running.describe()}")
 
     def test_a_dump_uploads_what_was_reported_and_shows_it(self):
         client = self.start()
         self.report(2)
         dumped = self.tool("dump")
         self.assertEqual(dumped.wait(), 0, dumped.describe())
-        (head, session), = [upload for upload in self.wait_for_uploads(len(dumped.out)) if self.records([upload])]
+        (head, session), = self.wait_for_reported()
         self.assertTrue(session["agent"].endswith("lumisk/7 (scenario)"), session)
         self.assertIn(session, [json.loads(line) for line in dumped.out])
-        self.assertEqual((head["path"], head["items"]), ("/feedback", [["v", "2"]]))
+        self.assertEqual(head["path"], "/feedback")
+        self.assertIn(["v", "2"], head["items"])
         self.assertEqual(set(session), {"fb", "agent", "user_guid", "resource_versions", "first_use", "base_time",
                                         "previous_session_end_reason"})
         self.assertEqual((session["first_use"], session["previous_session_end_reason"]), (True, "unknown"))
-        reported = [record for record in session["fb"] if record["type"] == "search_view_appear"]
-        self.assertEqual([record["viewAppearEvent"] for record in reported], [1, 1])
+        self.assertEqual([record["viewAppearEvent"] for record in self.reported(session)], [1, 1])
         self.assertEqual(session["fb"][-1], session["fb"][-1] | {"type": "session_end", "reason": "external_request"})
         wait_until(lambda: client.counter("com.kelvar.orvexd.feedbacksent") == 7 * len(self.uploads()),
                    "the count of what was sent")
-        self.assertEqual(list(self.running.caches.glob("session.*")), [])
+        wait_until(lambda: client.status()["sessions_waiting"] == 0, "no session that waits")
         self.assertEqual(self.reference.state()["violations"], 0)
 
     def test_a_kill_at_any_stage_loses_nothing_and_repeats_one_upload_at_most(self):
@@ -85,12 +88,12 @@ class Uploads(Scenario):
                    "the first upload")
         self.running.kill()
         self.reference.misbehave()
-        # It goes on by itself.
-        self.start()
-        uploads = self.wait_for_uploads(1)
-        self.assertGreaterEqual(self.records(uploads), 1)
-        digests = [head["digest"] for head, _ in uploads]
-        self.assertLessEqual(len(digests) - len(set(digests)), 1)
+        # What was stored goes on by itself; what was not yet, with the next flush.
+        client = self.start()
+        client.call("RunActivity", "s", FLUSH, interface="com.kelvar.orvexd.LaunchEvents")
+        digests = [head["digest"] for head, _ in self.wait_for_reported()]
+        self.assertEqual(len(set(digests)), 1)
+        self.assertLessEqual(len(digests), 2)
 
     def test_stopped_flushing_outlives_the_process_and_ends_with_a_dump(self):
         self.start()
@@ -103,7 +106,7 @@ class Uploads(Scenario):
         self.running.wait_for_log("Flusher bailing because periodic flush is disabled.")
         self.assertEqual(self.uploads(), [])
         self.assertEqual(self.tool("dump").wait(), 0)
-        self.assertGreaterEqual(self.records(self.wait_for_uploads(1)), 1)
+        self.assertEqual(len(self.wait_for_reported()), 1)
         client.call("RunActivity", "s", FLUSH, interface="com.kelvar.orvexd.LaunchEvents")
         self.running.wait_for_log("Flushing Orvex feedback.")
 

@@ -120,18 +120,16 @@ void DispatcherActivityScheduler::_schedule() {
 void DispatcherActivityScheduler::_armTimer() {
     const auto now = _services.dispatcher.now();
     std::optional<MonotonicTime> next;
-    std::chrono::nanoseconds leeway{0};
+    MonotonicTime latest = MonotonicTime::max();  // what waits longer must not hold up what waits less
+    const auto consider = [&](MonotonicTime moment, std::chrono::nanoseconds leeway) {
+        next = next ? std::min(*next, moment) : moment;
+        latest = std::min(latest, moment + leeway);
+    };
     for (const auto& [name, activity] : _activities) {
         const bool isUnderWay = activity.latestRun && activity.latestRun->state() != BackgroundActivity::State::done;
-        if (isUnderWay && (!next || activity.latestRunEnds < *next)) {
-            next = activity.latestRunEnds;
-            leeway = {};
-        }
+        if (isUnderWay) consider(activity.latestRunEnds, {});
         const bool waits = activity.criteria.interval > std::chrono::seconds(0) && activity.due > now;
-        if (waits && (!next || activity.due < *next)) {
-            next = activity.due;
-            leeway = activity.criteria.grace;
-        }
+        if (waits) consider(activity.due, activity.criteria.grace);
     }
     if (!next) return _timer.cancel();
     _timer.armAt(
@@ -140,7 +138,7 @@ void DispatcherActivityScheduler::_armTimer() {
             _queue.assertCurrent();
             _schedule();
         },
-        leeway);
+        latest - *next);
 }
 
 Result<void> DispatcherActivityScheduler::_run(const std::string& name) {

@@ -50,8 +50,9 @@ void LaunchEvents::_runActivity(const std::string& name, platform::BusReply repl
         return;
     }
     _assembly.activities().run(name, [reply = std::move(reply), name](platform::Result<void> result) mutable {
-        if (!result) platform::defaultLogger().error("cannot run {}: {}", name, result.error().text);
-        reply.answer({});
+        if (result) return reply.answer({});
+        platform::defaultLogger().error("cannot run {}: {}", name, result.error().text);
+        reply.fail(platform::bus_error::failed, result.error().text);  // it was not checked in yet
     });
 }
 

@@ -20,7 +20,8 @@ class Directory;
 
 enum class TransferDirection : std::uint8_t { upload, download };
 
-/// The life of a background task. A task changes its state on its session's queue only, with a log line a change.
+/// The life of a background task. A task changes its state on its session's queue only, with a log line a change; to
+/// `told` on the delegate queue.
 ///
 ///     made ──resume──▶ waiting ◀──────────── a temporary failure, or its network went away
 ///                        │  ▲                             │
@@ -138,10 +139,10 @@ struct BackgroundSessionConfiguration {
     bool allowsExpensiveNetworkAccess = true;                     ///< false: its tasks wait for an unmetered network
     std::chrono::seconds requestTimeout{60};                      ///< the longest silence of an attempt
     std::chrono::seconds resourceTimeout = std::chrono::days{7};  ///< of a task, from `resume` to its end
-    std::size_t maxTasks = 10'000;             ///< beyond it, the oldest that is not under way ends with an error
-    std::uint64_t maxSpoolBytes = 256u << 20;  ///< of bodies; as `maxTasks`
-    std::size_t maxDownloadBytes = 64u << 20;  ///< decoded; a longer one fails for good
-    std::string certificateAuthorityFile;      ///< PEM; empty: the system's
+    std::size_t maxTasks = 10'000;                                ///< beyond it, the oldest ends with an error
+    std::uint64_t maxSpoolBytes = 256u << 20;                     ///< of bodies; as `maxTasks`
+    std::size_t maxDownloadBytes = 64u << 20;                     ///< decoded; a longer one fails for good
+    std::string certificateAuthorityFile;                         ///< PEM; empty: the system's
 };
 
 /// Transfers that survive a kill and a reboot, and are tried again until they have an end (docs/transfers.md).

@@ -1,5 +1,7 @@
 #include <fmt/core.h>
 
+#include <cerrno>
+
 #include "platform/counters.h"
 #include "platform/linux/spooled_download.h"
 #include "platform/linux/stored_background_session.h"
@@ -64,7 +66,8 @@ void StoredBackgroundSession::_answered(std::uint64_t number, std::optional<URLR
     Entry* entry = _live(number);
     if (entry == nullptr || entry->task->state() != State::beginning) return;
     if (replacement) entry->task->setCurrentRequest(*std::move(replacement));
-    _send(*entry);
+    // While the delegate thought, the network may have become metered, or the session have begun to back off.
+    entry->task->moveTo(State::waiting);
     _schedule();
 }
 
@@ -98,6 +101,7 @@ TransferRunner::Order StoredBackgroundSession::_order(const Entry& entry) {
                 const auto self = weak.lock();
                 if (!self) return;
                 self->_delegateQueue.async([delegate = self->_delegate, task, progress] {
+                    if (task->state() == State::told) return;  // of an attempt that was given up
                     if (const auto listener = delegate.lock()) listener->didSendBodyData(task, progress);
                 });
             },
@@ -212,8 +216,11 @@ void StoredBackgroundSession::_deliver(const Entry& entry) {
             if (!delegate) return;  // the next process tells it
             if (task->direction() == TransferDirection::download && !error) {
                 // No file: the delegate of a killed process took it, before it heard the end.
-                if (const auto file = SpooledDownload::open(spool, task->identifier()))
+                const auto file = SpooledDownload::open(spool, task->identifier());
+                if (file)
                     delegate->didFinishDownloading(task, **file);
+                else if (file.error().code != ENOENT)
+                    error = TransportError{TransportError::other, file.error().text};
             }
             delegate->didComplete(task, std::move(error));
             task->moveTo(State::told);

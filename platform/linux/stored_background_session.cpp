@@ -175,6 +175,8 @@ Result<void> StoredBackgroundSession::accept(const std::shared_ptr<StoredBackgro
 Result<void> StoredBackgroundSession::_accept(const std::shared_ptr<StoredBackgroundTask>& task) {
     if (task->state() != State::made) return failure(EINVAL, "the task was resumed before");
     if (auto opened = _open(); !opened) return opened;
+    // Made while the store could not be opened, it may have a number that a stored task has.
+    if (_entries.contains(task->identifier())) return failure(EEXIST, "the task's number is taken");
     StoredTransfer stored{.number = task->identifier(),
                           .direction = task->direction(),
                           .request = task->originalRequest(),

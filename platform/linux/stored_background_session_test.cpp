@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <future>
 #include <set>
 
@@ -39,8 +40,12 @@ public:
                       std::exchange(_bytes, {}));
         feedbacks += task->numberOfFeedbacks();
     }
+    void willBeginDelayedRequest(const std::shared_ptr<BackgroundTask>&, const URLRequest&, Begin begin) override {
+        thinks ? thinks(std::move(begin)) : begin(std::nullopt);
+    }
     Texts all;
     std::uint64_t feedbacks = 0;
+    std::function<void(Begin begin)> thinks;
 
 private:
     std::string _bytes;
@@ -255,6 +260,20 @@ TEST_F(StoredBackgroundSessionTest, MeteredNetworksAndBatteriesAreWaitedOut) {
     time.advance(24h);  // its window closes
     EXPECT_EQ(server->held(), 1u);
     EXPECT_EQ(transactions->count(), 1u);
+
+    set({});  // while a delegate thinks about a request, too
+    BackgroundSessionDelegate::Begin begin;
+    ends->thinks = [&begin](BackgroundSessionDelegate::Begin asked) { begin = std::move(asked); };
+    const auto delayed = download();
+    delayed->setEarliestBeginDate(time.wallNow());
+    resume(*delayed);
+    ASSERT_EQ(delayed->state(), BackgroundTaskState::beginning);
+    set({.isMetered = true});
+    begin(std::nullopt);
+    time.runPending();
+    EXPECT_EQ(delayed->state(), BackgroundTaskState::waiting);
+    set({});
+    EXPECT_EQ(delayed->state(), BackgroundTaskState::running);
 }
 
 TEST_F(StoredBackgroundSessionTest, ASwitchToAMeteredNetworkLeavesTheOtherSessionAlone) {
@@ -320,6 +339,32 @@ TEST_F(StoredBackgroundSessionTest, ABrokenStoreIsSetAsideAndMadeAnew) {
     EXPECT_EQ(counters.value("com.kelvar.orvexd.transfer.dropped.store"), 2);
     resume(*upload("records"));
     EXPECT_EQ(attempts(), 1u);
+
+    session.reset();
+    time.runPending();
+    {
+        SQLiteDatabase store;
+        ASSERT_EQ(store.open(place + "tasks.db", SQLITE_OPEN_READWRITE), SQLITE_OK);
+        ASSERT_EQ(store.execute("DROP TABLE task; CREATE TABLE task(other INT)"), SQLITE_OK);
+    }
+    start();
+    EXPECT_TRUE(upload("records")->resume());
+}
+
+TEST_F(StoredBackgroundSessionTest, ATaskThatWasMadeWithoutAStoreHarmsNoStoredOne) {
+    resume(*upload("stored"));
+    const std::string place = home / ".local/state/com.kelvar.orvexd/transfers";
+    std::filesystem::rename(place, place + ".away");
+    writeFile(place, "not a directory");
+    start();
+    const auto task = upload("records");
+    EXPECT_FALSE(task->resume());
+    std::filesystem::remove(place);
+    std::filesystem::rename(place + ".away", place);
+    EXPECT_EQ(task->resume().error().code, EEXIST);
+    EXPECT_TRUE((*files->stateDirectory())->attributes("tmp/body2"));
+    EXPECT_EQ((*files->stateDirectory())->read("transfers/test/spool/1.body", 100).value_or(""), "stored");
+    EXPECT_TRUE(upload("records")->resume());
 }
 
 TEST_F(StoredBackgroundSessionTest, AnUploadWhoseBodyIsLostEnds) {

@@ -52,6 +52,9 @@ Result<std::uint64_t> TransferSpool::takeBody(std::uint64_t number, std::string_
     if (!taken && taken.error().code == EXDEV) {
         taken = _copy(*source, bodyName(number));
         if (taken) taken = _state->remove(file);
+        if (!taken) _remove(bodyName(number));
+    } else if (!taken && _state->attributes(_inState(bodyName(number)))) {
+        giveBody(number, file);  // renamed, but perhaps not for good
     }
     if (!taken) return std::unexpected(taken.error());
     return source->attributes.size;

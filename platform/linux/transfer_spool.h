@@ -14,7 +14,7 @@ namespace orvex::platform {
 /// The bodies of a session's tasks: what an upload sends ("N.body") and what a download has brought so far
 /// ("N.download"), in the directory "spool" of the session's own.
 ///
-/// Threading: none of its own.
+/// Threading: callable from any thread, but not for one task from two.
 class TransferSpool {
 public:
     /// `place` is the session's directory as a path in the state directory; "spool" is made in it.

@@ -186,7 +186,9 @@ Result<std::string> TransferStore::_readyFile() {
 Result<std::vector<StoredTransfer>> TransferStore::_readAll() {
     {
         auto check = _database.run(sql::quickCheck);
-        if (!check.step() || check.text(0) != "ok") return failure(SQLITE_CORRUPT, "the file is damaged");
+        const bool isSound = check.step() && check.text(0) == "ok";
+        if (auto checked = _answer("check", check.finish()); !checked) return std::unexpected(checked.error());
+        if (!isSound) return failure(SQLITE_CORRUPT, "the file is damaged");
     }
     std::vector<StoredTransfer> all;
     std::vector<std::uint64_t> unreadable;
@@ -198,7 +200,9 @@ Result<std::vector<StoredTransfer>> TransferStore::_readAll() {
             else
                 unreadable.push_back(static_cast<std::uint64_t>(rows.integer(0)));
         }
-        if (auto read = _answer("read", rows.finish()); !read) return std::unexpected(read.error());
+        const int code = rows.finish();
+        if (primaryCode(code) == SQLITE_ERROR) return failure(SQLITE_CORRUPT, "the table of tasks is none of ours");
+        if (auto read = _answer("read", code); !read) return std::unexpected(read.error());
     }
     for (const std::uint64_t number : unreadable) {
         _counters.add(droppedCounter);

@@ -317,6 +317,8 @@ TEST_F(ResourcesRoadTest, AListOfTheWrongShapeWantsNothing) {
         postBag(parseJSON(bag, 8).value().get_object());
         EXPECT_THAT(signals(), ElementsAre("DidDeleteResource map")) << bag;
     }
+    EXPECT_TRUE(world.log.contains(LogLevel::error, "Orvex_DownloadManager", "download_resources_list is no array"));
+    EXPECT_EQ(counter("resources.refused.identifier"), 3);
 }
 
 TEST_F(ResourcesRoadTest, LookupHintsAreFetchedEachTimeWithTheirSignatureAndGivenToTheDataDetectors) {

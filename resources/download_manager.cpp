@@ -42,14 +42,18 @@ bool isAccepted(std::string_view identifier, Assembly& assembly) {
     return false;
 }
 
-/// What the bag wants to be here. An absent list wants nothing.
+/// What the bag wants to be here. An absent list wants nothing, and so does what is no list.
 std::set<std::string> identifiersIn(const boost::json::object& rawBag, Assembly& assembly) {
     std::set<std::string> identifiers;
     const auto* list = rawBag.if_contains(bagListKey);
-    if (list == nullptr || !list->is_array()) return identifiers;
+    if (list == nullptr) return identifiers;
+    if (!list->is_array()) {
+        log().error("{} is no array", bagListKey);
+        return identifiers;
+    }
     for (const auto& item : list->get_array()) {
-        if (const auto* text = item.if_string(); text != nullptr && isAccepted(*text, assembly))
-            identifiers.emplace(*text);
+        const auto text = item.is_string() ? std::string_view(item.get_string()) : std::string_view();
+        if (isAccepted(text, assembly)) identifiers.emplace(text);
     }
     return identifiers;
 }

@@ -343,6 +343,30 @@ TEST_F(ResourcesRoadTest, LookupHintsAreFetchedEachTimeWithTheirSignatureAndGive
     EXPECT_EQ(hints("2"), std::pair(std::string("(none)"), std::string("(none)")));
 }
 
+TEST_F(ResourcesRoadTest, AnErasureTakesFilesAndDownloadsUntilTheNextBag) {
+    start();
+    const URLs bag = {{"map", "https://r.example/map"}, {std::string(weekly), "https://r.example/w"}};
+    changeBag(bag);
+    ASSERT_EQ(begun().size(), 2u);
+    answer("one");
+    answer("the other");
+    changeBag(bag);
+    ASSERT_EQ(begun().size(), 1u);  // the hints, on their way
+    (void)signals();
+
+    const auto erased = world.call(client, "com.kelvar.orvexd.Diagnostics", "Erase", {"resources"});
+    ASSERT_TRUE(erased->arguments);
+    EXPECT_EQ(*erased->arguments->at(0).as<platform::BusDictionary>()->find("resources")->as<std::uint32_t>(), 2u);
+    EXPECT_THAT(signals(), UnorderedElementsAre("DidDeleteResource map", "DidDeleteResource lookup_hints_weekly"));
+    EXPECT_EQ(file("map") + file(weekly) + hints("2").first, "(none)(none)(none)");
+    EXPECT_THAT(session().held(), IsEmpty());
+    EXPECT_EQ(world.defaults.object("download_resources"), PropertyDictionary{});
+    EXPECT_EQ(counter("resources.errors"), 0);
+
+    changeBag(bag);
+    EXPECT_THAT(begun(), UnorderedElementsAre("map update (none)", "lookup_hints_weekly update (none)"));
+}
+
 TEST_F(ResourcesRoadTest, LookupHintsNeedTheBagsAndTheUsersConsent) {
     start();
     const URLs bag = {{std::string(weekly), "https://r.example/w"}};

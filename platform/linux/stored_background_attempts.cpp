@@ -235,10 +235,13 @@ void StoredBackgroundSession::_deliver(const Entry& entry) {
 
 void StoredBackgroundSession::_forget(std::uint64_t number) {
     _entries.erase(number);
+    if (const auto removed = _store->remove(number)) {
+        _spool->removeBody(number);
+        _spool->removeDownload(number);
+    } else {
+        defaultLogger().error("{}", removed.error().text);
+    }
     _keepTransaction();
-    if (const auto removed = _store->remove(number); !removed) return defaultLogger().error("{}", removed.error().text);
-    _spool->removeBody(number);
-    _spool->removeDownload(number);
 }
 
 }  // namespace orvex::platform

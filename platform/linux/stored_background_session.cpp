@@ -127,7 +127,7 @@ void StoredBackgroundSession::_add(std::shared_ptr<StoredBackgroundTask> task, S
     const double created = secondsSince1970(stored.created);
     const double begin = stored.earliestBegin ? secondsSince1970(*stored.earliestBegin) : created;
     const double window = static_cast<double>(stored.request.timeWindow.value_or(usualWindow).count());
-    TransferMoments moments{.windowEnd = moment(begin + window, begin + window - created),
+    TransferMoments moments{.windowEnd = moment(begin + window, std::min(begin + window - created, whole)),
                             .deadline = moment(created + whole, whole)};
     if (stored.earliestBegin) moments.earliestBegin = moment(begin, std::min(begin - created, whole));
     const std::uint64_t number = stored.number;
@@ -211,13 +211,13 @@ void StoredBackgroundSession::_keepQuota() {
     std::size_t tasks = 0;
     std::uint64_t bytes = 0;
     for (const auto& [number, entry] : _entries) {
-        if (entry.task->state() == State::ended) continue;
+        if (entry.task->state() >= State::ended) continue;
         ++tasks;
         bytes += entry.stored.bodyBytes;
     }
     for (auto& [number, entry] : _entries) {
         if (tasks <= _configuration.maxTasks && bytes <= _configuration.maxSpoolBytes) return;
-        if (entry.task->state() == State::ended) continue;
+        if (entry.task->state() >= State::ended) continue;
         const bool tooMany = tasks > _configuration.maxTasks;
         --tasks;
         bytes -= entry.stored.bodyBytes;

@@ -39,6 +39,7 @@ public:
                              : std::to_string(status)) +
                       std::exchange(_bytes, {}));
         feedbacks += task->numberOfFeedbacks();
+        if (const auto next = std::exchange(then, nullptr)) next();
     }
     void willBeginDelayedRequest(const std::shared_ptr<BackgroundTask>&, const URLRequest&, Begin begin) override {
         thinks ? thinks(std::move(begin)) : begin(std::nullopt);
@@ -46,6 +47,7 @@ public:
     Texts all;
     std::uint64_t feedbacks = 0;
     std::function<void(Begin begin)> thinks;
+    std::function<void()> then;  ///< after the next end
 
 private:
     std::string _bytes;
@@ -297,6 +299,17 @@ TEST_F(StoredBackgroundSessionTest, TheOldestGoesWhenTheQuotaIsPassed) {
     EXPECT_EQ(counters.value("com.kelvar.orvexd.transfer.dropped.spool"), 1);
     EXPECT_EQ(counters.value("com.kelvar.orvexd.transfer.dropped.tasks"), 1);
     EXPECT_EQ(inSpool().size(), 3u);
+}
+
+TEST_F(StoredBackgroundSessionTest, ATaskThatWasToldTakesNoPlaceAndIsNotDropped) {
+    configuration.maxTasks = 1;
+    start();
+    resume(*upload("1"));
+    ends->then = [this] { EXPECT_TRUE(upload("2")->resume()); };  // before the first is forgotten
+    network.session("test")->answer({});
+    time.runPending();
+    EXPECT_EQ(ends->all, (Texts{"1: 200"}));
+    EXPECT_EQ(inSpool(), (Texts{"2.body"}));
 }
 
 TEST_F(StoredBackgroundSessionTest, ARefusedStoringLeavesTheFileWhereItWas) {

@@ -346,6 +346,11 @@ std::vector<FakeBackgroundSession::Sent> FakeBackgroundSession::sent() const {
     return _sent;
 }
 
+void FakeBackgroundSession::forgetSent() {
+    const MutexLock lock(_mutex);
+    _sent.clear();
+}
+
 std::shared_ptr<BackgroundSession> FakeBackgroundSessionFactory::makeSession(
     BackgroundSessionConfiguration configuration, std::weak_ptr<BackgroundSessionDelegate> delegate) {
     auto session =

@@ -55,6 +55,7 @@ public:
 
     [[nodiscard]] BackgroundTasks held() const;    ///< that wait for an answer
     [[nodiscard]] std::vector<Sent> sent() const;  ///< every task that began, in order
+    void forgetSent();                             ///< those that began so far
     [[nodiscard]] const BackgroundSessionConfiguration& configuration() const { return _configuration; }
 
 private:

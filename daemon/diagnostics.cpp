@@ -9,6 +9,7 @@
 #include "core/orx_bag.h"
 #include "daemon/assembly.h"
 #include "daemon/client_state_manager.h"
+#include "daemon/explained_request.h"
 #include "feedback/client_session_manager_protocol.h"
 #include "feedback/persistent_storage.h"
 #include "network/bag_controller.h"
@@ -61,10 +62,11 @@ void Diagnostics::receive(platform::BusCall call) {
             call.reply.answer({_transfers()});
         } else if (call.member == "Erase") {
             _erase(*call.arguments[0].as<std::string>(), std::move(call.reply));
+        } else if (call.member == "Explain") {
+            _explain(call);
         } else if (call.member == "PendingFeedback") {
             call.reply.answer({_pendingFeedback()});
         }
-        // What is left belongs to components that are not part of the daemon: the reply's end says so.
     });
 }
 
@@ -78,6 +80,16 @@ void Diagnostics::_erase(const std::string& what, platform::BusReply reply) {
         for (const auto& [kind, count] : removed) counts.set(kind, count);
         reply.answer({std::move(counts)});
     });
+}
+
+void Diagnostics::_explain(platform::BusCall& call) {
+    auto rows = explainedRequest(_assembly, *call.arguments[0].as<std::string>(),
+                                 *call.arguments[1].as<platform::BusDictionary>());
+    if (rows) {
+        call.reply.answer({*std::move(rows)});
+    } else {
+        call.reply.fail(rows.error().errorName, rows.error().message);
+    }
 }
 
 platform::BusArray Diagnostics::_pendingFeedback() const {

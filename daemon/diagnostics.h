@@ -25,6 +25,7 @@ private:
     [[nodiscard]] platform::BusDictionary _counters() const;
     [[nodiscard]] platform::BusDictionary _status() const;
     [[nodiscard]] platform::BusArray _transfers() const;
+    void _explain(platform::BusCall& call);
     void _erase(const std::string& what, platform::BusReply reply);
     [[nodiscard]] platform::BusArray _pendingFeedback() const;
 

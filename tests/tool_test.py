@@ -2,6 +2,7 @@
 """orvex_tool: what each command prints, as JSON and for people, and how it ends."""
 
 import contextlib
+import itertools
 import json
 import sqlite3
 import unittest
@@ -77,6 +78,24 @@ class ToolTest(harness.Scenario):
         self.assertEqual(page.wait(), 0)
         self.assertTrue(any("visible_results" in line for line in page.out), page.describe())
         self.assertEqual(self.tool("report", '{"type": 12, "endSearch": {}}').wait(), 1)
+
+    def test_what_a_request_tells_is_explained_and_kept_back(self):
+        self.start()
+        rows = {row["name"]: row for row in json.loads(self.tool("--json", "explain", "search", "tea").out[0])}
+        self.assertEqual((rows["q"]["value"], rows["q"]["where"], rows["q"]["personal"]), ("tea", "query", True))
+        self.assertTrue(all(row["source"] for row in rows.values()), rows)
+        self.assertIn("query  q = tea", self.tool("explain", "search", "tea").out)
+        self.assertEqual(self.reference.state()["requests"].get("/search", 0), 0)
+        self.assertEqual(self.tool("privacy", "search", "off").wait(), 0)
+        words = (f"tea{number}" for number in itertools.count())  # none of which is in the cache
+        harness.wait_until(lambda: not json.loads(self.tool("--json", "search", next(words)).out[0])["reply"],
+                           "an answer from nobody")
+        self.assertEqual(self.tool("privacy", "search", "on").wait(), 0)
+        self.assertEqual(json.loads(self.tool("--json", "privacy").out[0])["search"], True)
+        erased = json.loads(self.tool("--json", "erase", "all").out[0])
+        self.assertEqual(set(erased), {"completions", "feedback", "resources"})
+        self.assertEqual(json.loads(self.tool("--json", "feedback", "--pending").out[0]), [])
+        self.assertIn("# TYPE orvexd_launch_total counter", self.tool("counters", "--prometheus").out)
 
     def test_an_answered_error_is_status_1(self):
         self.start()

@@ -132,6 +132,23 @@ ExitStatus sendRequest(const Options& options, const RequestOptions& requestOpti
     return ExitStatus::done;
 }
 
+ExitStatus explainRequest(const Options& options, const RequestOptions& requestOptions) {
+    auto request = requestDictionary(requestOptions);
+    if (!request) return tellWrongUsage(request.error().text);
+    auto client = connect(options);
+    if (!client) return client.error();
+    const Answer answer =
+        client->call(kORXDiagnosticsInterface, "Explain", "sa{sv}", {requestOptions.kind, *std::move(request)});
+    if (!answer) return tell(answer.error());
+    const auto rows = jsonFromBus(answer->front());
+    if (options.json) {
+        print(rows);
+    } else {
+        fmt::print("{}", explainedPage(rows));
+    }
+    return ExitStatus::done;
+}
+
 ExitStatus showBag(const Options& options) {
     auto client = connectAsClient(options);
     if (!client) return client.error();

@@ -44,6 +44,8 @@ struct RequestOptions {
     std::vector<std::string> settings;  ///< ENTRY=VALUE
 };
 ExitStatus sendRequest(const Options& options, const RequestOptions& request);
+/// What would be sent for it, item by item; nothing is.
+ExitStatus explainRequest(const Options& options, const RequestOptions& request);
 
 ExitStatus showBag(const Options& options);
 ExitStatus showSessions(const Options& options);

@@ -63,6 +63,36 @@ private:
         _addRequest({"card", "Ask for the card at URL", "card", "card_url", "URL"});
         _addRequest({"lookup", "Look TEXT up", "lookup", "query_string", "TEXT"});
         _addRequest({"flight", "Ask for the flight TEXT, carrier and number", "flight", "flight_query", "TEXT"});
+        _addExplain();
+    }
+
+    /// The same requests, each a subcommand of `explain`; their text may be left out.
+    void _addExplain() {
+        static constexpr Request kinds[] = {{"search", "A search for TEXT", "search", "query_string", "TEXT"},
+                                            {"zkw", "Suggestions before anything is typed", "zero_keyword"},
+                                            {"more", "More results", "more_results"},
+                                            {"card", "The card at URL", "card", "card_url", "URL"},
+                                            {"lookup", "A lookup of TEXT", "lookup", "query_string", "TEXT"},
+                                            {"flight", "The flight TEXT", "flight", "flight_query", "TEXT"}};
+        auto* explain = _app.add_subcommand("explain", "Show what a request would send, and why");
+        explain->require_subcommand(1);
+        for (const auto& kind : kinds) {
+            auto* command = explain->add_subcommand(kind.command, kind.description);
+            if (*kind.entry != '\0') command->add_option(kind.argument, _request.text, "What to ask for");
+            _takeSettings(*command);
+            command->callback([this, kind] {
+                _request.kind = kind.kind;
+                if (!_request.text.empty()) _request.entry = kind.entry;
+                _chosen = [this] { return orvex::tool::explainRequest(_options, _request); };
+            });
+        }
+    }
+
+    void _takeSettings(CLI::App& command) {
+        command.add_option("--set", _request.settings, "Set a request entry; may be repeated")
+            ->type_name("ENTRY=VALUE")
+            ->expected(1)
+            ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
     }
 
     struct Request {
@@ -75,10 +105,7 @@ private:
     void _addRequest(const Request& request) {
         auto* command = _app.add_subcommand(request.command, request.description);
         if (*request.entry != '\0') command->add_option(request.argument, _request.text, "What to ask for")->required();
-        command->add_option("--set", _request.settings, "Set a request entry; may be repeated")
-            ->type_name("ENTRY=VALUE")
-            ->expected(1)
-            ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+        _takeSettings(*command);
         command->callback([this, request] {
             _request.kind = request.kind;
             _request.entry = request.entry;

@@ -209,4 +209,19 @@ std::string transfersPage(const json::value& transfers) {
     return page.empty() ? "nothing is pending\n" : page;
 }
 
+std::string explainedPage(const json::value& rows) {
+    std::string page;
+    for (const auto& element : rows.as_array()) {
+        const auto& row = element.as_object();
+        const auto* personal = row.if_contains("personal");
+        const std::string purpose = shownMember(row, "purpose"), switchedBy = shownMember(row, "switch");
+        page += fmt::format("{:<6} {} = {}\n", shownMember(row, "where"), shownMember(row, "name"),
+                            shownMember(row, "value"));
+        page += fmt::format("       from {}{}{}{}\n", shownMember(row, "source"), purpose.empty() ? "" : ": " + purpose,
+                            personal && *personal == true ? "; about you" : "",
+                            switchedBy.empty() ? "" : "; setting " + switchedBy);
+    }
+    return page.empty() ? "nothing is sent\n" : page;
+}
+
 }  // namespace orvex::tool

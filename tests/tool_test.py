@@ -86,12 +86,17 @@ class ToolTest(harness.Scenario):
         self.assertTrue(all(row["source"] for row in rows.values()), rows)
         self.assertIn("query  q = tea", self.tool("explain", "search", "tea").out)
         self.assertEqual(self.reference.state()["requests"].get("/search", 0), 0)
-        self.assertEqual(self.tool("privacy", "search", "off").wait(), 0)
+
+        def privacy(*arguments):
+            return self.run_program("orvex_tool", "--json", "privacy", *arguments,
+                                    XDG_CONFIG_HOME=str(self.running.home / "config"))
+
+        self.assertEqual(privacy("search", "off").wait(), 0)
         words = (f"tea{number}" for number in itertools.count())  # none of which is in the cache
         harness.wait_until(lambda: not json.loads(self.tool("--json", "search", next(words)).out[0])["reply"],
                            "an answer from nobody")
-        self.assertEqual(self.tool("privacy", "search", "on").wait(), 0)
-        self.assertEqual(json.loads(self.tool("--json", "privacy").out[0])["search"], True)
+        self.assertEqual(privacy("search", "on").wait(), 0)
+        self.assertEqual(json.loads(privacy().out[0])["search"], True)
         erased = json.loads(self.tool("--json", "erase", "all").out[0])
         self.assertEqual(set(erased), {"completions", "feedback", "resources"})
         self.assertEqual(json.loads(self.tool("--json", "feedback", "--pending").out[0]), [])

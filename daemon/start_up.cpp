@@ -88,11 +88,11 @@ std::shared_ptr<OrvexService> assemble(Assembly& assembly) {
     assembly.setClientStateManager(std::make_shared<ClientStateManager>(assembly));
     assembly.setAppWhitelistController(AppWhitelistController::create(assembly));
     readSilhouetteTopics(assembly);
+    checkInActivities(assembly);  // whoever starts the daemon by running one finds it
     return OrvexService::create(assembly);
 }
 
 void beginService(Assembly& assembly) {
-    checkInActivities(assembly);
     listenToNotifyNames(assembly);
     const platform::GlobalQueue background(assembly.dispatcher(), platform::Priority::background);
     background.async([&assembly] { (void)assembly.bagController()->currentBag(); });

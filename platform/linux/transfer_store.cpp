@@ -19,6 +19,7 @@ namespace {
 
 namespace json = boost::json;
 
+constexpr std::chrono::milliseconds busyTimeout{1000};
 constexpr const char* databaseFiles[] = {"tasks.db", "tasks.db-wal", "tasks.db-shm"};
 constexpr std::string_view droppedCounter = "com.kelvar.orvexd.transfer.dropped.store";
 
@@ -158,6 +159,8 @@ Result<std::vector<StoredTransfer>> TransferStore::_openOnce() {
     const auto path = _readyFile();
     if (!path) return std::unexpected(path.error());
     int code = _database.open(*path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
+    // At start-up another thread may look whether there are tasks.
+    if (code == SQLITE_OK) code = sqlite3_busy_timeout(_database.handle(), static_cast<int>(busyTimeout.count()));
     if (code == SQLITE_OK) code = _database.execute(sql::configure);
     if (code == SQLITE_OK) code = _database.execute(sql::schema);
     if (auto opened = _answer("open", code); !opened) {

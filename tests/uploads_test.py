@@ -1,12 +1,12 @@
 """Feedback on its way: from a client's record to what the server keeps, across kills of the daemon at each stage."""
 
+import collections
 import json
 import unittest
 
 from harness import Process, Scenario, program, wait_until
 
 FLUSH = "com.kelvar.orvexd.flusher.background"
-REPORT = '{"searchViewAppear": {"timestamp": 5000000, "viewAppearEvent": 1, "isOnLockScreen": false}}'
 
 
 class Uploads(Scenario):
@@ -35,9 +35,10 @@ class Uploads(Scenario):
         arguments = [program("orvex_tool"), "--bus", self.session_bus.address, "listen", what]
         return self._keep(Process(arguments, self.environment()))
 
-    def report(self, count=1):
-        for _ in range(count):
-            reported = self.tool("report", REPORT)
+    def report(self, *identifiers):
+        for identifier in identifiers:
+            record = {"identifier": identifier, "timestamp": 5000000, "viewAppearEvent": 1, "isOnLockScreen": False}
+            reported = self.tool("report", json.dumps({"searchViewAppear": record}))
             self.assertEqual(reported.wait(), 0, reported.describe())
 
     def uploads(self):
@@ -57,7 +58,7 @@ class Uploads(Scenario):
 
     def test_a_dump_uploads_what_was_reported_and_shows_it(self):
         client = self.start()
-        self.report(2)
+        self.report("one", "two")
         dumped = self.tool("dump")
         self.assertEqual(dumped.wait(), 0, dumped.describe())
         (head, session), = self.wait_for_reported()
@@ -68,7 +69,7 @@ class Uploads(Scenario):
         self.assertEqual(set(session), {"fb", "agent", "user_guid", "resource_versions", "first_use", "base_time",
                                         "previous_session_end_reason"})
         self.assertEqual((session["first_use"], session["previous_session_end_reason"]), (True, "unknown"))
-        self.assertEqual([record["viewAppearEvent"] for record in self.reported(session)], [1, 1])
+        self.assertEqual([record["identifier"] for record in self.reported(session)], ["one", "two"])
         self.assertEqual(session["fb"][-1], session["fb"][-1] | {"type": "session_end", "reason": "external_request"})
         wait_until(lambda: client.counter("com.kelvar.orvexd.feedbacksent") == 7 * len(self.uploads()),
                    "the count of what was sent")
@@ -76,28 +77,49 @@ class Uploads(Scenario):
         self.assertEqual(self.reference.state()["violations"], 0)
 
     def test_a_kill_at_any_stage_loses_nothing_and_repeats_one_upload_at_most(self):
-        # Killed with the session open.
-        self.start()
-        self.report()
-        self.running.kill()
-        # Killed with its upload on the wire.
-        self.reference.misbehave({"path": "/feedback", "action": "stall", "times": 1})
-        client = self.start()
-        client.call("RunActivity", "s", FLUSH, interface="com.kelvar.orvexd.LaunchEvents")
-        wait_until(lambda: any(request["path"] == "/feedback" for request in self.reference.state()["last_requests"]),
-                   "the first upload")
-        self.running.kill()
+        def flush(client):
+            client.call_async("RunActivity", "s", FLUSH, interface="com.kelvar.orvexd.LaunchEvents")
+
+        def open_session(_):
+            pass
+
+        def flushing(client):
+            flush(client)
+            self.running.wait_for_log("Sessions Flushed")
+
+        def on_the_wire(client):
+            self.reference.misbehave({"path": "/feedback", "action": "stall", "times": 0})
+            flush(client)
+            wait_until(lambda: self.reference.state()["requests"].get("/feedback"), "an upload on the wire")
+
+        def kept_by_the_server(client):
+            before = len(self.uploads())
+            flush(client)
+            wait_until(lambda: len(self.uploads()) > before, "an upload that the server has kept")
+
+        stages = [open_session, flushing, on_the_wire, kept_by_the_server]
+        for number, reach in enumerate(stages):
+            self.reference.misbehave()
+            client = self.start()
+            self.report(f"record-{number}")
+            reach(client)
+            self.running.kill()
         self.reference.misbehave()
-        # What was stored goes on by itself; what was not yet, with the next flush.
         client = self.start()
-        client.call("RunActivity", "s", FLUSH, interface="com.kelvar.orvexd.LaunchEvents")
-        digests = [head["digest"] for head, _ in self.wait_for_reported()]
-        self.assertEqual(len(set(digests)), 1)
-        self.assertLessEqual(len(digests), 2)
+        everything = {f"record-{number}" for number in range(len(stages))}
+
+        def arrived():
+            flush(client)
+            return everything == {record["identifier"] for _, session in self.uploads()
+                                  for record in self.reported(session)}
+        wait_until(arrived, lambda: f"all records; {self.running.describe()}")
+        digests = collections.Counter(head["digest"] for head, _ in self.uploads())
+        self.assertLessEqual(max(digests.values()), 2)
+        self.assertEqual(self.reference.state()["violations"], 0)
 
     def test_stopped_flushing_outlives_the_process_and_ends_with_a_dump(self):
         self.start()
-        self.report()
+        self.report("one")
         stopped = self.tool("stop-flushing")
         self.assertEqual(stopped.wait(), 0, stopped.describe())
         self.running.kill()
@@ -114,7 +136,7 @@ class Uploads(Scenario):
         self.start()
         listener = self.listen("feedback")
         self.running.wait_for_log("new listener for client feedbacks")
-        self.report()
+        self.report("one")
         seen = wait_until(lambda: [json.loads(line) for line in list(listener.out) if "search_view_appear" in line],
                           lambda: f"the record; {listener.describe()}")
         self.assertEqual(seen[0]["timestamp"], 5)

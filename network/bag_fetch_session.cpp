@@ -41,7 +41,7 @@ std::shared_ptr<ClientSession> BagFetchSession::_open(const google::protobuf::Me
 }
 
 void BagFetchSession::ended(const platform::Body& data, const std::optional<platform::URLResponse>& response) {
-    const auto task = std::exchange(_task, nullptr);
+    const auto task = _task.lock();
     if (!_session) return;
     _add(endNetworkSearchFeedback(_uuid, {.responseSize = data ? data->size() : 0,
                                           .statusCode = response ? response->statusCode : 0,

@@ -30,8 +30,8 @@ public:
     BagFetchSession(const BagFetchSession&) = delete;
     BagFetchSession& operator=(const BagFetchSession&) = delete;
 
-    /// The task whose times count; kept until `ended`.
-    void setTask(std::shared_ptr<platform::URLSessionTask> task) { _task = std::move(task); }
+    /// The task whose times count. Its completion holds this object, which therefore does not hold the task.
+    void setTask(const std::shared_ptr<platform::URLSessionTask>& task) { _task = task; }
 
     void ended(const platform::Body& data, const std::optional<platform::URLResponse>& response);
     void failed(const ORXError& error);
@@ -49,7 +49,7 @@ private:
     const std::string _uuid;
     const std::shared_ptr<ClientSession> _session;  ///< null: records nothing
 
-    std::shared_ptr<platform::URLSessionTask> _task;
+    std::weak_ptr<platform::URLSessionTask> _task;
 };
 
 }  // namespace orvex

@@ -92,7 +92,7 @@ using DataTaskCompletion =
 /// One request on its way: made → resumed → completed, or made → cancelled → completed. A task that is neither resumed
 /// nor cancelled never completes; its completion is destroyed with it. So it is with one whose session is gone.
 ///
-/// Threading: callable from any thread.
+/// Threading: callable from any thread. It lives until its completion has returned, which must not hold the task.
 class URLSessionTask {
 public:
     virtual ~URLSessionTask() = default;

@@ -86,8 +86,9 @@ NetworkSearch::NetworkSearch(const QueryFeedback& feedback, const platform::URLR
     _feedback._add(startNetworkSearchFeedback(_uuid, request, occasion), query);
 }
 
-void NetworkSearch::setTask(std::shared_ptr<platform::URLSessionTask> task, std::optional<std::string> proxyURL) {
-    _task = std::move(task);
+void NetworkSearch::setTask(const std::shared_ptr<platform::URLSessionTask>& task,
+                            std::optional<std::string> proxyURL) {
+    _task = task;
     _proxyURL = std::move(proxyURL);
 }
 
@@ -106,7 +107,7 @@ void NetworkSearch::failSearchFeedback(const RecordedQuery& query, Answer answer
 }
 
 NetworkSearchOutcome NetworkSearch::_outcome(Answer answer) {
-    const auto task = std::exchange(_task, nullptr);
+    const auto task = _task.lock();
     return {.responseSize = answer.size,
             .statusCode = answer.statusCode,
             .timing = task ? task->timingData() : std::map<std::string, double>()};

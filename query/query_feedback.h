@@ -60,8 +60,8 @@ private:
 /// One request to the server as records tell of it. Its start is recorded when this is made, its end by
 /// `endNetworkFeedback` or `failSearchFeedback`, once.
 ///
-/// Threading: `setTask` before the task is resumed, the end on the session's delivery thread. It holds the task until
-/// then, and so lives as long as the task's completion, which holds it.
+/// Threading: `setTask` before the task is resumed, the end on the session's delivery thread. The task's completion
+/// holds it, so it holds the task weakly; the session keeps the task until its completion has returned.
 class NetworkSearch {
 public:
     /// The state whose feedback this is outlives it.
@@ -73,7 +73,7 @@ public:
     [[nodiscard]] const std::string& uuid() const { return _uuid; }
 
     /// The task whose times count, and the proxy through which it goes; of a request that is sent again its first.
-    void setTask(std::shared_ptr<platform::URLSessionTask> task, std::optional<std::string> proxyURL);
+    void setTask(const std::shared_ptr<platform::URLSessionTask>& task, std::optional<std::string> proxyURL);
 
     struct Answer {
         std::size_t size = 0;         ///< bytes of the body
@@ -89,7 +89,7 @@ private:
 
     const QueryFeedback& _feedback;
     const std::string _uuid;
-    std::shared_ptr<platform::URLSessionTask> _task;
+    std::weak_ptr<platform::URLSessionTask> _task;
     std::optional<std::string> _proxyURL;
 };
 

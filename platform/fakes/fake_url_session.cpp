@@ -174,8 +174,8 @@ private:
 
     void _post(DataTaskCompletion completion, std::optional<HTTPAnswer> answer, std::optional<TransportError> error) {
         if (!completion) return;
-        _delivery->async([queue = _delivery.get(), completion = std::move(completion), answer = std::move(answer),
-                          error = std::move(error)]() mutable {
+        _delivery->async([queue = _delivery.get(), self = shared_from_this(), completion = std::move(completion),
+                          answer = std::move(answer), error = std::move(error)]() mutable {
             queue->assertCurrent();
             if (answer)
                 completion(std::move(answer->body), std::move(answer->response), std::nullopt);

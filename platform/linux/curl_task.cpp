@@ -101,9 +101,10 @@ void CurlTask::complete(CurlOutcome outcome, DeliveryThread& delivery) {
     }
     _logState(State::completed);
     if (!completion) return;
-    delivery.post([completion = std::move(completion), outcome = std::move(outcome)]() mutable {
-        completion(std::move(outcome.data), std::move(outcome.response), std::move(outcome.error));
-    });
+    delivery.post(
+        [self = shared_from_this(), completion = std::move(completion), outcome = std::move(outcome)]() mutable {
+            completion(std::move(outcome.data), std::move(outcome.response), std::move(outcome.error));
+        });
 }
 
 const char* CurlTask::name(State state) {

@@ -42,6 +42,20 @@ public:
         serveBag(std::string(plainBag));
     }
 
+    /// What waits for the server fails while everyone who hears of it is still there.
+    ~DaemonWorld() {
+        for (const auto* name : {"com.kelvar.orvexd.urlSession", "com.kelvar.orvexd.bagSession"}) {
+            const auto session = sessions.session(name);
+            while (session && session->held() > 0) {
+                session->answer({.error = platform::TransportError{platform::TransportError::cancelled, "the end"}});
+                time.runPending();
+            }
+        }
+        time.runPending();
+    }
+    DaemonWorld(const DaemonWorld&) = delete;
+    DaemonWorld& operator=(const DaemonWorld&) = delete;
+
     /// Starts the daemon; what is set before counts for its start.
     void start() {
         service = assemble(assembly);

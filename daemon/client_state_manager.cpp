@@ -100,13 +100,24 @@ std::vector<ClientStateManager::Session> ClientStateManager::sessions() const {
     });
 }
 
-ClientStateManager::CacheUsage ClientStateManager::queryCacheUsage() const {
-    const auto states = _stateCacheQueue.sync([this] {
+ClientStateManager::States ClientStateManager::_states() const {
+    return _stateCacheQueue.sync([this] {
         _stateCacheQueue.assertCurrent();
         return _stateCache;
     });
+}
+
+std::vector<std::shared_ptr<ClientSessionManagerProtocol>> ClientStateManager::sessionManagers() const {
+    std::vector<std::shared_ptr<ClientSessionManagerProtocol>> managers;
+    for (const auto& [identifier, state] : _states()) {
+        if (auto manager = state->sessionManager()) managers.push_back(std::move(manager));
+    }
+    return managers;
+}
+
+ClientStateManager::CacheUsage ClientStateManager::queryCacheUsage() const {
     CacheUsage sum;
-    for (const auto& [identifier, state] : states) {
+    for (const auto& [identifier, state] : _states()) {
         if (!state->queryCache()) continue;
         const auto usage = state->queryCache()->usage();
         sum.entries += usage.entries;

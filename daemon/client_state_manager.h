@@ -13,6 +13,7 @@
 namespace orvex {
 
 class Assembly;
+class ClientSessionManagerProtocol;
 class ClientState;
 
 /// The registry of client states: one for each client identifier, made on first use and kept until the process exits,
@@ -53,7 +54,13 @@ public:
     /// Every state that has a user agent, by identifier.
     [[nodiscard]] std::vector<Session> sessions() const;
 
+    /// Those of all states; the shared one once for each.
+    [[nodiscard]] std::vector<std::shared_ptr<ClientSessionManagerProtocol>> sessionManagers() const;
+
 private:
+    using States = std::map<std::string, std::shared_ptr<ClientState>>;  ///< by identifier
+
+    [[nodiscard]] States _states() const;  ///< a copy, taken on the queue
     void _loadState() ORX_REQUIRES(_stateCacheQueue);
     [[nodiscard]] std::vector<Session> _sessions() const ORX_REQUIRES(_stateCacheQueue);
 
@@ -65,7 +72,7 @@ private:
     mutable platform::SerialQueue _stateCacheQueue;
 
     // On the queue.
-    std::map<std::string, std::shared_ptr<ClientState>> _stateCache ORX_GUARDED_BY(_stateCacheQueue);
+    States _stateCache ORX_GUARDED_BY(_stateCacheQueue);
 };
 
 }  // namespace orvex

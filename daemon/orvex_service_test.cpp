@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <filesystem>
 
+#include "core/feedback_records.pb.h"
+#include "core/feedback_vocabulary.h"
 #include "daemon/call_limit.h"
 #include "daemon/client_connection.h"
 #include "daemon/daemon_world_test.h"
@@ -179,6 +181,22 @@ TEST_F(OrvexServiceTest, PendingTransfersAreListedAndCounted) {
     EXPECT_EQ(*row.find("next_attempt")->as<double>(), 0.0);
     EXPECT_EQ(*status().find("downloads_pending")->as<std::uint32_t>(), 1u);
     EXPECT_EQ(*status().find("uploads_pending")->as<std::uint32_t>(), 0u);
+}
+
+TEST_F(OrvexServiceTest, AnErasureEndsTheSessionsThatClientsHaveOfTheirOwn) {
+    world.defaults.store("ORXSharedSession", false);
+    world.serveBag(R"({"version": "7", "search_url": "https://search.example/search", "feedback_enabled": true})");
+    world.start();
+    world.configure(":1.1");
+    CXFeedbackPayload payload;
+    payload.set_type(static_cast<std::int32_t>(FeedbackType::searchViewAppear));
+    payload.mutable_search_view_appear()->set_view_appear_event(1);
+    const auto reported = world.callDaemon(":1.1", "ReportFeedbackPayloadData",
+                                           {platform::BusBytes::of(payload.SerializeAsString()), std::uint64_t{0}});
+    ASSERT_TRUE(reported->arguments) << reported->errorName();
+    ASSERT_TRUE(world.call(":1.1", diagnostics, "Erase", {"feedback"})->arguments);
+    const auto names = (*world.files.cachesDirectory())->list();
+    EXPECT_TRUE(std::ranges::none_of(*names, [](const auto& name) { return name.starts_with("session."); }));
 }
 
 TEST_F(OrvexServiceTest, OnlyWhatCanBeErasedIsTaken) {

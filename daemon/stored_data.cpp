@@ -9,6 +9,7 @@
 #include "core/feedback_records.pb.h"
 #include "core/json.h"
 #include "daemon/assembly.h"
+#include "daemon/client_state_manager.h"
 #include "feedback/client_session.h"
 #include "feedback/client_session_manager_protocol.h"
 #include "feedback/file_container.h"
@@ -65,11 +66,14 @@ void StoredData::erase(std::string_view what, Erased erased) {
         for (const auto& task : tasks) task->cancel();
         tally->add("feedback", tasks.size());
     });
-    auto removeSessions = [this, tally] { tally->add("feedback", _removeWaitingSessions()); };
-    if (const auto& sessions = _assembly.clientSessionManager()) {
-        sessions->flushSession(std::move(removeSessions));
-    } else {
-        removeSessions();
+    // Let go by the last manager whose open session has ended.
+    const std::shared_ptr<void> flushed(nullptr,
+                                        [this, tally](void*) { tally->add("feedback", _removeWaitingSessions()); });
+    std::vector<std::shared_ptr<ClientSessionManagerProtocol>> managers;
+    if (const auto& states = _assembly.clientStateManager()) managers = states->sessionManagers();
+    managers.push_back(_assembly.clientSessionManager());
+    for (const auto& manager : managers) {
+        if (manager) manager->flushSession([flushed] {});
     }
 }
 

@@ -25,7 +25,7 @@ public:
     /// Whether there is a kind of that name: "completions", "feedback", "resources" or "all".
     [[nodiscard]] static bool isKind(std::string_view what);
 
-    /// Removes what is stored and what is pending of that kind; the open feedback session is ended first. `erased`
+    /// Removes what is stored and what is pending of that kind; open feedback sessions are ended first. `erased`
     /// comes when it is gone from the disk, on the queue of a component.
     void erase(std::string_view what, Erased erased);
 

@@ -226,7 +226,7 @@ TEST(ClientSessionManagerTest, EveryEventInEveryStateDoesWhatTheTableSays) {
     }
 }
 
-TEST(ClientSessionManagerTest, CellsThatNothingLeadsToDoNothing) {
+TEST(ClientSessionManagerTest, AnEventThatAStateDoesNotExpectChangesNothing) {
     for (const auto& [event, state] : {std::pair{SessionEvent::softLimit, after},
                                        {SessionEvent::softLimit, none},
                                        {SessionEvent::maximumTime, before},

@@ -10,7 +10,7 @@
 
 namespace orvex::platform {
 
-/// Applications as packages install them: desktop entries (Desktop Entry Specification 1.5), known by their desktop
+/// Applications as packages install them: desktop entries (freedesktop.org, version 1.5), known by their desktop
 /// file IDs without ".desktop", with the version that AppStream's metainfo tells. An entry counts when it is of type
 /// Application and not hidden; of several with one ID that of the first directory counts.
 ///

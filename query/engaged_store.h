@@ -75,6 +75,9 @@ public:
     [[nodiscard]] std::uint64_t generation() const { return _generation; }
 
 private:
+    /// The database and SQLite's two beside it.
+    static constexpr const char* databaseFiles[] = {"Cache.db", "Cache.db-wal", "Cache.db-shm"};
+
     /// What would otherwise be asked of the file for each insert. Holds while no other process has written.
     struct Statistics {
         std::int64_t dataVersion = 0;

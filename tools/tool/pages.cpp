@@ -10,10 +10,10 @@
 #include <boost/json/value.hpp>
 #include <cctype>
 #include <cmath>
-#include <iterator>
 
 #include "core/json.h"
 #include "platform/text.h"
+#include "tools/answers/result_sets.h"
 
 namespace orvex::tool {
 namespace {
@@ -38,19 +38,6 @@ std::string shownValue(const json::value& value) {
 const json::array* listMember(const json::object& object, std::string_view name) {
     const auto* member = object.if_contains(name);
     return member != nullptr ? member->if_array() : nullptr;
-}
-
-void addCards(std::vector<ResultSets::Card>& cards, const json::object& resultSet) {
-    const auto* results = listMember(resultSet, "results");
-    if (results == nullptr) return;
-    for (const auto& element : *results) {
-        const auto* card = element.if_object();
-        if (card == nullptr) continue;
-        cards.push_back({.title = shownMember(*card, "title"),
-                         .subtitle = shownMember(*card, "subtitle"),
-                         .text = shownMember(*card, "text"),
-                         .url = shownMember(*card, "url")});
-    }
 }
 
 void indent(std::string& text, const json::value& value, std::size_t depth) {
@@ -95,22 +82,21 @@ std::string bagLine(const json::object& status) {
 }  // namespace
 
 ResultSets resultSets(const json::object& reply, std::string_view typed) {
-    ResultSets first;
-    ResultSets others;
+    ResultSets results;
     const auto* data = listMember(reply, "data");
-    if (data == nullptr) return first;
-    const std::string prefix = platform::lowercased(typed);
-    for (const auto& element : *data) {
-        const auto* resultSet = element.if_object();
-        if (resultSet == nullptr) continue;
-        const auto suggestion = stringMember(*resultSet, "suggestion").value_or("");
-        ResultSets& sets = platform::lowercased(suggestion).starts_with(prefix) ? first : others;
-        if (!suggestion.empty()) sets.suggestions.push_back(shown(suggestion));
-        addCards(sets.cards, *resultSet);
+    if (data == nullptr) return results;
+    auto sets = answerSetsIn(*data);
+    bringForward(typed, sets);
+    for (const auto& set : sets) {
+        if (!set.suggestion.empty()) results.suggestions.push_back(shown(set.suggestion));
+        for (const auto& card : set.cards) {
+            results.cards.push_back({.title = shown(card.title),
+                                     .subtitle = shown(card.subtitle),
+                                     .text = shown(card.text),
+                                     .url = shown(card.url)});
+        }
     }
-    std::ranges::move(others.suggestions, std::back_inserter(first.suggestions));
-    std::ranges::move(others.cards, std::back_inserter(first.cards));
-    return first;
+    return results;
 }
 
 std::string replyPage(const json::object& reply, double milliseconds) {

@@ -1,0 +1,55 @@
+#include "tools/answers/result_sets.h"
+
+#include <algorithm>
+#include <boost/json/array.hpp>
+#include <boost/json/object.hpp>
+#include <boost/json/value.hpp>
+
+#include "core/json.h"
+#include "platform/text.h"
+
+namespace orvex {
+namespace {
+
+namespace json = boost::json;
+
+std::string textOf(const json::object& object, std::string_view name) {
+    return stringMember(object, name).value_or("");
+}
+
+std::vector<AnswerSet::Card> cardsIn(const json::object& resultSet) {
+    std::vector<AnswerSet::Card> cards;
+    const auto* results = resultSet.if_contains("results");
+    if (results == nullptr || !results->is_array()) return cards;
+    for (const auto& element : results->get_array()) {
+        const auto* card = element.if_object();
+        if (card == nullptr) continue;
+        cards.push_back({.identifier = textOf(*card, "identifier"),
+                         .title = textOf(*card, "title"),
+                         .subtitle = textOf(*card, "subtitle"),
+                         .text = textOf(*card, "text"),
+                         .url = textOf(*card, "url")});
+    }
+    return cards;
+}
+
+}  // namespace
+
+std::vector<AnswerSet> answerSetsIn(const json::array& body) {
+    std::vector<AnswerSet> sets;
+    for (const auto& element : body) {
+        const auto* set = element.if_object();
+        if (set == nullptr) continue;
+        sets.push_back(
+            {.query = textOf(*set, "query"), .suggestion = textOf(*set, "suggestion"), .cards = cardsIn(*set)});
+    }
+    return sets;
+}
+
+void bringForward(std::string_view typed, std::vector<AnswerSet>& sets) {
+    const std::string prefix = platform::lowercased(typed);
+    std::ranges::stable_partition(
+        sets, [&](const AnswerSet& set) { return platform::lowercased(set.suggestion).starts_with(prefix); });
+}
+
+}  // namespace orvex

@@ -12,18 +12,8 @@
 #include "core/json.h"
 #include "core/orx_request.h"
 #include "daemon/assembly.h"
-#include "platform/background_activity_scheduler.h"
-#include "platform/counters.h"
-#include "platform/fakes/fake_bus.h"
-#include "platform/fakes/fake_device_information.h"
-#include "platform/fakes/fake_file_manager.h"
-#include "platform/fakes/fake_locale.h"
-#include "platform/fakes/fake_memory_pressure.h"
-#include "platform/fakes/fake_url_session.h"
-#include "platform/fakes/fake_user_defaults.h"
+#include "platform/fakes/fake_platform.h"
 #include "platform/linux/thread_dispatcher.h"
-#include "platform/notification_center.h"
-#include "platform/transactions.h"
 #include "query/query_cache.h"
 
 namespace {
@@ -50,28 +40,8 @@ private:
     platform::ThreadDispatcher _dispatcher;
     platform::FakeUserDefaults _defaults;
     platform::FakeFileManager _files;
-    platform::NotificationCenter _notifications;
-    platform::FakeURLSessionFactory _sessions{_dispatcher};
-    platform::Counters _counters;
-    platform::FakeLocale _locale;
-    platform::FakeDeviceInformation _device;
-    platform::FakeMemoryPressure _memory;
-    platform::DeviceConditions _conditions;
-    platform::DispatcherActivityScheduler _activities{{_dispatcher, _counters, _files, _conditions}};
-    platform::FakeBus _bus;
-    Assembly _assembly{{.dispatcher = _dispatcher,
-                        .userDefaults = _defaults,
-                        .fileManager = _files,
-                        .notificationCenter = _notifications,
-                        .urlSessions = _sessions,
-                        .counters = _counters,
-                        .transactions = std::make_shared<platform::Transactions>(_dispatcher),
-                        .locale = _locale,
-                        .device = _device,
-                        .memoryPressure = _memory,
-                        .activities = _activities,
-                        .bus = _bus,
-                        .certificateAuthorityFile = {}}};
+    platform::FakePlatform _platform{_dispatcher, _files, _defaults};
+    Assembly _assembly{_platform.as<Assembly::Platform>()};
     const std::shared_ptr<QueryCache> _cache = QueryCache::create(_assembly);
 };
 

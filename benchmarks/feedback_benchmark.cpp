@@ -21,20 +21,10 @@
 #include "daemon/start_up.h"
 #include "feedback/client_session_manager_protocol.h"
 #include "network/bag_controller.h"
-#include "platform/background_activity_scheduler.h"
-#include "platform/counters.h"
-#include "platform/fakes/fake_background_session.h"
-#include "platform/fakes/fake_bus.h"
-#include "platform/fakes/fake_device_information.h"
-#include "platform/fakes/fake_locale.h"
-#include "platform/fakes/fake_memory_pressure.h"
-#include "platform/fakes/fake_url_session.h"
-#include "platform/fakes/fake_user_defaults.h"
+#include "platform/fakes/fake_platform.h"
 #include "platform/fakes/temporary_directory.h"
 #include "platform/file_manager.h"
 #include "platform/linux/thread_dispatcher.h"
-#include "platform/notification_center.h"
-#include "platform/transactions.h"
 
 namespace {
 
@@ -73,7 +63,7 @@ class World {
 public:
     explicit World(const std::string& home) : _files(platform::fileManagerBelow(home)) {
         _defaults.store("ORXSessionSizeLimit", std::int64_t{1} << 40);
-        _sessions.setScript([](const platform::URLRequest&) {
+        _platform.sessions.setScript([](const platform::URLRequest&) {
             return platform::FakeAnswer{.statusCode = 200,
                                         .headers = {},
                                         .body = R"({"version": "1", "feedback_enabled": true})",
@@ -107,7 +97,7 @@ public:
     }
     std::int64_t dropped() const {
         std::int64_t count = 0;
-        for (const auto& [name, value] : _counters.snapshot()) {
+        for (const auto& [name, value] : _platform.counters.snapshot()) {
             if (name.find("feedbackdropped") != std::string::npos) count += value;
         }
         return count;
@@ -116,32 +106,9 @@ public:
 private:
     const std::unique_ptr<platform::FileManager> _files;
     platform::FakeUserDefaults _defaults;
-    platform::Counters _counters;
-    platform::NotificationCenter _notifications;
-    platform::FakeLocale _locale;
-    platform::FakeDeviceInformation _device;
-    platform::FakeMemoryPressure _memoryPressure;
-    platform::FakeBus _bus;
     platform::ThreadDispatcher _dispatcher;
-    platform::FakeURLSessionFactory _sessions{_dispatcher};
-    platform::FakeBackgroundSessionFactory _backgroundSessions{_dispatcher, *_files};
-    std::shared_ptr<platform::Transactions> _transactions = std::make_shared<platform::Transactions>(_dispatcher);
-    platform::DeviceConditions _conditions;
-    platform::DispatcherActivityScheduler _activities{{_dispatcher, _counters, *_files, _conditions}};
-    Assembly _assembly{{.dispatcher = _dispatcher,
-                        .userDefaults = _defaults,
-                        .fileManager = *_files,
-                        .notificationCenter = _notifications,
-                        .urlSessions = _sessions,
-                        .counters = _counters,
-                        .transactions = _transactions,
-                        .locale = _locale,
-                        .device = _device,
-                        .memoryPressure = _memoryPressure,
-                        .activities = _activities,
-                        .bus = _bus,
-                        .certificateAuthorityFile = {},
-                        .backgroundSessions = &_backgroundSessions}};
+    platform::FakePlatform _platform{_dispatcher, *_files, _defaults};
+    Assembly _assembly{_platform.as<Assembly::Platform>()};
     std::shared_ptr<OrvexService> _service;
 };
 

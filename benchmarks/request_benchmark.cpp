@@ -22,15 +22,7 @@
 #include "network/location_manager.h"
 #include "network/orvex_subscription_manager.h"
 #include "network/orx_network_request_factory.h"
-#include "platform/background_activity_scheduler.h"
-#include "platform/counters.h"
-#include "platform/fakes/fake_bus.h"
-#include "platform/fakes/fake_device_information.h"
-#include "platform/fakes/fake_locale.h"
-#include "platform/fakes/fake_location.h"
-#include "platform/fakes/fake_memory_pressure.h"
-#include "platform/fakes/fake_settings_file.h"
-#include "platform/fakes/fake_url_session.h"
+#include "platform/fakes/fake_platform.h"
 #include "platform/fakes/private_bus.h"
 #include "platform/fakes/temporary_directory.h"
 #include "platform/linux/file_manager.h"
@@ -38,8 +30,6 @@
 #include "platform/linux/sd_bus.h"
 #include "platform/linux/thread_dispatcher.h"
 #include "platform/linux/user_defaults.h"
-#include "platform/notification_center.h"
-#include "platform/transactions.h"
 
 namespace {
 std::size_t allocations = 0;  // of the one thread that builds; another's would only add to it
@@ -81,15 +71,15 @@ public:
         _assembly.setRequestFactory(ORXNetworkRequestFactory::create(_assembly));
         _assembly.setSubscriptionManager(OrvexSubscriptionManager::create(_assembly, _assembly.requestFactory()));
         _assembly.setAppWhitelistController(std::make_shared<Signature>());
-        _policy.write(R"({"managed_account": true})");
-        _dictionaries.install({"de", "en"});
-        _subscriptions.write(R"({"storefront": "143443", "weft": true})");
+        _platform.policy.write(R"({"managed_account": true})");
+        _platform.dictionaries.install({"de", "en"});
+        _platform.subscriptions.write(R"({"storefront": "143443", "weft": true})");
         factory().setSilhouetteTopics(R"({"sil": "weather,sports"})");
         auto raw = parseJSON(bagText, kBagJSONDepth).value().as_object();
         _bag = std::make_shared<const ORXBag>(std::make_shared<const boost::json::object>(std::move(raw)), "lumisk/1");
-        _notifications.post(ORXBagChangeNotification{_bag});
+        _platform.notifications.post(ORXBagChangeNotification{_bag});
         (void)_assembly.subscriptionManager()->subscriptions();  // waits for its queue
-        _location.report({.latitude = 52.52, .longitude = 13.405, .horizontalAccuracy = 12, .type = 1});
+        _platform.location.report({.latitude = 52.52, .longitude = 13.405, .horizontalAccuracy = 12, .type = 1});
         factory().flushContextAccessQueue();
         _search.queryString = "weather in berlin";
         _search.scale = 2;
@@ -113,37 +103,8 @@ private:
     platform::ThreadDispatcher _dispatcher;
     platform::FileWatcher _watcher;
     platform::LinuxUserDefaults _defaults{_files, _watcher};
-    platform::NotificationCenter _notifications;
-    platform::FakeURLSessionFactory _sessions{_dispatcher};
-    platform::Counters _counters;
-    std::shared_ptr<platform::Transactions> _transactions = std::make_shared<platform::Transactions>(_dispatcher);
-    platform::FakeLocale _locale;
-    platform::FakeDeviceInformation _device;
-    platform::FakeMemoryPressure _memoryPressure;
-    platform::DeviceConditions _conditions;
-    platform::DispatcherActivityScheduler _activities{{_dispatcher, _counters, _files, _conditions}};
-    platform::FakeBus _bus;
-    platform::FakeLocation _location;
-    platform::FakeInstalledDictionaries _dictionaries;
-    platform::FakeSettingsFile _policy;
-    platform::FakeSettingsFile _subscriptions;
-    Assembly _assembly{{.dispatcher = _dispatcher,
-                        .userDefaults = _defaults,
-                        .fileManager = _files,
-                        .notificationCenter = _notifications,
-                        .urlSessions = _sessions,
-                        .counters = _counters,
-                        .transactions = _transactions,
-                        .locale = _locale,
-                        .device = _device,
-                        .memoryPressure = _memoryPressure,
-                        .activities = _activities,
-                        .bus = _bus,
-                        .certificateAuthorityFile = {},
-                        .location = &_location,
-                        .dictionaries = &_dictionaries,
-                        .policy = &_policy,
-                        .subscriptions = &_subscriptions}};
+    platform::FakePlatform _platform{_dispatcher, _files, _defaults};
+    Assembly _assembly{_platform.as<Assembly::Platform>()};
     const std::string _userGUID = "0F8FAD5B-D9CB-469F-A165-70867728950E";
     std::shared_ptr<const ORXBag> _bag;
     ORXSearchRequest _search{};

@@ -19,19 +19,10 @@
 #include "daemon/assembly.h"
 #include "feedback/file_container.h"
 #include "feedback/orvex_persistent_storage.h"
-#include "platform/background_activity_scheduler.h"
-#include "platform/counters.h"
-#include "platform/fakes/fake_bus.h"
-#include "platform/fakes/fake_device_information.h"
-#include "platform/fakes/fake_locale.h"
-#include "platform/fakes/fake_memory_pressure.h"
-#include "platform/fakes/fake_url_session.h"
-#include "platform/fakes/fake_user_defaults.h"
+#include "platform/fakes/fake_platform.h"
 #include "platform/fakes/temporary_directory.h"
 #include "platform/file_manager.h"
 #include "platform/linux/thread_dispatcher.h"
-#include "platform/notification_center.h"
-#include "platform/transactions.h"
 
 namespace {
 
@@ -89,28 +80,8 @@ private:
     const std::unique_ptr<platform::FileManager> _files = platform::fileManagerBelow(_home.path());
     platform::ThreadDispatcher _dispatcher;
     platform::FakeUserDefaults _defaults;
-    platform::NotificationCenter _notifications;
-    platform::FakeURLSessionFactory _sessions{_dispatcher};
-    platform::Counters _counters;
-    platform::FakeLocale _locale;
-    platform::FakeDeviceInformation _device;
-    platform::FakeMemoryPressure _memory;
-    platform::DeviceConditions _conditions;
-    platform::DispatcherActivityScheduler _activities{{_dispatcher, _counters, *_files, _conditions}};
-    platform::FakeBus _bus;
-    Assembly _assembly{{.dispatcher = _dispatcher,
-                        .userDefaults = _defaults,
-                        .fileManager = *_files,
-                        .notificationCenter = _notifications,
-                        .urlSessions = _sessions,
-                        .counters = _counters,
-                        .transactions = std::make_shared<platform::Transactions>(_dispatcher),
-                        .locale = _locale,
-                        .device = _device,
-                        .memoryPressure = _memory,
-                        .activities = _activities,
-                        .bus = _bus,
-                        .certificateAuthorityFile = {}}};
+    platform::FakePlatform _platform{_dispatcher, *_files, _defaults};
+    Assembly _assembly{_platform.as<Assembly::Platform>()};
 };
 
 void writeThroughContainer(OrvexPersistentStorage& storage, const CXOrvexFeedback& record) {

@@ -7,29 +7,14 @@
 #include "daemon/assembly.h"
 #include "daemon/orvex_service.h"
 #include "daemon/start_up.h"
-#include "platform/background_activity_scheduler.h"
-#include "platform/counters.h"
-#include "platform/fakes/fake_background_session.h"
-#include "platform/fakes/fake_bus.h"
-#include "platform/fakes/fake_device_information.h"
-#include "platform/fakes/fake_file_manager.h"
-#include "platform/fakes/fake_locale.h"
-#include "platform/fakes/fake_location.h"
-#include "platform/fakes/fake_memory_pressure.h"
-#include "platform/fakes/fake_settings_file.h"
-#include "platform/fakes/fake_url_session.h"
-#include "platform/fakes/fake_user_defaults.h"
-#include "platform/fakes/manual_dispatcher.h"
-#include "platform/fakes/recording_log.h"
-#include "platform/notification_center.h"
+#include "platform/fakes/fake_platform.h"
 #include "platform/process_identity.h"
-#include "platform/transactions.h"
 
 namespace orvex {
 
 /// The whole daemon, its real components on a platform of fakes, as tests talk to it: over the bus, with the test as
 /// the server, in time that stands still until it is moved.
-class DaemonWorld {
+class DaemonWorld : public platform::TestPlatform {
 public:
     using Outcome = std::shared_ptr<const platform::FakeBus::Outcome>;
 
@@ -104,41 +89,7 @@ public:
         time.runPending();
     }
 
-    platform::RecordingLog log;
-    platform::ManualDispatcher time;
-    platform::FakeUserDefaults defaults;
-    platform::FakeUserDefaults lookupDefaults;
-    platform::FakeInstalledApplications applications;
-    platform::FakeFileManager files;
-    platform::NotificationCenter notifications;
-    platform::FakeURLSessionFactory sessions{time};
-    platform::FakeBackgroundSessionFactory backgroundSessions{time, files};
-    platform::Counters counters;
-    std::shared_ptr<platform::Transactions> transactions = std::make_shared<platform::Transactions>(time);
-    platform::FakeLocale locale;
-    platform::FakeDeviceInformation device;
-    platform::FakeMemoryPressure memoryPressure;
-    platform::FakeLocation location;
-    platform::DeviceConditions conditions;
-    platform::DispatcherActivityScheduler activities{{time, counters, files, conditions}};
-    platform::FakeBus bus;
-    Assembly assembly{{.dispatcher = time,
-                       .userDefaults = defaults,
-                       .fileManager = files,
-                       .notificationCenter = notifications,
-                       .urlSessions = sessions,
-                       .counters = counters,
-                       .transactions = transactions,
-                       .locale = locale,
-                       .device = device,
-                       .memoryPressure = memoryPressure,
-                       .activities = activities,
-                       .bus = bus,
-                       .certificateAuthorityFile = {},
-                       .backgroundSessions = &backgroundSessions,
-                       .location = &location,
-                       .applications = &applications,
-                       .lookupDefaults = &lookupDefaults}};
+    Assembly assembly{as<Assembly::Platform>()};
     std::shared_ptr<OrvexService> service;
 };
 

@@ -11,27 +11,13 @@
 #include "feedback/guid_controller.h"
 #include "feedback/orvex_persistent_storage.h"
 #include "feedback/own_session_limit.h"
-#include "platform/background_activity_scheduler.h"
-#include "platform/counters.h"
-#include "platform/fakes/fake_background_session.h"
-#include "platform/fakes/fake_bus.h"
-#include "platform/fakes/fake_device_information.h"
-#include "platform/fakes/fake_file_manager.h"
-#include "platform/fakes/fake_locale.h"
-#include "platform/fakes/fake_memory_pressure.h"
-#include "platform/fakes/fake_url_session.h"
-#include "platform/fakes/fake_user_defaults.h"
-#include "platform/fakes/faulty_directory.h"
-#include "platform/fakes/manual_dispatcher.h"
-#include "platform/fakes/recording_log.h"
-#include "platform/notification_center.h"
-#include "platform/transactions.h"
+#include "platform/fakes/fake_platform.h"
 
 namespace orvex {
 
 /// The components that keep feedback on a platform of fakes, without a bag: real storage, a user GUID, and time that
 /// stands still until it is moved.
-class FeedbackWorld {
+class FeedbackWorld : public platform::TestPlatform {
 public:
     explicit FeedbackWorld(platform::PropertyDictionary overrides = {}) {
         defaults.registerDefaults({{"ORXSessionSizeLimit", 2'097'152},
@@ -82,36 +68,7 @@ public:
     }
     std::int64_t count(std::string_view name) { return counters.value("com.kelvar.orvexd." + std::string(name)); }
 
-    platform::RecordingLog log;
-    platform::ManualDispatcher time;
-    platform::FakeUserDefaults defaults;
-    platform::FakeFileManager files;
-    platform::FaultyFileManager faulty{files};
-    platform::NotificationCenter notifications;
-    platform::FakeURLSessionFactory sessions{time};
-    platform::Counters counters;
-    std::shared_ptr<platform::Transactions> transactions = std::make_shared<platform::Transactions>(time);
-    platform::FakeLocale locale;
-    platform::FakeDeviceInformation device;
-    platform::FakeMemoryPressure memory;
-    platform::DeviceConditions conditions;
-    platform::DispatcherActivityScheduler activities{{time, counters, files, conditions}};
-    platform::FakeBus bus;
-    platform::FakeBackgroundSessionFactory backgroundSessions{time, files};
-    Assembly assembly{{.dispatcher = time,
-                       .userDefaults = defaults,
-                       .fileManager = faulty,
-                       .notificationCenter = notifications,
-                       .urlSessions = sessions,
-                       .counters = counters,
-                       .transactions = transactions,
-                       .locale = locale,
-                       .device = device,
-                       .memoryPressure = memory,
-                       .activities = activities,
-                       .bus = bus,
-                       .certificateAuthorityFile = {},
-                       .backgroundSessions = &backgroundSessions}};
+    Assembly assembly{as<Assembly::Platform>()};
     int underWay = 0;
     std::string failure;
 };

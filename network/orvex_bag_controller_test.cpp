@@ -217,7 +217,7 @@ TEST_F(BagControllerTest, TheAddressIsMadeAnewWhenASettingChanges) {
     fetch("{}");
     EXPECT_NE(current(), nullptr);
     EXPECT_EQ(fetches(), 1u);
-    userDefaults.store("ORXUseCindora", true);
+    defaults.store("ORXUseCindora", true);
     current();
     EXPECT_EQ(fetches(), 2u);
 }
@@ -342,12 +342,12 @@ TEST_F(BagControllerTest, TheEndpointIsTheSettingsElseTheCountrys) {
     EXPECT_THAT(china, testing::AllOf(testing::StartsWith("https://"), testing::EndsWith("/bag")));
 
     for (const auto* malformed : {"not a url", "ftp://a.example/bag", "http://a.example/bag"}) {
-        userDefaults.store("ORXBagURL", malformed);
+        defaults.store("ORXBagURL", malformed);
         EXPECT_EQ(controller->bagFetchURLWithCountry("DE"), global);
     }
     EXPECT_EQ(logged(LogLevel::error, "Malformed orvex bag URL in user defaults key ORXBagURL"), 3u);
 
-    userDefaults.store("ORXBagURL", "http://127.0.0.1:8080/bag");
+    defaults.store("ORXBagURL", "http://127.0.0.1:8080/bag");
     EXPECT_EQ(controller->bagFetchURLWithCountry("CN"), "http://127.0.0.1:8080/bag");
     current();
     EXPECT_THAT(server.sent().back().request.url, testing::StartsWith("http://127.0.0.1:8080/bag?"));

@@ -155,10 +155,10 @@ TEST_F(ContextTest, NoLocationLeavesTheDeviceAgainstTheRules) {
         const double north = latitude(random), east = longitude(random);
         const bool valid = any(9) != 0;
         locate(north, east, valid ? 5 : std::nan(""), type);
-        userDefaults.store("ORXLocationDisabled", any(6) == 0);
+        defaults.store("ORXLocationDisabled", any(6) == 0);
         const auto mask = any(3) == 0 ? FieldMask::withoutLocation : FieldMask::none;
 
-        const bool allowed = platform::mayLocate(status) && !userDefaults.boolean("ORXLocationDisabled");
+        const bool allowed = platform::mayLocate(status) && !defaults.boolean("ORXLocationDisabled");
         const bool accepted = list.contains('"' + names.at(type) + '"');
         const ORXCardRequest card{{}, "https://a.example/c"};
         const std::pair<std::optional<platform::URLRequest>, bool> requests[] = {
@@ -240,7 +240,7 @@ TEST_F(ContextTest, PolicyAndDictionariesAreInTheNextRequest) {
     dictionaries.install({"de", "en"});
     time.runPending();
     EXPECT_EQ(itemOf(search(), "dicts"), "de,en");
-    userDefaults.store("LULookupDisabled", true);
+    defaults.store("LULookupDisabled", true);
     EXPECT_EQ(itemOf(search(), "dicts"), "off");
 }
 
@@ -273,8 +273,8 @@ TEST_F(ContextTest, SubscriptionsThatTheBagWantsAreTold) {
 }
 
 TEST_F(ContextTest, TheMapsSessionCountsRequestsAndRollsWithTheUser) {
-    userDefaults.store("ORXMapsEnvironment", "staging");
-    userDefaults.store("ORXMapsClientMetadata", "metadata");
+    defaults.store("ORXMapsEnvironment", "staging");
+    defaults.store("ORXMapsClientMetadata", "metadata");
     start();
     const auto first = header("X-Kelvar-GeoSession").value();
     time.advance(1500ms);
@@ -288,7 +288,7 @@ TEST_F(ContextTest, TheMapsSessionCountsRequestsAndRollsWithTheUser) {
 }
 
 TEST_F(ContextTest, ANewBagSaysWhatIsVisibleAndWhetherQueriesGoThroughAProxy) {
-    userDefaults.store("ORXUseCindora", true);
+    defaults.store("ORXUseCindora", true);
     start(R"({"hashtag_images_enabled": false, "user_agents": [{"match": "gazel", "values": {"enabled": false}}]})");
     EXPECT_FALSE(factory().gazelVisible());
     EXPECT_FALSE(factory().hashtagImagesVisible());
@@ -309,7 +309,7 @@ TEST_F(ContextTest, ANewBagSaysWhatIsVisibleAndWhetherQueriesGoThroughAProxy) {
         EXPECT_TRUE(
             log.contains(platform::LogLevel::error, "Orvex_Connection", "Enabling Cindora for request failed."));
     }
-    userDefaults.store("ORXUseCindora", false);
+    defaults.store("ORXUseCindora", false);
     EXPECT_EQ(factory().cindoraStatus(), 0);
 }
 
@@ -318,9 +318,9 @@ TEST_F(ContextTest, ANewBagSaysWhatIsVisibleAndWhetherQueriesGoThroughAProxy) {
 class GoldenTest : public ContextTest {
 protected:
     void startFull() {
-        userDefaults.store("ORXMapsEnvironment", "env");
-        userDefaults.store("ORXMapsClientMetadata", "meta");
-        userDefaults.store("ORXDiagnosticsAndUsage", true);
+        defaults.store("ORXMapsEnvironment", "env");
+        defaults.store("ORXMapsClientMetadata", "meta");
+        defaults.store("ORXDiagnosticsAndUsage", true);
         policy.write(R"({"managed_account": true})");
         dictionaries.install({"de"});
         subscriptions.write(R"({"storefront": "143", "weft": true})");

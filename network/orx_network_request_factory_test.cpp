@@ -74,7 +74,7 @@ TEST_F(FactoryTest, TheTriggerEventChoosesTheKindOfQuery) {
 }
 
 TEST_F(FactoryTest, TheClientsItemsWinOverOursAndDebugItemsOverTheirs) {
-    userDefaults.store("ORXDebugParameters", "a=1&q=debug");
+    defaults.store("ORXDebugParameters", "a=1&q=debug");
     auto request = query("typed");
     request.queryItems = {{"locale", "xx"}, {"a", "client"}, {"key", "mine"}, {"", "&"}};
     const auto url = urlOf(request);
@@ -161,7 +161,7 @@ TEST_F(FactoryTest, AWarmUpCarriesNothing) {
 }
 
 TEST_F(FactoryTest, TheBagIsFetchedWithKeyAndAgentButToldApartWithoutThem) {
-    userDefaults.store("ORXUseCindora", true);
+    defaults.store("ORXUseCindora", true);
     const auto bags = controller();
     const auto fetch = factory().bagFetchRequest(*bags, "agent/1", "12").value();
     EXPECT_THAT(fetch.url,

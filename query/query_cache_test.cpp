@@ -9,19 +9,7 @@
 #include "core/notifications.h"
 #include "core/orx_request.h"
 #include "daemon/assembly.h"
-#include "platform/background_activity_scheduler.h"
-#include "platform/counters.h"
-#include "platform/fakes/fake_bus.h"
-#include "platform/fakes/fake_device_information.h"
-#include "platform/fakes/fake_file_manager.h"
-#include "platform/fakes/fake_locale.h"
-#include "platform/fakes/fake_memory_pressure.h"
-#include "platform/fakes/fake_url_session.h"
-#include "platform/fakes/fake_user_defaults.h"
-#include "platform/fakes/manual_dispatcher.h"
-#include "platform/fakes/recording_log.h"
-#include "platform/notification_center.h"
-#include "platform/transactions.h"
+#include "platform/fakes/fake_platform.h"
 
 namespace orvex {
 namespace {
@@ -29,7 +17,7 @@ namespace {
 using namespace std::chrono_literals;
 using platform::LogLevel;
 
-class QueryCacheTest : public testing::Test {
+class QueryCacheTest : public testing::Test, protected platform::TestPlatform {
 protected:
     static platform::URLRequest requestFor(std::string query, std::string scale = "") {
         platform::URLRequest request;
@@ -57,32 +45,7 @@ protected:
         return entry ? entry->query : "";
     }
 
-    platform::ManualDispatcher time;
-    platform::FakeUserDefaults defaults;
-    platform::FakeFileManager files;
-    platform::NotificationCenter notifications;
-    platform::FakeURLSessionFactory sessions{time};
-    platform::Counters counters;
-    platform::FakeLocale locale;
-    platform::FakeDeviceInformation device;
-    platform::FakeMemoryPressure memory;
-    platform::DeviceConditions conditions;
-    platform::DispatcherActivityScheduler activities{{time, counters, files, conditions}};
-    platform::FakeBus bus;
-    platform::RecordingLog log;
-    Assembly assembly{{.dispatcher = time,
-                       .userDefaults = defaults,
-                       .fileManager = files,
-                       .notificationCenter = notifications,
-                       .urlSessions = sessions,
-                       .counters = counters,
-                       .transactions = std::make_shared<platform::Transactions>(time),
-                       .locale = locale,
-                       .device = device,
-                       .memoryPressure = memory,
-                       .activities = activities,
-                       .bus = bus,
-                       .certificateAuthorityFile = {}}};
+    Assembly assembly{as<Assembly::Platform>()};
     std::shared_ptr<QueryCache> cache = QueryCache::create(assembly);
 };
 
@@ -174,21 +137,21 @@ TEST_F(QueryCacheTest, AtTwoMebibytesItStartsAnew) {
 }
 
 TEST_F(QueryCacheTest, MemoryIsWatchedOnlyWhileSomethingIsHeld) {
-    EXPECT_EQ(memory.listeners(), 0u);
+    EXPECT_EQ(memoryPressure.listeners(), 0u);
     set("we", R"({"query": "weak"})");
     set("we", R"({"query": "weak"})");
     time.runPending();
-    EXPECT_EQ(memory.listeners(), 1u);
-    memory.becomeCritical();
+    EXPECT_EQ(memoryPressure.listeners(), 1u);
+    memoryPressure.becomeCritical();
     time.runPending();
     EXPECT_TRUE(log.contains(LogLevel::standard, "Orvex_Caching", "emptying caches under memory pressure"));
     EXPECT_EQ(cache->count(), 0u);
-    EXPECT_EQ(memory.listeners(), 0u);
+    EXPECT_EQ(memoryPressure.listeners(), 0u);
     set("we", R"({"query": "weak", "max_age": 1})");
     time.advance(1s);
-    EXPECT_EQ(memory.listeners(), 1u);
+    EXPECT_EQ(memoryPressure.listeners(), 1u);
     EXPECT_EQ(found("we"), "");
-    EXPECT_EQ(memory.listeners(), 0u);
+    EXPECT_EQ(memoryPressure.listeners(), 0u);
 }
 
 TEST_F(QueryCacheTest, AChangeOfUserSessionPlaceOrAccountEmptiesIt) {

@@ -14,7 +14,6 @@ import dbus
 import harness
 from scripted_server import Answer
 
-MOCKS = Path(__file__).resolve().parent / "mocks"
 MOCK = "org.freedesktop.DBus.Mock"
 NOT_LOCATED = "Location determination failed with error"
 
@@ -30,12 +29,7 @@ class DeviceContextTest(harness.Scenario):
         self.private_bus = self.bus()
 
     def mock(self, template, name):
-        """A service on the system bus, once it is there."""
-        process = self._keep(harness.Process([sys.executable, "-m", "dbusmock", "--template", str(template)],
-                                             self.environment(DBUS_SYSTEM_BUS_ADDRESS=self.system.address)))
-        harness.wait_until(lambda: self.system_client.name_has_owner(name) or not process.running, process.describe)
-        self.tell(name, "/", "org.freedesktop.DBus.Peer", "Ping", "")  # answered once its template is loaded
-        return process
+        return self.mock_service(self.system, template, name)
 
     def tell(self, name, path, interface, member, signature, *arguments):
         return self.system_client.call_blocking(name, path, interface, member, signature, arguments)
@@ -79,8 +73,8 @@ class DeviceContextTest(harness.Scenario):
         harness.wait_until(lambda: self.user.counter("com.kelvar.orvexd.bag.fetches") == count, f"{count} bags")
 
     def test_each_service_is_followed_and_only_locale_and_country_ask_for_a_bag(self):
-        self.mock(MOCKS / "locale1.py", "org.freedesktop.locale1")
-        self.mock(MOCKS / "geoclue2.py", "org.freedesktop.GeoClue2")
+        self.mock(harness.MOCKS / "locale1.py", "org.freedesktop.locale1")
+        self.mock(harness.MOCKS / "geoclue2.py", "org.freedesktop.GeoClue2")
         self.mock("timedated", "org.freedesktop.timedate1")
         self.start()
         self.wait_for_request(kb_ime="ch", locale="en_US", cc="DE", time_zone="Europe/Berlin", latlng=None)
@@ -109,8 +103,8 @@ class DeviceContextTest(harness.Scenario):
                          [("DE", "en_US"), ("DE", "fr_FR"), ("JP", "fr_FR")])
 
     def test_a_service_or_the_whole_system_bus_may_die_in_the_middle(self):
-        locale = self.mock(MOCKS / "locale1.py", "org.freedesktop.locale1")
-        location = self.mock(MOCKS / "geoclue2.py", "org.freedesktop.GeoClue2")
+        locale = self.mock(harness.MOCKS / "locale1.py", "org.freedesktop.locale1")
+        location = self.mock(harness.MOCKS / "geoclue2.py", "org.freedesktop.GeoClue2")
         self.start()
         self.wait_for_request(kb_ime="ch")
         self.orvexd.wait_for_log("location service: starting -> updating")
@@ -120,7 +114,7 @@ class DeviceContextTest(harness.Scenario):
         self.wait_for_request(kb_ime="ch", geosrc="slow", latlng=None)
         self.orvexd.wait_for_log(f"{NOT_LOCATED} no client")
 
-        self.mock(MOCKS / "geoclue2.py", "org.freedesktop.GeoClue2")
+        self.mock(harness.MOCKS / "geoclue2.py", "org.freedesktop.GeoClue2")
         self.wait_for_request(geosrc="slow")
         self.locate(1.0, 2.0, 12.0)
         self.wait_for_request(latlng="1.000000,2.000000")

@@ -17,6 +17,7 @@ import os
 import shutil
 import signal
 import subprocess
+import sys
 import tempfile
 import threading
 import time
@@ -31,6 +32,8 @@ import dbus.mainloop.glib
 from gi.repository import GLib
 
 from scripted_server import ScriptedServer
+
+MOCKS = Path(__file__).resolve().parent / "mocks"
 
 DEADLINE = 120  # seconds; a sanitizer's build on a busy machine is slow
 
@@ -397,10 +400,25 @@ class Scenario(unittest.TestCase):
         self.addCleanup(client.close)
         return client
 
+    def start_program(self, name, *arguments, **variables):
+        return self._keep(Process([program(name), *arguments], self.environment(**variables)))
+
     def run_program(self, name, *arguments, **variables):
         """A program that ends by itself, when it has ended."""
-        process = self._keep(Process([program(name), *arguments], self.environment(**variables)))
+        process = self.start_program(name, *arguments, **variables)
         process.wait()
+        return process
+
+    def mock_service(self, bus, template, name):
+        """A service of python-dbusmock on that bus, system or session alike, once it is there."""
+        process = self._keep(Process([sys.executable, "-m", "dbusmock", "--template", str(template)],
+                                     self.environment(DBUS_SYSTEM_BUS_ADDRESS=bus.address,
+                                                      DBUS_SESSION_BUS_ADDRESS=bus.address)))
+        observer = bus.connect()
+        wait_until(lambda: observer.name_has_owner(name) or not process.running, process.describe)
+        # Answered once its template is loaded.
+        observer.call_blocking(name, "/", "org.freedesktop.DBus.Peer", "Ping", "", [])
+        observer.close()
         return process
 
     def _keep(self, process):

@@ -59,16 +59,21 @@ platform::Result<void> OrvexService::exportObject() {
                                         });
 }
 
-// Once the bus has taken the name back, what it sent before is on its way to us in order; a question to the bus itself
-// is answered behind all of it, and behind the credentials that some of it may still wait for.
+// Once the bus has taken the name back, what it sent before is on its way to us in order, and its answer to a question
+// is behind all of it. By then the credentials that some of those calls wait for have been asked for, so the answer to
+// a second question is behind these too.
 void OrvexService::leave(std::move_only_function<void()> gone) {
-    auto& bus = _assembly.bus();
-    bus.releaseName(std::string(kORXBusName));
+    _assembly.bus().releaseName(std::string(kORXBusName));
+    _afterAnswerOfBus([self = shared_from_this(), gone = std::move(gone)]() mutable {
+        self->_afterAnswerOfBus(
+            [self, gone = std::move(gone)]() mutable { self->_callLimit.whenNoneInFlight(std::move(gone)); });
+    });
+}
+
+void OrvexService::_afterAnswerOfBus(std::move_only_function<void()> next) {
     const std::string driver = "org.freedesktop.DBus";
-    bus.call(driver, "/org/freedesktop/DBus", driver, "GetId", "", {}, std::chrono::seconds(10),
-             [self = shared_from_this(), gone = std::move(gone)](auto&&) mutable {
-                 self->_callLimit.whenNoneInFlight(std::move(gone));
-             });
+    _assembly.bus().call(driver, "/org/freedesktop/DBus", driver, "GetId", "", {}, std::chrono::seconds(10),
+                         [next = std::move(next)](auto&&) mutable { next(); });
 }
 
 std::vector<std::shared_ptr<ClientConnection>> OrvexService::getClientConnections() const {

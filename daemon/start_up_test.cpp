@@ -79,6 +79,34 @@ TEST_F(IdleExitTest, ACallInFlightIsWaitedFor) {
     EXPECT_EQ(left, 1);
 }
 
+// A client's transaction is open for 60 s after its last call; only then does the time of the idle exit begin.
+TEST(IdleExitOfClientsTest, ACallIsAnsweredWhetherItComesBeforeTheExitOrAsItHappens) {
+    struct Case {
+        std::chrono::milliseconds secondCall;
+        bool findsItLeaving;
+    };
+    for (const auto& [secondCall, findsItLeaving] :
+         {Case{59'999ms, false}, Case{60'000ms, false}, Case{60'049ms, false}, Case{60'050ms, true}}) {
+        DaemonWorld world;
+        ASSERT_TRUE(world.bus.requestName("com.kelvar.orvexd"));
+        world.start();
+        int gone = 0;
+        const IdleExit idle(
+            world.assembly, 50ms, [&] { return world.service->callsInFlight(); },
+            [&] { world.service->leave([&] { ++gone; }); });
+        ASSERT_TRUE(world.configure(":1.1")->arguments);
+        world.time.advance(secondCall);
+        EXPECT_EQ(gone, findsItLeaving ? 1 : 0) << secondCall.count();
+        EXPECT_EQ(world.bus.owns("com.kelvar.orvexd"), !findsItLeaving);
+        EXPECT_TRUE(world.configure(":1.1")->arguments);
+        if (findsItLeaving) continue;
+        world.time.advance(60'049ms);
+        EXPECT_EQ(gone, 0) << secondCall.count();
+        world.time.advance(1ms);
+        EXPECT_EQ(gone, 1) << secondCall.count();
+    }
+}
+
 std::expected<CommandLine, CommandLineEnd> parse(std::vector<const char*> arguments) {
     arguments.insert(arguments.begin(), "orvexd");
     return parseCommandLine(static_cast<int>(arguments.size()), arguments.data());

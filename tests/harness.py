@@ -146,7 +146,7 @@ class Process:
 
 
 class PrivateBus(Process):
-    """A session bus of the scenario's own. It starts no services: it sees no service files."""
+    """A session bus of the scenario's own. It starts no services but those that the scenario lets it start."""
 
     def __init__(self, directory, environment):
         self.address = f"unix:path={directory}/bus"
@@ -374,6 +374,14 @@ class Scenario(unittest.TestCase):
 
     def bus(self):
         return self._keep(PrivateBus(tempfile.mkdtemp(dir=self.directory), self.environment()))
+
+    def activating_bus(self, *arguments):
+        """A bus that starts the daemon, with these arguments, for the first call; what it says is in the bus's log."""
+        services = self.directory / "data/dbus-1/services"
+        services.mkdir(parents=True)
+        command = [program("orvexd"), "--default", "ORXBagURL=http://127.0.0.1:9/bag", *arguments]
+        (services / f"{NAME}.service").write_text(f"[D-BUS Service]\nName={NAME}\nExec={' '.join(command)}\n")
+        return self.bus()
 
     def server(self, *arguments):
         return self._keep(ReferenceServer(arguments, self.environment()))

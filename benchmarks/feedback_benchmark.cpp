@@ -71,7 +71,7 @@ public:
                                         .timing = {}};
         });
         _service = assemble(_assembly);
-        check(_service->exportObject().has_value(), "the bus refused the object");
+        check(_service->exportObjects().has_value(), "the bus refused the object");
         _dispatcher.start();
         for (int attempt = 0; attempt < 1'000 && !_assembly.bagController()->currentBag(); ++attempt) ::usleep(10'000);
         check(_assembly.bagController()->inMemoryBag() != nullptr, "no bag has come");

@@ -14,21 +14,26 @@ std::optional<platform::BusReply> CallLimit::admit(const std::string& client, pl
     }
     return platform::BusReply([state = _state, client, reply = std::move(reply)](
                                   std::expected<platform::BusArguments, platform::BusError> answer) mutable {
+        state->beforeAnswer(client);
         if (answer) {
             reply.answer(*std::move(answer));
         } else {
             reply.fail(answer.error().name, answer.error().message);
         }
-        state->answered(client);
+        state->afterAnswer();
     });
 }
 
-void CallLimit::State::answered(const std::string& client) {
+void CallLimit::State::beforeAnswer(const std::string& client) {
+    const platform::MutexLock lock(mutex);
+    const auto entry = calls.find(client);
+    if (--entry->second == 0) calls.erase(entry);
+}
+
+void CallLimit::State::afterAnswer() {
     std::move_only_function<void()> handler;
     {
         const platform::MutexLock lock(mutex);
-        const auto entry = calls.find(client);
-        if (--entry->second == 0) calls.erase(entry);
         if (--total == 0) handler = std::exchange(whenNone, nullptr);
     }
     if (handler) handler();

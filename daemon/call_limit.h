@@ -33,7 +33,8 @@ private:
         std::size_t total ORX_GUARDED_BY(mutex) = 0;
         std::move_only_function<void()> whenNone ORX_GUARDED_BY(mutex);
 
-        void answered(const std::string& client);
+        void beforeAnswer(const std::string& client);  ///< else a client quick to call again would find itself over
+        void afterAnswer();                            ///< whoever waits for none in flight wants the answers gone
     };
     const std::shared_ptr<State> _state = std::make_shared<State>();
 };

@@ -44,7 +44,7 @@ public:
     /// Starts the daemon; what is set before counts for its start.
     void start() {
         service = assemble(assembly);
-        if (!service->exportObject()) std::abort();
+        if (!service->exportObjects()) std::abort();
         beginService(assembly);
         time.runPending();
     }

@@ -172,7 +172,7 @@ int main(int argc, char** argv) {
                        .policy = &policy,
                        .subscriptions = &subscriptions});
     const auto service = assemble(assembly);
-    if (const auto exported = service->exportObject(); !exported) giveUp(notAlone, exported.error().text);
+    if (const auto exported = service->exportObjects(); !exported) giveUp(notAlone, exported.error().text);
     dispatcher.start();
     if (const auto named = bus->requestName(std::string(kORXBusName)); !named) giveUp(notAlone, named.error().text);
     beginService(assembly);

@@ -51,12 +51,12 @@ OrvexService::~OrvexService() {
     _queue.close();
 }
 
-platform::Result<void> OrvexService::exportObject() {
-    if (auto exported = _flusher->exportObject(); !exported) return exported;
-    return _assembly.bus().exportObject(std::string(kORXObjectPath), orvexdInterfaces(),
-                                        [weak = weak_from_this()](platform::BusCall call) {
-                                            if (const auto self = weak.lock()) self->_receive(std::move(call));
-                                        });
+platform::Result<void> OrvexService::exportObjects() {
+    const auto calls = [weak = weak_from_this()](platform::BusCall call) {
+        if (const auto self = weak.lock()) self->_receive(std::move(call));
+    };
+    if (auto exported = _flusher->exportObject(calls); !exported) return exported;
+    return _assembly.bus().exportObject(std::string(kORXObjectPath), orvexdInterfaces(), calls);
 }
 
 // Once the bus has taken the name back, what it sent before is on its way to us in order, and its answer to a question
@@ -117,6 +117,8 @@ void OrvexService::_receive(platform::BusCall call) {
     call.reply = *std::move(counted);
     if (call.interface == kORXDaemonInterface) {
         _connectionOf(call.sender)->receive(std::move(call));
+    } else if (call.interface == kORXFlusherInterface) {
+        _flusher->receive(std::move(call));
     } else if (call.interface == kORXLaunchEventsInterface) {
         _launchEvents->receive(std::move(call));
     } else if (call.interface == kORXDiagnosticsInterface) {

@@ -18,8 +18,9 @@ class LaunchEvents;
 class OrvexFlusherXPC;
 struct DumpedConnection;
 
-/// Takes every call that reaches the daemon's bus object and brings it to whoever answers: a client's connection, the
-/// launch events, the diagnostics.
+/// Takes every call that reaches the daemon's bus objects, refuses those of other users and those beyond a client's
+/// limit, and brings the rest to whoever answers: a client's connection, the tool channel, the launch events, the
+/// diagnostics.
 ///
 /// A connection begins with the first call of a bus client to the client interface, and ends when that client leaves
 /// the bus or its configuration is refused. Several connections of one process are reported, never refused. Threading:
@@ -31,8 +32,8 @@ public:
     static std::shared_ptr<OrvexService> create(Assembly& assembly);
     ~OrvexService();
 
-    /// Exports the object; the name is taken afterwards, so that no first call is lost.
-    [[nodiscard]] platform::Result<void> exportObject();
+    /// Exports the daemon's objects; the name is taken afterwards, so that no first call is lost.
+    [[nodiscard]] platform::Result<void> exportObjects();
 
     /// Gives the name back, answers what had reached it, then calls `gone` on the bus thread or on that of the last
     /// answer. Afterwards nobody waits for this process.

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <filesystem>
 
+#include "core/constants.h"
 #include "core/feedback_records.pb.h"
 #include "core/feedback_vocabulary.h"
 #include "daemon/call_limit.h"
@@ -23,6 +24,9 @@ protected:
     static constexpr std::string_view launchEvents = "com.kelvar.orvexd.LaunchEvents";
     static constexpr std::string_view diagnostics = "com.kelvar.orvexd.Diagnostics";
 
+    DaemonWorld::Outcome tellFlusher(const std::string& client, std::uint64_t intent) {
+        return world.call(client, kORXFlusherInterface, "InitiateConnectionWithIntent", {intent});
+    }
     BusDictionary status() {
         return *world.call(":1.9", diagnostics, "Status", {})->arguments->at(0).as<BusDictionary>();
     }
@@ -50,7 +54,9 @@ TEST_F(OrvexServiceTest, AnotherUsersProgramIsDenied) {
     world.bus.setCredentials(":1.2", {.processIdentifier = 1, .userIdentifier = std::nullopt});
     EXPECT_EQ(world.configure(":1.1")->errorName(), platform::bus_error::accessDenied);
     EXPECT_EQ(world.call(":1.2", diagnostics, "Status", {})->errorName(), platform::bus_error::accessDenied);
-    EXPECT_EQ(world.counters.value("com.kelvar.orvexd.calls.denied"), 2);
+    EXPECT_EQ(tellFlusher(":1.1", 2)->errorName(), platform::bus_error::accessDenied);
+    EXPECT_FALSE(world.defaults.boolean("ORXFeedbackFlushDisabled"));
+    EXPECT_EQ(world.counters.value("com.kelvar.orvexd.calls.denied"), 3);
 }
 
 TEST_F(OrvexServiceTest, SeveralConnectionsOfOneProcessAreReportedAndServed) {
@@ -75,10 +81,36 @@ TEST_F(OrvexServiceTest, OneCallTooManyIsRefusedAndTheNextGoodOneIsServed) {
     std::vector<DaemonWorld::Outcome> held;
     for (std::size_t i = 0; i < CallLimit::maxCallsInFlight; ++i) held.push_back(world.search(":1.1", "tree"));
     EXPECT_EQ(world.call(":1.1", diagnostics, "Counters", {})->errorName(), platform::bus_error::limitsExceeded);
+    EXPECT_EQ(world.call(":1.1", launchEvents, "SessionEvents", {"x"})->errorName(),
+              platform::bus_error::limitsExceeded);
+    EXPECT_EQ(tellFlusher(":1.1", 7)->errorName(), platform::bus_error::limitsExceeded);
     EXPECT_TRUE(world.call(":1.2", diagnostics, "Counters", {})->arguments);
+    EXPECT_TRUE(tellFlusher(":1.2", 7)->arguments);
     world.answer({.headers = {}, .body = "[]", .error = {}, .timing = {}});
     EXPECT_TRUE(world.call(":1.1", diagnostics, "Counters", {})->arguments);
     EXPECT_EQ(world.service->callsInFlight(), CallLimit::maxCallsInFlight - 1);
+}
+
+TEST(CallLimitTest, AClientThatHasItsAnswerMayCallAgainAtOnce) {
+    CallLimit limit;
+    std::vector<platform::BusReply> held;
+    std::optional<platform::BusReply> next;
+    platform::BusReply onward([](auto&&) {});
+    platform::BusReply first([&](auto&&) { next = limit.admit(":1.1", onward); });
+    held.push_back(limit.admit(":1.1", first).value());
+    while (held.size() < CallLimit::maxCallsInFlight) {
+        platform::BusReply other([](auto&&) {});
+        held.push_back(limit.admit(":1.1", other).value());
+    }
+    ASSERT_FALSE(limit.admit(":1.1", onward));
+    bool none = false;
+    limit.whenNoneInFlight([&] { none = true; });
+    held.front().answer({});
+    EXPECT_TRUE(next);
+    held.clear();
+    EXPECT_FALSE(none);
+    next->answer({});
+    EXPECT_TRUE(none);
 }
 
 TEST_F(OrvexServiceTest, CallsOfAClientThatLeftAreDroppedBeforeTheyAreSent) {

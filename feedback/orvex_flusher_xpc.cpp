@@ -8,7 +8,6 @@
 #include "daemon/orvex_logging.h"
 #include "feedback/client_session_manager_protocol.h"
 #include "feedback/orvex_feedback_flusher.h"
-#include "platform/process_identity.h"
 #include "platform/user_defaults.h"
 
 namespace orvex {
@@ -45,20 +44,13 @@ OrvexFlusherXPC::~OrvexFlusherXPC() {
     flusherLog().debug("stopped listening for ORXFlusherListener connections");
 }
 
-platform::Result<void> OrvexFlusherXPC::exportObject() {
-    auto exported = _assembly.bus().exportObject(endpoint(), {flusherInterface()},
-                                                 [weak = weak_from_this()](platform::BusCall call) {
-                                                     if (const auto self = weak.lock()) self->_receive(std::move(call));
-                                                 });
+platform::Result<void> OrvexFlusherXPC::exportObject(platform::BusCallHandler calls) {
+    auto exported = _assembly.bus().exportObject(endpoint(), {flusherInterface()}, std::move(calls));
     if (exported) flusherLog().debug("started accepting connections :{}", endpoint());
     return exported;
 }
 
-void OrvexFlusherXPC::_receive(platform::BusCall call) {
-    if (call.sender.userIdentifier != platform::ownUserIdentifier()) {
-        call.reply.fail(platform::bus_error::accessDenied, "only programs of the daemon's own user are served");
-        return;
-    }
+void OrvexFlusherXPC::receive(platform::BusCall call) {
     _queue.async([this, self = shared_from_this(), call = std::move(call)]() mutable {
         _queue.assertCurrent();
         _initiateConnectionWithIntent(call.sender.uniqueName, *call.arguments[0].as<std::uint64_t>());

@@ -34,7 +34,7 @@ struct DumpedConnection {
 ///
 /// A tool is a bus client, named by its unique name; it is forgotten when it leaves the bus. The last one that asked to
 /// listen is the one that hears. Everything that a tool hears are signals to it alone. Threading: `create` and
-/// `exportObject` at start; calls come on the bus thread; all state is on the channel's queue.
+/// `exportObject` at start; `receive` on the bus thread; all state is on the channel's queue.
 class OrvexFlusherXPC final : public FlusherListener, public std::enable_shared_from_this<OrvexFlusherXPC> {
 public:
     /// None in place of the function: there is no way to ask for connections.
@@ -43,7 +43,9 @@ public:
     static std::shared_ptr<OrvexFlusherXPC> create(Assembly& assembly, ClientConnections getClientConnections);
     ~OrvexFlusherXPC() override;
 
-    [[nodiscard]] platform::Result<void> exportObject();
+    /// `calls` gets what is called on the channel's object, and hands on to `receive` what it lets pass.
+    [[nodiscard]] platform::Result<void> exportObject(platform::BusCallHandler calls);
+    void receive(platform::BusCall call);
     [[nodiscard]] static std::string endpoint() { return std::string(kORXFlusherPath); }
 
     [[nodiscard]] bool hasReceivingStreamListener() const override { return _receivingListens; }
@@ -53,7 +55,6 @@ public:
 
 private:
     OrvexFlusherXPC(Assembly& assembly, ClientConnections getClientConnections);
-    void _receive(platform::BusCall call);
     void _initiateConnectionWithIntent(const std::string& remote, std::uint64_t intent) ORX_REQUIRES(_queue);
     void _setSendingStreamListener(const std::string& remote) ORX_REQUIRES(_queue);
     void _setReceivingStreamListener(const std::string& remote) ORX_REQUIRES(_queue);

@@ -24,6 +24,12 @@ std::optional<platform::BusReply> CallLimit::admit(const std::string& client, pl
     });
 }
 
+bool CallLimit::refusesSize(std::size_t bytes, platform::BusReply& reply) {
+    if (bytes <= maxCallBytes) return false;
+    reply.fail(platform::bus_error::limitsExceeded, "more than 1 MiB");
+    return true;
+}
+
 void CallLimit::State::beforeAnswer(const std::string& client) {
     const platform::MutexLock lock(mutex);
     const auto entry = calls.find(client);

@@ -15,11 +15,15 @@ namespace orvex {
 /// Threading: callable from any thread; a leaf lock. A reply may outlive the limit that counts it.
 class CallLimit {
 public:
-    static constexpr std::size_t maxCallsInFlight = 256;  ///< of one client, of any method
+    static constexpr std::size_t maxCallsInFlight = 256;               ///< of one client, of any method
+    static constexpr std::size_t maxCallBytes = std::size_t{1} << 20;  ///< of a request dictionary or a payload
 
     /// The same reply, counted until it is answered; none, with `reply` untouched, when the client has its share
     /// already.
     [[nodiscard]] std::optional<platform::BusReply> admit(const std::string& client, platform::BusReply& reply);
+
+    /// Fails `reply` if `bytes` are over `maxCallBytes`; true when it has.
+    [[nodiscard]] static bool refusesSize(std::size_t bytes, platform::BusReply& reply);
 
     [[nodiscard]] std::size_t inFlight() const;  ///< of all clients
 

@@ -40,7 +40,6 @@ public:
     static constexpr std::chrono::seconds idleTime{60};
     static constexpr std::size_t maxIdentifierBytes = 256;
     static constexpr std::size_t maxUserAgentBytes = 1024;
-    static constexpr std::size_t maxCallBytes = std::size_t{1} << 20;  ///< of a request dictionary or a payload
     static constexpr int maxBagRegistrations = 16;
 
     /// `refused` is called once, on the connection's queue, when a configuration leaves it without a state.

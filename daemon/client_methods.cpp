@@ -9,6 +9,7 @@
 #include "core/orx_bag.h"
 #include "daemon/assembly.h"
 #include "daemon/bus_dictionaries.h"
+#include "daemon/call_limit.h"
 #include "daemon/client_connection.h"
 #include "daemon/client_state_manager.h"
 #include "daemon/feedback_payload.h"
@@ -54,12 +55,6 @@ double screenScale(const platform::UserDefaults& userDefaults) {
     return std::isfinite(scale) && scale > 0 ? scale : 1.0;
 }
 
-bool refusedSize(std::size_t size, platform::BusReply& reply) {
-    if (size <= ClientConnection::maxCallBytes) return false;
-    reply.fail(platform::bus_error::limitsExceeded, "more than 1 MiB");
-    return true;
-}
-
 }  // namespace
 
 ClientConnection::Method ClientConnection::_methodNamed(const std::string& member) {
@@ -87,11 +82,12 @@ void ClientConnection::_configure(Call& call) {
         call.reply.fail(platform::bus_error::invalidArgs, configuration.error().message);
         return;
     }
+    sessionLog().log("client configuration {} {}", platform::escaped(configuration->identifier, maxIdentifierBytes),
+                     platform::escaped(configuration->userAgent, maxUserAgentBytes));
     if (!_isAcceptable(*configuration)) {
         _refuseConfiguration(call.reply, Binding::unbound);
         return;
     }
-    sessionLog().log("client configuration {} {}", configuration->identifier, configuration->userAgent);
     _configuration = *std::move(configuration);
     if (const auto binding = _ensureState(); binding != Binding::bound) {
         _refuseConfiguration(call.reply, binding);
@@ -162,7 +158,7 @@ void ClientConnection::_bag(Call& call) {
 }
 
 void ClientConnection::_request(Call& call) {
-    if (refusedSize(call.size, call.reply)) return;
+    if (CallLimit::refusesSize(call.size, call.reply)) return;
     auto request =
         requestFromBus(*call.arguments[0].as<std::string>(), *call.arguments[1].as<platform::BusDictionary>());
     if (!request) {
@@ -225,7 +221,7 @@ void ClientConnection::_ask(const ORXFlightSearchRequest& request, Call& call) {
 
 void ClientConnection::_reportFeedbackPayloadData(Call& call) {
     const auto& payload = *call.arguments[0].as<platform::BusBytes>();
-    if (refusedSize(payload.view().size(), call.reply)) return;
+    if (CallLimit::refusesSize(payload.view().size(), call.reply)) return;
     _ensureState();
     reportFeedbackPayload(_assembly, state(),
                           {.bytes = payload.view(), .queryId = *call.arguments[1].as<std::uint64_t>()},
@@ -276,20 +272,19 @@ void ClientConnection::_fileHandleAndAttributesForResource(Call& call) {
 
 void ClientConnection::_listSessions(Call& call) {
     _ensureState();
+    const auto& manager = _assembly.clientStateManager();
+    if (!manager) return;
     platform::BusArray sessions{.elementSignature = "a{ss}", .items = {}};
-    if (const auto& manager = _assembly.clientStateManager()) {
-        for (const auto& session : manager->sessions()) {
-            platform::BusDictionary entry{.valueSignature = "s", .entries = {}};
-            entry.set("identifier", session.identifier).set("agent", session.agent);
-            sessions.items.emplace_back(std::move(entry));
-        }
+    for (const auto& session : manager->sessions()) {
+        platform::BusDictionary entry{.valueSignature = "s", .entries = {}};
+        entry.set("identifier", session.identifier).set("agent", session.agent);
+        sessions.items.emplace_back(std::move(entry));
     }
     call.reply.answer({std::move(sessions)});
 }
 
 void ClientConnection::_clearEngagedCompletions(Call& call) {
     if (refusedNumber(call.arguments, {"from_date", "to_date"}, call.reply)) return;
-    _ensureState();
     if (!state()) {
         call.reply.answer({});
         return;
@@ -309,8 +304,7 @@ void ClientConnection::_clearEngagedCompletions(Call& call) {
 }
 
 void ClientConnection::_addCompletion(Call& call) {
-    if (refusedSize(call.size, call.reply)) return;
-    _ensureState();
+    if (CallLimit::refusesSize(call.size, call.reply)) return;
     if (!state()) {
         call.reply.answer({});
         return;
@@ -331,7 +325,6 @@ void ClientConnection::_updateParameters(Call& call) {
                                                    "brovia_last_1month",   "brovia_all",       "brovia_most_recent",
                                                    "min_threshold_to_send"};
     if (refusedNumber(call.arguments, names, call.reply)) return;
-    _ensureState();
     const auto bound = state();
     const auto bag = bound ? bound->bag() : nullptr;
     if (bag && bag->smartHistoryEnabled()) {

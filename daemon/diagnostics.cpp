@@ -8,6 +8,7 @@
 #include "core/json.h"
 #include "core/orx_bag.h"
 #include "daemon/assembly.h"
+#include "daemon/call_limit.h"
 #include "daemon/client_state_manager.h"
 #include "daemon/explained_request.h"
 #include "feedback/client_session_manager_protocol.h"
@@ -83,6 +84,7 @@ void Diagnostics::_erase(const std::string& what, platform::BusReply reply) {
 }
 
 void Diagnostics::_explain(platform::BusCall& call) {
+    if (CallLimit::refusesSize(call.size, call.reply)) return;
     auto rows = explainedRequest(_assembly, *call.arguments[0].as<std::string>(),
                                  *call.arguments[1].as<platform::BusDictionary>());
     if (rows) {

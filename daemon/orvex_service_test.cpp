@@ -237,6 +237,19 @@ TEST_F(OrvexServiceTest, OnlyWhatCanBeErasedIsTaken) {
     EXPECT_EQ(world.call(":1.1", diagnostics, "Erase", {"x"})->errorName(), platform::bus_error::invalidArgs);
 }
 
+TEST_F(OrvexServiceTest, ARequestOfMoreThanAMebibyteIsNeitherSentNorExplained) {
+    world.start();
+    ASSERT_TRUE(world.configure(":1.1")->arguments);
+    BusDictionary request;
+    request.set("query_string", std::string(CallLimit::maxCallBytes, 'x'));
+    for (const auto& [interface, member] :
+         {std::pair(kORXDaemonInterface, "Request"), std::pair(diagnostics, "Explain")}) {
+        EXPECT_EQ(world.call(":1.1", interface, member, {"search", request})->errorName(),
+                  platform::bus_error::limitsExceeded)
+            << member;
+    }
+}
+
 TEST_F(OrvexServiceTest, LeavingWaitsForTheAnswersThatAreOwed) {
     world.start();
     world.bus.addService("org.freedesktop.DBus", [](platform::BusCall call) { call.reply.answer({"id"}); });

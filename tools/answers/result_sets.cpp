@@ -4,6 +4,8 @@
 #include <boost/json/array.hpp>
 #include <boost/json/object.hpp>
 #include <boost/json/value.hpp>
+#include <iterator>
+#include <utility>
 
 #include "core/json.h"
 #include "platform/text.h"
@@ -48,8 +50,13 @@ std::vector<AnswerSet> answerSetsIn(const json::array& body) {
 
 void bringForward(std::string_view typed, std::vector<AnswerSet>& sets) {
     const std::string prefix = platform::lowercased(typed);
-    std::ranges::stable_partition(
-        sets, [&](const AnswerSet& set) { return platform::lowercased(set.suggestion).starts_with(prefix); });
+    std::vector<AnswerSet> first, others;
+    for (auto& set : sets) {
+        const bool goesOn = platform::lowercased(set.suggestion).starts_with(prefix);
+        (goesOn ? first : others).push_back(std::move(set));
+    }
+    std::ranges::move(others, std::back_inserter(first));
+    sets = std::move(first);
 }
 
 }  // namespace orvex

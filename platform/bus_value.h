@@ -55,7 +55,7 @@ struct BusFile {
 };
 
 /// One D-Bus value. Where the type is a variant it stands for the variant's content; its D-Bus type is its
-/// alternative's. Text is UTF-8 without NUL.
+/// alternative's. Text is UTF-8 without NUL; any other is sent `escaped`, since what it is part of matters more.
 class BusValue {
 public:
     using Storage = std::variant<bool, std::uint8_t, std::int16_t, std::uint16_t, std::int32_t, std::uint32_t,

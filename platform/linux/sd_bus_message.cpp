@@ -8,6 +8,8 @@
 #include <system_error>
 #include <utility>
 
+#include "platform/text.h"
+
 // Inside this file an error is a negative errno, as sd-bus gives them.
 
 namespace orvex::platform {
@@ -267,8 +269,10 @@ private:
     }
 
     int _text(char type, const std::string* text) {
-        if (!text || text->contains('\0')) return -EINVAL;
-        return sd_bus_message_append_basic(_message, type, text->c_str());
+        if (!text) return -EINVAL;
+        const int r = text->contains('\0') ? -EINVAL : sd_bus_message_append_basic(_message, type, text->c_str());
+        if (r != -EINVAL || type != 's') return r;
+        return sd_bus_message_append_basic(_message, type, escaped(*text, 4 * text->size()).c_str());
     }
 
     int _file(const BusFile* file) {

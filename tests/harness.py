@@ -80,10 +80,10 @@ def wait_until(condition, what):
 class Process:
     """A child of the test, with what it wrote so far, line by line, on standard output and on standard error."""
 
-    def __init__(self, arguments, environment):
+    def __init__(self, arguments, environment, stdin=subprocess.DEVNULL):
         self.arguments = arguments
         self.out, self.log = [], []
-        self._process = subprocess.Popen(arguments, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+        self._process = subprocess.Popen(arguments, stdin=stdin, stdout=subprocess.PIPE,
                                          stderr=subprocess.PIPE, env=environment, preexec_fn=self._end_with_the_test)
         self._readers = [threading.Thread(target=self._read, args=pair, daemon=True) for pair in
                          ((self._process.stdout, self.out), (self._process.stderr, self.log))]
@@ -108,6 +108,13 @@ class Process:
     def running(self):
         return self._process.poll() is None
 
+    def type(self, text):
+        self._process.stdin.write(text.encode())
+        self._process.stdin.flush()
+
+    def end_input(self):
+        self._process.stdin.close()
+
     def send(self, number):
         self._process.send_signal(number)
 
@@ -116,6 +123,8 @@ class Process:
         wait_until(lambda: not self.running, lambda: f"the end of {self.describe()}")
         for reader in self._readers:
             reader.join(DEADLINE)
+        if self._process.stdin:
+            self.end_input()
         return self._process.returncode
 
     def stop(self, number=signal.SIGTERM):
@@ -428,6 +437,10 @@ class Scenario(unittest.TestCase):
         observer.call_blocking(name, "/", "org.freedesktop.DBus.Peer", "Ping", "", [])
         observer.close()
         return process
+
+    def start_typing_to(self, *arguments, **variables):
+        """A program that reads what the scenario types."""
+        return self._keep(Process(arguments, self.environment(**variables), stdin=subprocess.PIPE))
 
     def _keep(self, process):
         self._processes.append(process)

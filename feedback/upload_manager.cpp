@@ -199,7 +199,7 @@ std::optional<platform::FileDescriptor> UploadManager::uploadJSONFeedback(const 
     const auto temporary = _makeTempFileWithAnnotation("orvex");
     if (!temporary) {
         uploadLog().error("Error getting temp file.");
-        _drop("notempfile");
+        _drop("com.kelvar.orvexd.upload.dropped.notempfile");
         return std::nullopt;
     }
     uploadLog().debug("Compressing data for upload to {}", temporary->name);
@@ -217,13 +217,13 @@ std::optional<platform::FileDescriptor> UploadManager::uploadJSONFeedback(const 
     auto compressed = state ? (*state)->openFile(temporary->name) : std::unexpected(state.error());
     if (!compressed) {
         uploadLog().error("Couldn't find file {} after compression.", temporary->name);
-        _drop("notempfile");
+        _drop("com.kelvar.orvexd.upload.dropped.notempfile");
         return std::nullopt;
     }
     if (const auto url = _urlForEndpoint(toEndpoint, {})) {
         _send(*url, stream.dataDigestForStream(), temporary->name, feedback.size(), std::move(held));
     } else {
-        _drop("noendpoint");
+        _drop("com.kelvar.orvexd.upload.dropped.noendpoint");
         _remove(temporary->name);
     }
     return std::move(compressed->descriptor);
@@ -233,20 +233,20 @@ void UploadManager::uploadFeedback(const Report& report, std::string_view ofType
     const auto url = _urlForEndpoint(toEndpoint, ofType);
     if (!url) {
         uploadLog().error("Server feedback endpoint not set, data can't be sent to server");
-        return _drop("noendpoint");
+        return _drop("com.kelvar.orvexd.upload.dropped.noendpoint");
     }
     uploadLog().debug("uploadFile: {}", report.path);
     const auto temporary = _makeTempFileWithAnnotation(ofType);
     if (!temporary) {
         uploadLog().error("Error getting temp file.");
-        return _drop("notempfile");
+        return _drop("com.kelvar.orvexd.upload.dropped.notempfile");
     }
     uploadLog().debug("Compressing data for upload to {}", temporary->name);
     CompressedOutputStream stream(std::make_unique<FileOutputStream>(temporary->file));
     const auto lastRead = copyFile(report.file, stream);
     if (lastRead == -1 || stream.streamStatus() != StreamStatus::atEnd) {
         uploadLog().error("Compression for upload failed");
-        _drop("compression");
+        _drop("com.kelvar.orvexd.upload.dropped.compression");
         return _remove(temporary->name);
     }
     _send(*url, stream.dataDigestForStream(), temporary->name, 0, nullptr);
@@ -259,7 +259,7 @@ void UploadManager::_send(std::string_view url, std::string_view digest, std::st
                            : std::nullopt;
     if (!request) {
         uploadLog().error("no request for upload to {}", describedURL(url));
-        _drop("norequest");
+        _drop("com.kelvar.orvexd.upload.dropped.norequest");
         return _remove(file);
     }
     _enqueue({.request = *std::move(request),
@@ -279,21 +279,19 @@ void UploadManager::_start(Upload upload, std::size_t pending) {
     if (pending >= maxPendingUploads) {
         // Its file stays until the next start.
         uploadLog().error("too many uploads pending: {}", pending);
-        return _drop("pending");
+        return _drop("com.kelvar.orvexd.upload.dropped.pending");
     }
     uploadLog().debug("Enqueuing for upload: {}, headers {}", upload.file, describedHeaders(upload.request.headers));
     const auto task = _assembly.uploadURLSession().uploadTask(std::move(upload.request), upload.file);
     task->setNumberOfFeedbacks(upload.numberOfFeedbacks);
     if (const auto stored = task->resume(); !stored) {
         uploadLog().error("upload was not stored: {}", stored.error().text);
-        _drop("notstored");
+        _drop("com.kelvar.orvexd.upload.dropped.notstored");
         _remove(upload.file);
     }
 }
 
-void UploadManager::_drop(std::string_view reason) const {
-    _assembly.counters().add(fmt::format("com.kelvar.orvexd.upload.dropped.{}", reason));
-}
+void UploadManager::_drop(std::string_view counter) const { _assembly.counters().add(counter); }
 
 void UploadManager::_remove(const std::string& file) const {
     const auto state = _assembly.fileManager().stateDirectory();

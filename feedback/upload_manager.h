@@ -98,7 +98,7 @@ private:
                Held held);
     void _enqueue(Upload upload);
     void _start(Upload upload, std::size_t pending);
-    void _drop(std::string_view reason) const;
+    void _drop(std::string_view counter) const;
     void _remove(const std::string& file) const;
 
     // Constant after construction.

@@ -90,7 +90,7 @@ void CounterFile::_addLine(std::string_view line) {
     const auto read = std::from_chars(digits.data(), digits.data() + digits.size(), value);
     const bool whole = read.ec == std::errc() && read.ptr == digits.data() + digits.size();
     if (whole && Counters::isAcceptableName(name)) return _counters.add(name, value);
-    _counters.add(brokenLinesName);
+    _counters.add(brokenLinesCounter);
 }
 
 void CounterFile::_noteChange() {

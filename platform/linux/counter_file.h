@@ -16,7 +16,7 @@ namespace orvex::platform {
 ///     change
 ///
 /// Format: a line for each counter, sorted by name, "NAME VALUE\n" with VALUE in decimal; the name may have blanks.
-/// A line that is not like that is skipped and counted as `brokenLinesName`; what is no file at all is set aside.
+/// A line that is not like that is skipped and counted as `brokenLinesCounter`; what is no file at all is set aside.
 /// Durability: a change is on disk `saveDelay` to twice that after it was made, or when `close` returns. What was
 /// counted since is lost with a crash.
 ///
@@ -24,7 +24,7 @@ namespace orvex::platform {
 class CounterFile : public std::enable_shared_from_this<CounterFile> {
 public:
     static constexpr std::chrono::seconds saveDelay{10};
-    static constexpr std::string_view brokenLinesName = "com.kelvar.orvexd.counters.broken_lines";
+    static constexpr std::string_view brokenLinesCounter = "com.kelvar.orvexd.counters.broken_lines";
 
     /// Adds what the file holds to `counters`, and keeps them from then on.
     static std::shared_ptr<CounterFile> create(Dispatcher& dispatcher, FileManager& files, Counters& counters);

@@ -72,7 +72,7 @@ TEST_F(CounterFileTest, BrokenLinesAreSkippedAndCounted) {
     EXPECT_EQ(counters.value("a"), 1);
     EXPECT_EQ(counters.value("g"), -3);
     EXPECT_EQ(counters.value("h"), 4);
-    EXPECT_EQ(counters.value(CounterFile::brokenLinesName), 8);
+    EXPECT_EQ(counters.value(CounterFile::brokenLinesCounter), 8);
     EXPECT_EQ(counters.snapshot().size(), 4u);
 }
 

@@ -3,9 +3,12 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
+#include "platform/clock.h"
 #include "platform/result.h"
 
 namespace orvex::platform {
@@ -48,6 +51,14 @@ public:
     /// Runs it whatever its criteria; that counts as its last run. `completion` comes when its handler has returned; a
     /// name that nobody has checked in fails with ENOENT.
     virtual void run(std::string_view name, std::move_only_function<void(Result<void>)> completion) = 0;
+
+    /// For operators. Waits for no handler.
+    struct Report {
+        std::string name;
+        bool isUnderWay = false;
+        std::optional<WallTime> due;  ///< none: it is run on demand only; in the past: it waits for what it needs
+    };
+    [[nodiscard]] virtual std::vector<Report> activities() const = 0;
 };
 
 }  // namespace orvex::platform

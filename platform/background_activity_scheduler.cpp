@@ -90,6 +90,31 @@ void DispatcherActivityScheduler::run(std::string_view name, std::move_only_func
     });
 }
 
+std::vector<BackgroundActivityScheduler::Report> DispatcherActivityScheduler::activities() const {
+    const auto now = _services.dispatcher.now();
+    const auto wallNow = _services.dispatcher.wallNow();
+    std::vector<Report> reports;
+    const MutexLock lock(_mutex);
+    for (const auto& [name, told] : _told) {
+        Report report{.name = name,
+                      .isUnderWay = told.latestRun && told.latestRun->state() != BackgroundActivity::State::done,
+                      .due = {}};
+        if (told.due) report.due = wallNow + std::chrono::duration_cast<WallTime::duration>(*told.due - now);
+        reports.push_back(std::move(report));
+    }
+    return reports;
+}
+
+void DispatcherActivityScheduler::_tell() {
+    const MutexLock lock(_mutex);
+    for (const auto& [name, activity] : _activities) {
+        auto& told = _told[name];
+        told.latestRun = activity.latestRun;
+        const bool isByTheClock = activity.criteria.interval > std::chrono::seconds(0);
+        told.due = isByTheClock ? std::optional(activity.due) : std::nullopt;
+    }
+}
+
 /// A date that was set since may be anything, but no activity comes later than one whole interval from now.
 MonotonicTime DispatcherActivityScheduler::_dueAfter(const std::string& name, const ActivityCriteria& criteria) {
     if (criteria.interval <= std::chrono::seconds(0)) return {};
@@ -118,6 +143,7 @@ void DispatcherActivityScheduler::_schedule() {
 }
 
 void DispatcherActivityScheduler::_armTimer() {
+    _tell();
     const auto now = _services.dispatcher.now();
     std::optional<MonotonicTime> next;
     MonotonicTime latest = MonotonicTime::max();  // what waits longer must not hold up what waits less
@@ -152,6 +178,7 @@ Result<void> DispatcherActivityScheduler::_run(const std::string& name) {
     const auto run = std::make_shared<Run>(name);
     activity.latestRun = run;
     activity.latestRunEnds = _services.dispatcher.now() + longestRun;
+    _tell();
     activity.handler(run);
     if (run->state() == BackgroundActivity::State::run)
         static_cast<void>(run->setState(BackgroundActivity::State::done));

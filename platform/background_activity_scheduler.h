@@ -2,8 +2,10 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/activity_history.h"
 #include "platform/background_activity.h"
@@ -44,6 +46,7 @@ public:
     /// A name that is checked in again gets the new criteria and handler, from its next run on.
     void checkIn(std::string name, ActivityCriteria criteria, Handler handler) override;
     void run(std::string_view name, std::move_only_function<void(Result<void>)> completion) override;
+    [[nodiscard]] std::vector<Report> activities() const override;
 
 private:
     class Run;
@@ -55,6 +58,13 @@ private:
         MonotonicTime latestRunEnds;     ///< at the latest
     };
 
+    /// What is told of an activity, apart from the queue: a handler may be running there.
+    struct Told {
+        std::optional<MonotonicTime> due;
+        std::shared_ptr<Run> latestRun;
+    };
+
+    void _tell() ORX_REQUIRES(_queue);
     void _schedule() ORX_REQUIRES(_queue);
     void _armTimer() ORX_REQUIRES(_queue);
     [[nodiscard]] MonotonicTime _dueAfter(const std::string& name, const ActivityCriteria& criteria)
@@ -69,6 +79,8 @@ private:
     // Synchronised by themselves.
     SerialQueue _queue;
     std::unique_ptr<DeviceConditions::Observation> _observation;
+    mutable Mutex _mutex;
+    std::map<std::string, Told, std::less<>> _told ORX_GUARDED_BY(_mutex);
 
     // On the queue.
     ActivityHistory _history ORX_GUARDED_BY(_queue);

@@ -175,8 +175,12 @@ TEST_F(BackgroundActivitySchedulerTest, ARunThatLastsTooLongIsEndedAndTheNextSta
     ASSERT_EQ(runs.size(), 1u);
     time.advance(9min);
     EXPECT_EQ(runs[0]->state(), State::continuing);
+    ASSERT_EQ(scheduler->activities().size(), 1u);
+    EXPECT_TRUE(scheduler->activities()[0].isUnderWay);
+    EXPECT_EQ(scheduler->activities()[0].due, time.wallNow() + 3h + 51min);
     time.advance(1min);
     EXPECT_EQ(runs[0]->state(), State::done);
+    EXPECT_FALSE(scheduler->activities()[0].isUnderWay);
     EXPECT_EQ(counters.value("activity.ended"), 1);
     time.advance(3h + 55min);
     ASSERT_EQ(runs.size(), 2u);

@@ -1,10 +1,8 @@
 #pragma once
 
-#include <functional>
-
+#include "daemon/status.h"
 #include "daemon/stored_data.h"
 #include "platform/bus.h"
-#include "platform/clock.h"
 #include "platform/dispatch.h"
 
 namespace orvex {
@@ -16,14 +14,13 @@ class Assembly;
 /// another queue.
 class Diagnostics {
 public:
-    Diagnostics(Assembly& assembly, std::function<std::size_t()> countConnections);
+    Diagnostics(Assembly& assembly, Status::Traffic traffic);
     ~Diagnostics();
 
     void receive(platform::BusCall call);
 
 private:
     [[nodiscard]] platform::BusDictionary _counters() const;
-    [[nodiscard]] platform::BusDictionary _status() const;
     [[nodiscard]] platform::BusArray _transfers() const;
     void _explain(platform::BusCall& call);
     void _erase(const std::string& what, platform::BusReply reply);
@@ -31,8 +28,7 @@ private:
 
     // Constant after construction.
     Assembly& _assembly;
-    const std::function<std::size_t()> _countConnections;
-    const platform::MonotonicTime _started;
+    const Status _status;
     StoredData _storedData;
 
     // Synchronised by itself.

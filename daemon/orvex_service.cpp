@@ -42,7 +42,9 @@ OrvexService::OrvexService(Assembly& assembly)
     assembly.setGuidController(makeUserGUIDController(assembly));
     assembly.setClientSessionManager(makeClientSessionManager(assembly, assembly.guidController(), "orvex"));
     _launchEvents = std::make_unique<LaunchEvents>(assembly);
-    _diagnostics = std::make_unique<Diagnostics>(assembly, [this] { return getClientConnections().size(); });
+    _diagnostics =
+        std::make_unique<Diagnostics>(assembly, Status::Traffic{.connections = [this] { return _connectedClients(); },
+                                                                .callsInFlight = [this] { return callsInFlight(); }});
 }
 
 OrvexService::~OrvexService() {
@@ -81,6 +83,11 @@ std::vector<std::shared_ptr<ClientConnection>> OrvexService::getClientConnection
         _queue.assertCurrent();
         return _connections;
     });
+}
+
+std::size_t OrvexService::_connectedClients() const {
+    const platform::MutexLock lock(_mutex);
+    return _clients.size();
 }
 
 std::vector<DumpedConnection> OrvexService::_dumpedConnections() const {

@@ -56,6 +56,7 @@ private:
     [[nodiscard]] std::shared_ptr<ClientConnection> _accept(const platform::BusPeer& peer);
     void _list(const std::shared_ptr<ClientConnection>& connection) ORX_REQUIRES(_queue);
     void _forget(const std::string& uniqueName, const ClientConnection* connection);
+    [[nodiscard]] std::size_t _connectedClients() const;
     [[nodiscard]] std::vector<DumpedConnection> _dumpedConnections() const;
     void _invalidated(const std::shared_ptr<ClientConnection>& connection);
     void _remove(const std::shared_ptr<ClientConnection>& connection) ORX_REQUIRES(_queue);
@@ -69,7 +70,7 @@ private:
     // Synchronised by themselves.
     mutable platform::SerialQueue _queue;
     CallLimit _callLimit;
-    platform::Mutex _mutex;
+    mutable platform::Mutex _mutex;
     std::map<std::string, std::shared_ptr<ClientConnection>> _clients ORX_GUARDED_BY(_mutex);  ///< by unique name
 
     // On the queue.

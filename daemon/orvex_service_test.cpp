@@ -11,6 +11,7 @@
 #include "daemon/call_limit.h"
 #include "daemon/client_connection.h"
 #include "daemon/daemon_world_test.h"
+#include "query/engaged_store.h"
 
 namespace orvex {
 namespace {
@@ -193,6 +194,28 @@ TEST_F(OrvexServiceTest, TheStatusTellsBagConnectionsAndTransactions) {
     EXPECT_EQ(*told.find("bag_expires")->as<double>(), platform::secondsSince1970(world.time.wallNow() + 4h));
     EXPECT_EQ(told.find("transactions")->as<platform::BusArray>()->items.size(), 1u);
     EXPECT_EQ(*told.find("query_cache_cost")->as<std::uint64_t>(), 0u);
+    EXPECT_EQ(*told.find("bag_fetched")->as<double>(), platform::secondsSince1970(world.time.wallNow()));
+    EXPECT_TRUE(*told.find("bag_enabled")->as<bool>());
+    EXPECT_EQ(*told.find("calls_in_flight")->as<std::uint32_t>(), 0u) << "the call that asks";
+    EXPECT_TRUE(told.find("switched_off")->as<platform::BusArray>()->items.empty());
+}
+
+TEST_F(OrvexServiceTest, TheStatusTellsWhatChangedSinceTheStartAndWhatIsSwitchedOff) {
+    world.counters.add("com.kelvar.orvexd.search", 5);
+    world.counters.add("com.kelvar.orvexd.calls.denied", 7);
+    world.start();
+    world.defaults.store("ORXLocationDisabled", true);
+    world.counters.add("com.kelvar.orvexd.calls.denied", 2);
+    world.counters.set(EngagedStore::entriesCounter, 12);
+    const auto told = status();
+    const auto& changed = *told.find("counters_changed")->as<BusDictionary>();
+    EXPECT_EQ(*changed.find("com.kelvar.orvexd.calls.denied")->as<std::int64_t>(), 2);
+    EXPECT_EQ(*changed.find(EngagedStore::entriesCounter)->as<std::int64_t>(), 12);
+    EXPECT_EQ(changed.find("com.kelvar.orvexd.search"), nullptr);
+    EXPECT_EQ(*told.find("engaged_completions")->as<std::uint64_t>(), 12u);
+    const auto& off = told.find("switched_off")->as<platform::BusArray>()->items;
+    ASSERT_EQ(off.size(), 1u);
+    EXPECT_EQ(*off[0].as<std::string>(), "ORXLocationDisabled");
 }
 
 TEST_F(OrvexServiceTest, PendingTransfersAreListedAndCounted) {
@@ -213,6 +236,7 @@ TEST_F(OrvexServiceTest, PendingTransfersAreListedAndCounted) {
     EXPECT_EQ(*row.find("next_attempt")->as<double>(), 0.0);
     EXPECT_EQ(*status().find("downloads_pending")->as<std::uint32_t>(), 1u);
     EXPECT_EQ(*status().find("uploads_pending")->as<std::uint32_t>(), 0u);
+    EXPECT_FALSE(status().find("next_transfer_why")->as<std::string>()->empty());
 }
 
 TEST_F(OrvexServiceTest, AnErasureEndsTheSessionsThatClientsHaveOfTheirOwn) {

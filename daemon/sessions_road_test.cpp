@@ -67,10 +67,14 @@ TEST_F(SessionsRoadTest, TheStatusTellsOfSessions) {
     const auto waiting = status("sessions_waiting");
     add("Lumisk/1");
     EXPECT_EQ(status("session_state"), 0u);
+    EXPECT_EQ(status("sessions_open"), 1u);
+    EXPECT_EQ(manager()->openRecords(), 1u);
     manager()->flushSession(nullptr);
     world.time.runPending();
     EXPECT_EQ(status("session_state"), 2u);
     EXPECT_EQ(status("sessions_waiting"), waiting + 1);
+    EXPECT_EQ(status("sessions_open"), 0u);
+    EXPECT_EQ(manager()->openRecords(), 0u);
 }
 
 TEST_F(SessionsRoadTest, AClientThatLeavesASharedSessionIsRecorded) {

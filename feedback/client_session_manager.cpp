@@ -198,7 +198,10 @@ bool ClientSessionManager::_isFeedbackEnabled(const std::string& userAgent) {
 
 void ClientSessionManager::_updateState(SessionEvent event, Occasion occasion) {
     const SessionTransition transition = sessionTransition(event, _currentState);
-    if (transition.addsRecord) _session->addFeedback(std::move(occasion.record), std::move(occasion.receipt));
+    if (transition.addsRecord) {
+        ++_openRecords;
+        _session->addFeedback(std::move(occasion.record), std::move(occasion.receipt));
+    }
     if (transition.flush) _flushSessionWithReason(*transition.flush);
     if (transition.resetsGUID) {
         _guidController->reset();
@@ -218,6 +221,7 @@ void ClientSessionManager::_enter(SessionState state) {
 
 void ClientSessionManager::_setNewSession(std::unique_ptr<CXOrvexFeedback> first, RecordReceipt receipt) {
     ++_sessionCounter;
+    _openRecords = first ? 1 : 0;
     if (_shared) {
         _session = std::make_shared<ClientSessionShared>(_assembly, std::move(first), std::move(receipt), _flushReason);
     } else {
@@ -229,6 +233,7 @@ void ClientSessionManager::_setNewSession(std::unique_ptr<CXOrvexFeedback> first
 
 void ClientSessionManager::_flushSessionWithReason(SessionEndReason reason) {
     const auto session = std::exchange(_session, nullptr);
+    _openRecords = 0;
     if (!session) return;
     _logFlush(reason);
     _flushReason = reason;

@@ -76,6 +76,7 @@ public:
     void flushSessionInvalidation(const std::string& agent, Flushed done) override;
     [[nodiscard]] std::vector<CXOrvexFeedback> currentSessionRecords() override;
     [[nodiscard]] SessionState currentState() const override { return _currentState; }
+    [[nodiscard]] std::uint64_t openRecords() const override { return _openRecords; }
     [[nodiscard]] const std::shared_ptr<GUIDController>& guidController() const override { return _guidController; }
 
     /// The open session; null when none is. Waits for the queue.
@@ -120,6 +121,7 @@ private:
     // Synchronised by themselves.
     mutable platform::SerialQueue _sessionQueue;
     std::atomic<SessionState> _currentState = SessionState::noSession;  ///< changed on the queue
+    std::atomic<std::uint64_t> _openRecords = 0;                        ///< changed on the queue
 
     // On the queue.
     std::shared_ptr<FeedbackSession> _session ORX_GUARDED_BY(_sessionQueue);  ///< null: none is open

@@ -43,6 +43,8 @@ public:
     [[nodiscard]] virtual std::vector<CXOrvexFeedback> currentSessionRecords() = 0;
 
     [[nodiscard]] virtual SessionState currentState() const = 0;
+    /// Given to the open session so far; 0 when none is open. Waits for nothing.
+    [[nodiscard]] virtual std::uint64_t openRecords() const = 0;
     [[nodiscard]] virtual const std::shared_ptr<GUIDController>& guidController() const = 0;
 };
 

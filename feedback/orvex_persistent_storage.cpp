@@ -36,6 +36,11 @@ std::optional<std::uint32_t> handleNumber(std::string_view name) {
     return number <= maxNumber ? std::optional(static_cast<std::uint32_t>(number)) : std::nullopt;
 }
 
+std::uint64_t bytesOf(const std::vector<std::shared_ptr<FileContainer>>& containers) {
+    return std::accumulate(containers.begin(), containers.end(), std::uint64_t{0},
+                           [](std::uint64_t sum, const auto& container) { return sum + container->size(); });
+}
+
 std::uint64_t sizeLimit(const platform::UserDefaults& userDefaults) {
     return static_cast<std::uint64_t>(std::max<std::int64_t>(userDefaults.integer("ORXSessionSizeLimit"), 0));
 }
@@ -91,6 +96,7 @@ void OrvexPersistentStorage::closeSessionWithFileContainer(std::shared_ptr<FileC
         _fileContainers.push_back(container);
         container->closeFile();
         _removeOldestBeyondLimits();
+        _countWaiting();
     });
 }
 
@@ -100,6 +106,7 @@ bool OrvexPersistentStorage::deleteSessionWithFileContainer(const std::shared_pt
         const bool listed = std::erase(_fileContainers, container) > 0;
         container->closeFile();
         container->deleteWhenReleased();
+        _countWaiting();
         return listed;
     });
 }
@@ -133,6 +140,7 @@ void OrvexPersistentStorage::_scanCacheDirectory() {
     _queue.sync([&] {
         _queue.assertCurrent();
         for (auto& [number, container] : found) _fileContainers.push_back(std::move(container));
+        _countWaiting();
     });
 }
 
@@ -178,8 +186,7 @@ std::optional<OrvexPersistentStorage::NewFile> OrvexPersistentStorage::_newFileU
 }
 
 void OrvexPersistentStorage::_removeOldestBeyondLimits() {
-    auto bytes = std::accumulate(_fileContainers.begin(), _fileContainers.end(), std::uint64_t{0},
-                                 [](std::uint64_t sum, const auto& container) { return sum + container->size(); });
+    auto bytes = bytesOf(_fileContainers);
     auto files = _fileContainers.size();
     auto kept = _fileContainers.begin();
     for (; files > 1 && (files > maxWaitingFiles || bytes > maxWaitingBytes); --files, ++kept) {
@@ -189,6 +196,11 @@ void OrvexPersistentStorage::_removeOldestBeyondLimits() {
         (*kept)->deleteWhenReleased();
     }
     _fileContainers.erase(_fileContainers.begin(), kept);
+}
+
+void OrvexPersistentStorage::_countWaiting() {
+    _waitingFiles = _fileContainers.size();
+    _waitingBytes = bytesOf(_fileContainers);
 }
 
 }  // namespace orvex

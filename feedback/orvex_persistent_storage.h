@@ -42,6 +42,7 @@ public:
     [[nodiscard]] std::vector<std::shared_ptr<FileContainer>> getAvailableSessionHandles() override;
     void closeSessionWithFileContainer(std::shared_ptr<FileContainer> container) override;
     bool deleteSessionWithFileContainer(const std::shared_ptr<FileContainer>& container) override;
+    [[nodiscard]] Waiting waiting() const override { return {.files = _waitingFiles, .bytes = _waitingBytes}; }
 
     [[nodiscard]] const std::string& version() const { return _version; }
 
@@ -53,6 +54,7 @@ private:
     [[nodiscard]] std::shared_ptr<FileContainer> _found(platform::Directory& directory, const std::string& name);
     [[nodiscard]] std::optional<NewFile> _newFileUrl();
     void _removeOldestBeyondLimits() ORX_REQUIRES(_queue);
+    void _countWaiting() ORX_REQUIRES(_queue);
 
     // Constant after construction.
     Assembly& _assembly;
@@ -64,6 +66,8 @@ private:
     // Synchronised by themselves.
     platform::SerialQueue& _queue;  ///< the shared one
     std::atomic<std::uint32_t> _handleId = 0;
+    std::atomic<std::uint64_t> _waitingFiles = 0;
+    std::atomic<std::uint64_t> _waitingBytes = 0;
 
     // On the queue.
     std::vector<std::shared_ptr<FileContainer>> _fileContainers ORX_GUARDED_BY(_queue);  ///< oldest first

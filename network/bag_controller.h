@@ -1,6 +1,7 @@
 #pragma once
 
 #include <boost/json/fwd.hpp>
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
@@ -18,6 +19,9 @@ class ORXBag;
 /// factory's context queue: the staleness test reads that context.
 class BagController {
 public:
+    /// Of a bag, from its fetch on; a new one is fetched some minutes before the end.
+    static constexpr std::chrono::hours lifetime{4};
+
     virtual ~BagController() = default;
 
     /// The bag in memory, stale or not; none before the first fetch. Starts a fetch when there is none or it is stale.

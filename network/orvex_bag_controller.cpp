@@ -38,7 +38,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr auto lifetime = 4h;
 constexpr auto refreshAhead = 600.0;  // seconds before the end of it
 constexpr std::uint32_t fetchRetries = 5;
 constexpr std::string_view expirationKey = "__expiration";

@@ -50,8 +50,6 @@ constexpr char truncateLog[] = "PRAGMA wal_checkpoint(TRUNCATE);";
 constexpr std::int64_t distantPast = std::numeric_limits<std::int64_t>::min();
 constexpr std::int64_t distantFuture = std::numeric_limits<std::int64_t>::max();
 
-constexpr std::string_view entriesCounter = "com.kelvar.orvexd.brovia.localCompletionIndex.entries";
-constexpr std::string_view sizeCounter = "com.kelvar.orvexd.brovia.localCompletionIndex.size";
 constexpr std::string_view failedCounter = "com.kelvar.orvexd.completions.failed";
 
 const platform::Logger& log() { return OrvexLogForCategory(OrvexLoggingCategory::search); }
@@ -215,7 +213,15 @@ platform::Result<std::int64_t> EngagedStore::clear(const Range& range) {
     }
     const auto removed = sqlite3_changes64(_database.handle());
     _eraseTraces();
+    _countCleared(removed);
     return removed;
+}
+
+void EngagedStore::_countCleared(std::int64_t removed) {
+    _counters.set(entriesCounter, std::max<std::int64_t>(_counters.value(entriesCounter) - removed, 0));
+    std::error_code error;
+    const auto size = std::filesystem::file_size(_path, error);
+    if (!error) _counters.set(sizeCounter, static_cast<std::int64_t>(size));
 }
 
 /// Deletes and logs. The statistics are the caller's.

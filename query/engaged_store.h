@@ -48,6 +48,10 @@ public:
         std::optional<std::int64_t> client;
     };
 
+    /// How many rows the file has and how many bytes, as of the last change.
+    static constexpr std::string_view entriesCounter = "com.kelvar.orvexd.brovia.localCompletionIndex.entries";
+    static constexpr std::string_view sizeCounter = "com.kelvar.orvexd.brovia.localCompletionIndex.size";
+
     static constexpr std::int64_t schemaVersion = 6;
     static constexpr std::uint64_t defaultMaxRows = 10'000;
     static constexpr std::chrono::hours lifetime{30 * 24};  ///< of an engagement, if another follows
@@ -103,6 +107,7 @@ private:
     [[nodiscard]] int _purge(std::int64_t cutoff);
     [[nodiscard]] int _deleteOldestEngagements(std::uint64_t limit, std::int64_t client);
     void _performAggdLogging();
+    void _countCleared(std::int64_t removed);
 
     [[nodiscard]] int _delete(const Range& range);
     void _eraseTraces();

@@ -91,6 +91,7 @@ TEST_F(EngagedStoreTest, WhatWasClearedIsInNoFile) {
     const auto removed = store.clear({.dates = std::pair(now, now + 199), .client = 2});
     ASSERT_TRUE(removed);
     EXPECT_EQ(*removed, 200);
+    EXPECT_EQ(counters.value(EngagedStore::entriesCounter), 1);
     EXPECT_FALSE(isSetAside());
     for (const auto& entry : std::filesystem::directory_iterator(std::filesystem::path(disk.file()).parent_path())) {
         EXPECT_EQ(platform::readFile(entry.path()).find("nobody may find"), std::string::npos) << entry.path();

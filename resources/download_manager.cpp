@@ -248,6 +248,26 @@ std::expected<platform::OpenFile, ORXError> DownloadManager::fileHandleForResour
     return std::unexpected(internalError(file.error()));
 }
 
+DownloadManager::Usage DownloadManager::usage() {
+    _start();
+    const auto identifiers = _queue.sync([this] {
+        _queue.assertCurrent();
+        std::vector<std::string> known;
+        for (const auto& [identifier, resource] : _resources) known.push_back(identifier);
+        return known;
+    });
+    Usage usage;
+    const auto caches = _assembly.fileManager().cachesDirectory();
+    if (!caches) return usage;
+    for (const auto& identifier : identifiers) {
+        if (const auto attributes = (*caches)->attributes(identifier)) {
+            ++usage.files;
+            usage.bytes += attributes->size;
+        }
+    }
+    return usage;
+}
+
 std::map<std::string, std::string> DownloadManager::resourceVersions() {
     _start();
     return _queue.sync([this] {

@@ -51,6 +51,13 @@ public:
     /// The resource's file as it is now. `notFound` when there is none, or the identifier is refused.
     [[nodiscard]] std::expected<platform::OpenFile, ORXError> fileHandleForResource(std::string_view identifier) const;
 
+    /// The files that are there. One look at each file's attributes.
+    struct Usage {
+        std::uint64_t files = 0;
+        std::uint64_t bytes = 0;
+    };
+    [[nodiscard]] Usage usage();
+
     /// Of every resource that has one, by identifier.
     [[nodiscard]] std::map<std::string, std::string> resourceVersions();
     [[nodiscard]] std::optional<DownloadResource> resourceForKey(const std::string& identifier) const;

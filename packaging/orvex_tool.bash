@@ -3,7 +3,7 @@ _orvex_tool() {
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} command='' word words=''
     COMPREPLY=()
     case $previous in
-        --bus | --identifier | --user-agent | --set | --from | --to | --query-id) return ;;
+        --bus | --identifier | --user-agent | --set | --from | --to | --query-id | --interval) return ;;
         -o) compopt -o default && return ;;
     esac
     # The command is the first word that is neither an option nor an option's value.
@@ -21,6 +21,9 @@ _orvex_tool() {
         '') words=$(orvex_tool --help 2>/dev/null | sed -n '/^Subcommands:/,$s/^  \([a-z-]*\) .*/\1/p')
             words+=' --bus --identifier --user-agent --json --help --version' ;;
         search | zkw | more | card | lookup | flight) words='--set --help' ;;
+        status) words='--watch --interval --help' ;;
+        counters) words='--prometheus --help' ;;
+        feedback) words='--pending --help' ;;
         completions | defaults | listen | explain | privacy | erase)
             [[ $previous == "$command" ]] &&
                 words=$(orvex_tool "$command" --help 2>/dev/null | sed -n '/^Subcommands:/,$s/^  \([a-z-]*\) .*/\1/p') ;;

@@ -2,12 +2,58 @@
 """orvex_tool: what each command prints, as JSON and for people, and how it ends."""
 
 import contextlib
+import fcntl
 import itertools
 import json
+import os
+import pty
+import signal
 import sqlite3
+import struct
+import subprocess
+import termios
 import unittest
 
 import harness
+
+
+class Screen:
+    """A program on a terminal of its own, 40 rows of 100 columns."""
+
+    def __init__(self, arguments, environment):
+        self._controller, terminal = pty.openpty()
+        fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("HHHH", 40, 100, 0, 0))
+        os.set_blocking(self._controller, False)
+        self._process = subprocess.Popen(arguments, stdin=terminal, stdout=terminal, stderr=terminal,
+                                         env=environment | {"TERM": "xterm"})
+        os.close(terminal)
+        self._drawn = b""
+
+    def close(self):
+        self._process.kill()
+        self._process.wait()
+        os.close(self._controller)
+
+    def wait_for(self, text):
+        """Until that was drawn, after what was waited for before."""
+        def drawn():
+            self._read()
+            return text in self._drawn
+        harness.wait_until(drawn, lambda: f"{text!r} on the screen: {self._drawn!r}")
+        self._drawn = self._drawn.partition(text)[2]
+
+    def press(self, keys):
+        os.write(self._controller, keys)
+
+    def wait(self):
+        """Reads to the end, since a terminal that nobody reads holds its program up."""
+        harness.wait_until(lambda: self._read() or self._process.poll() is not None, "the end of the program")
+        return self._process.returncode
+
+    def _read(self):
+        with contextlib.suppress(BlockingIOError, OSError):
+            while data := os.read(self._controller, 65536):
+                self._drawn += data
 
 
 class ToolTest(harness.Scenario):
@@ -45,6 +91,55 @@ class ToolTest(harness.Scenario):
                 if check:
                     self.assertTrue(check(json.loads("\n".join(document.out))), document.describe())
         self.assertEqual(self.tool("defaults", "delete", "key").wait(), 0)
+
+    def test_the_status_says_what_happened_and_why_something_was_dropped(self):
+        self.start()
+        self.assertEqual(self.tool("search", "tea").wait(), 0)
+        settings = {"XDG_CONFIG_HOME": str(self.running.home / "config")}
+        self.run_program("orvex_tool", "defaults", "write", "ORXNetworkSearchDisabled", "true", **settings)
+        words = (f"tea{number}" for number in itertools.count())
+
+        def told():
+            self.tool("search", next(words))
+            page = self.tool("status").out
+            return page if any("queries not sent" in line for line in page) else None
+        lines = harness.wait_until(told, "a query that was not sent")
+        text = "\n".join(lines)
+        self.assertRegex(lines[0], r"^orvexd \S+ is running, up ")
+        self.assertRegex(text, r"(?m)^bag +version 1, \d+ s old, good for 3 h 5\d min$")
+        self.assertRegex(text, r"(?m)^busy with .*serving clients")
+        self.assertRegex(text, r"(?m)^by the clock +upload of \w+: next in ")
+        self.assertRegex(text, r"(?m)^switched off  by ORXNetworkSearchDisabled$")
+        self.assertRegex(text, r"(?m)^ +\d+ +searches sent to the server$")
+        self.assertRegex(text, r"dropped since the start\n(.*\n)* +\d+ +queries not sent: ORXNetworkSearchDisabled is on")
+
+    def test_a_watched_status_starts_no_daemon_and_keeps_none_alive(self):
+        bus = self.activating_bus("--idle-exit", "3")
+        observer = bus.connect()
+        self.addCleanup(observer.close)
+        watch = ["--bus", bus.address, "status", "--watch", "--interval", "0.1"]
+        pages, documents = self.start_program("orvex_tool", *watch), self.start_program("orvex_tool", "--json", *watch)
+        screen = Screen([harness.program("orvex_tool"), *watch], self.environment())
+        self.addCleanup(screen.close)
+
+        def count(beginning, ending):
+            return sum(line.startswith(beginning) and line.endswith(ending) for line in list(pages.out))
+
+        screen.wait_for(b"orvexd is not running")
+        harness.wait_until(lambda: count("orvexd is not running", "") and documents.out, "the absence told")
+        self.assertFalse(observer.name_has_owner(harness.NAME))
+        self.assertEqual(self.tool("--json", "status", bus=bus.address).wait(), 0)  # which starts it
+        screen.wait_for(b"busy with")
+        harness.wait_until(lambda: count("busy with", "") > 1 and len(documents.out) > 2, "more than one look")
+        screen.wait_for(b"first call of a program")
+        harness.wait_until(lambda: count("orvexd is not running", "") == 2 and documents.out[-1] == "null",
+                           "a daemon that left although it was watched")
+        looks = [json.loads(line) for line in documents.out]
+        self.assertIsNone(looks[0])
+        self.assertIn("version", looks[1])
+        screen.press(b"\x03")
+        self.assertEqual((screen.wait(), pages.stop(signal.SIGINT), documents.stop(signal.SIGINT)), (0, 0, 0))
+        self.assertEqual(pages.log + documents.log, [])
 
     def test_completions_are_stored_when_the_command_ends_and_cleared_between_dates(self):
         self.start()
@@ -116,7 +211,8 @@ class ToolTest(harness.Scenario):
         for arguments in ([], ["nonsense"], ["search"], ["search", "a", "b"], ["bag", "--set", "x=1"],
                           ["search", "a", "--set", "scale"], ["search", "a", "--set", "scale=wide"],
                           ["defaults"], ["defaults", "write", "key"], ["completions", "add", "tea"],
-                          ["completions", "clear", "--from", "noon"], ["run-activity"], ["report"],
+                          ["completions", "clear", "--from", "noon"], ["status", "--interval", "1"],
+                          ["status", "--watch", "--interval", "0"], ["run-activity"], ["report"],
                           ["report", "{"], ["report", "{}"], ["report", '{"startSearch": {"nonsense": 1}}']):
             with self.subTest(arguments):
                 ended = self.tool(*arguments)

@@ -15,6 +15,8 @@
 #include "tools/tool/daemon_client.h"
 #include "tools/tool/feedback_json.h"
 #include "tools/tool/pages.h"
+#include "tools/tool/prometheus_page.h"
+#include "tools/tool/status_page.h"
 
 namespace orvex::tool {
 namespace {

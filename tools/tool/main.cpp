@@ -1,6 +1,7 @@
 #include <CLI/App.hpp>
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
+#include <chrono>
 #include <cstdio>
 #include <functional>
 #include <optional>
@@ -8,6 +9,7 @@
 #include "core/constants.h"
 #include "core/feedback_record.h"
 #include "tools/tool/commands.h"
+#include "tools/tool/status_watch.h"
 #include "tools/tool/type_screen.h"
 
 // orvex_tool: talks to the daemon over the bus, for people and for scripts.
@@ -124,7 +126,7 @@ private:
         _add("bag", "Show the server's configuration as the daemon has it", orvex::tool::showBag);
         _add("sessions", "List the clients that the daemon knows", orvex::tool::showSessions);
         _add("images", "Show the image map of the bag", orvex::tool::showImages);
-        _add("status", "Show what the daemon is doing", orvex::tool::showStatus);
+        _addStatus();
         auto* resource = _app.add_subcommand("resource", "Show a file that the server gave to keep");
         resource->add_option("ID", _name, "Its identifier in the bag")->required();
         resource->add_option("-o,--output", _value, "Write it to FILE and show its attributes")->type_name("FILE");
@@ -145,6 +147,22 @@ private:
         auto* activity = _app.add_subcommand("run-activity", "Run a background activity now");
         activity->add_option("NAME", _name, "Its name, for example com.kelvar.orvexd.flusher.background")->required();
         activity->callback([this] { _chosen = [this] { return orvex::tool::runActivity(_options, _name); }; });
+    }
+
+    void _addStatus() {
+        auto* status = _app.add_subcommand("status", "Show what the daemon is doing");
+        auto* watch = status->add_flag("--watch", _watch, "Go on until interrupted, without starting the daemon");
+        status->add_option("--interval", _interval, "Look every SECONDS (2)")
+            ->type_name("SECONDS")
+            ->check(CLI::Range(0.1, 86400.0))
+            ->needs(watch);
+        status->callback([this] {
+            const auto interval =
+                std::chrono::ceil<std::chrono::milliseconds>(std::chrono::duration<double>(_interval));
+            _chosen = [this, interval] {
+                return _watch ? orvex::tool::watchStatus(_options, interval) : orvex::tool::showStatus(_options);
+            };
+        });
     }
 
     void _addFeedback() {
@@ -217,6 +235,8 @@ private:
     std::string _name;
     std::string _value;
     bool _prometheus = false;
+    bool _watch = false;
+    double _interval = 2;
     std::optional<double> _from, _to;
     std::function<ExitStatus()> _chosen;
 };

@@ -1,6 +1,5 @@
 #include "tools/tool/pages.h"
 
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -8,37 +7,15 @@
 #include <boost/json/object.hpp>
 #include <boost/json/serialize.hpp>
 #include <boost/json/value.hpp>
-#include <cctype>
-#include <cmath>
 
 #include "core/json.h"
-#include "platform/text.h"
 #include "tools/answers/result_sets.h"
+#include "tools/tool/shown_text.h"
 
 namespace orvex::tool {
 namespace {
 
 namespace json = boost::json;
-
-constexpr std::size_t maxTextBytes = 400;  ///< of one text from the server
-
-/// What a terminal may be shown of a foreign text.
-std::string shown(std::string_view text) { return platform::escaped(text, maxTextBytes); }
-
-std::string shownMember(const json::object& object, std::string_view name) {
-    return shown(stringMember(object, name).value_or(""));
-}
-
-std::string shownValue(const json::value& value) {
-    if (value.is_string()) return shown(value.get_string());
-    if (const auto number = decimalFromJSON(value)) return *number;
-    return shown(json::serialize(value));
-}
-
-const json::array* listMember(const json::object& object, std::string_view name) {
-    const auto* member = object.if_contains(name);
-    return member != nullptr ? member->if_array() : nullptr;
-}
 
 void indent(std::string& text, const json::value& value, std::size_t depth) {
     const std::string margin(2 * depth + 2, ' ');
@@ -55,28 +32,6 @@ void indent(std::string& text, const json::value& value, std::size_t depth) {
         first = false;
     }
     text += "\n" + std::string(2 * depth, ' ') + "}";
-}
-
-std::string age(double seconds) {
-    const auto whole = static_cast<std::int64_t>(std::clamp(std::abs(seconds), 0.0, 1e12));
-    if (whole < 120) return fmt::format("{} s", whole);
-    if (whole < 7200) return fmt::format("{} min", whole / 60);
-    return fmt::format("{} h {} min", whole / 3600, whole / 60 % 60);
-}
-
-double number(const json::object& status, std::string_view name) {
-    const auto* value = status.if_contains(name);
-    return value != nullptr ? numberFromJSON(*value).value_or(0) : 0;
-}
-
-std::string bagLine(const json::object& status) {
-    const std::string version = shownMember(status, "bag_version");
-    const double expires = number(status, "bag_expires");
-    if (version.empty() && expires == 0) return "none yet";
-    const double left =
-        expires - std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
-    return fmt::format("version {}, {} {}", version.empty() ? "unknown" : version,
-                       left < 0 ? "expired since" : "good for", age(left));
 }
 
 }  // namespace
@@ -138,20 +93,6 @@ std::string sessionsPage(const json::value& sessions) {
     return page.empty() ? "no client yet\n" : page;
 }
 
-std::string prometheusPage(const json::value& counters) {
-    constexpr std::string_view prefix = "com.kelvar.orvexd.";
-    std::string page;
-    for (const auto& [key, value] : counters.as_object()) {
-        std::string name(key);
-        if (name.starts_with(prefix)) name.erase(0, prefix.size());
-        for (char& c : name) {
-            if (std::isalnum(static_cast<unsigned char>(c)) == 0) c = '_';
-        }
-        page += fmt::format("# TYPE orvexd_{0}_total counter\norvexd_{0}_total {1}\n", name, value.as_int64());
-    }
-    return page;
-}
-
 std::string mapPage(const json::value& map) {
     const auto& object = map.as_object();
     std::size_t width = 0;
@@ -161,34 +102,16 @@ std::string mapPage(const json::value& map) {
     return page.empty() ? "nothing\n" : page;
 }
 
-std::string statusPage(const json::value& value) {
-    const auto& status = value.as_object();
-    std::string transactions;
-    if (const auto* names = listMember(status, "transactions")) {
-        for (const auto& name : *names) transactions += (transactions.empty() ? "" : ", ") + shownValue(name);
-    }
-    return fmt::format("orvexd {}, up {}\n\n", shownMember(status, "version"), age(number(status, "uptime_seconds"))) +
-           fmt::format("bag            {}\n", bagLine(status)) +
-           fmt::format("connections    {}\n", number(status, "connections")) +
-           fmt::format("kept alive by  {}\n", transactions.empty() ? "nothing" : transactions) +
-           fmt::format("sessions       state {}, {} waiting\n", number(status, "session_state"),
-                       number(status, "sessions_waiting")) +
-           fmt::format("transfers      {} uploads, {} downloads\n", number(status, "uploads_pending"),
-                       number(status, "downloads_pending")) +
-           fmt::format("query cache    {} entries, cost {}\n", number(status, "query_cache_entries"),
-                       number(status, "query_cache_cost"));
-}
-
 std::string transfersPage(const json::value& transfers) {
-    const double now = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+    const double now = secondsSince1970Now();
     std::string page;
     for (const auto& element : transfers.as_array()) {
         const auto& transfer = element.as_object();
-        const double next = number(transfer, "next_attempt");
+        const double next = numberMember(transfer, "next_attempt");
         page += fmt::format("{}  {}  {}\n", shownMember(transfer, "identifier"), shownMember(transfer, "direction"),
                             shownMember(transfer, "url"));
-        page += fmt::format("  {} bytes, {} old, {} attempts, next {}: {}\n", number(transfer, "bytes"),
-                            age(now - number(transfer, "created")), number(transfer, "attempts"),
+        page += fmt::format("  {} bytes, {} old, {} attempts, next {}: {}\n", numberMember(transfer, "bytes"),
+                            age(now - numberMember(transfer, "created")), numberMember(transfer, "attempts"),
                             next == 0 ? std::string("at no set time") : "in " + age(std::max(next - now, 0.0)),
                             shownMember(transfer, "why"));
     }
@@ -199,12 +122,11 @@ std::string explainedPage(const json::value& rows) {
     std::string page;
     for (const auto& element : rows.as_array()) {
         const auto& row = element.as_object();
-        const auto* personal = row.if_contains("personal");
         const std::string purpose = shownMember(row, "purpose"), switchedBy = shownMember(row, "switch");
         page += fmt::format("{:<6} {} = {}\n", shownMember(row, "where"), shownMember(row, "name"),
                             shownMember(row, "value"));
         page += fmt::format("       from {}{}{}{}\n", shownMember(row, "source"), purpose.empty() ? "" : ": " + purpose,
-                            personal && *personal == true ? "; about you" : "",
+                            isTrue(row, "personal") ? "; about you" : "",
                             switchedBy.empty() ? "" : "; setting " + switchedBy);
     }
     return page.empty() ? "nothing is sent\n" : page;

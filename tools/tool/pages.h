@@ -34,11 +34,8 @@ std::string bagPage(const std::string& text, bool compact);
 std::string errorText(const boost::json::object& error);
 std::string sessionsPage(const boost::json::value& sessions);
 std::string mapPage(const boost::json::value& map);  ///< "name  value" a line, aligned
-/// Counters in Prometheus' text format, 0.0.4: "com.kelvar.orvexd.feedbacksent" is `orvexd_feedbacksent_total`.
-std::string prometheusPage(const boost::json::value& counters);
 /// A request item by item: name and value, then where it comes from, why it is sent, and what removes it.
 std::string explainedPage(const boost::json::value& rows);
-std::string statusPage(const boost::json::value& status);
 std::string transfersPage(const boost::json::value& transfers);  ///< two lines each
 
 }  // namespace orvex::tool

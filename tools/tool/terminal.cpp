@@ -23,10 +23,11 @@ namespace {
 
 constexpr int escapeMilliseconds = 25;  ///< after Esc, for the rest of a function key
 
-sigset_t ourSignals() {
+sigset_t ourSignals(TerminalSignals::Interrupt interrupt) {
     sigset_t signals;
     ::sigemptyset(&signals);
     for (const int signal : {SIGWINCH, SIGTERM, SIGHUP}) ::sigaddset(&signals, signal);
+    if (interrupt == TerminalSignals::Interrupt::taken) ::sigaddset(&signals, SIGINT);
     return signals;
 }
 
@@ -110,8 +111,8 @@ attr_t attributes(Terminal::Style style) {
 
 }  // namespace
 
-TerminalSignals::TerminalSignals() {
-    const sigset_t signals = ourSignals();
+TerminalSignals::TerminalSignals(Interrupt interrupt) {
+    const sigset_t signals = ourSignals(interrupt);
     ::pthread_sigmask(SIG_BLOCK, &signals, &_before);
     _arrived = platform::FileDescriptor(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
 }

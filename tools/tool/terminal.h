@@ -13,11 +13,13 @@ struct screen;
 
 namespace orvex::tool {
 
-/// The signals that a full-screen program takes in turn with its input: SIGWINCH, SIGTERM and SIGHUP. Blocked while
-/// this lives; threads that are started then never get them either.
+/// The signals that a program takes in turn with its input: SIGWINCH, SIGTERM and SIGHUP, and SIGINT where the terminal
+/// is not in raw mode. Blocked while this lives; threads that are started then never get them either.
 class TerminalSignals {
 public:
-    TerminalSignals();
+    enum class Interrupt : bool { asUsual, taken };
+
+    explicit TerminalSignals(Interrupt interrupt = Interrupt::asUsual);
     ~TerminalSignals();
     TerminalSignals(const TerminalSignals&) = delete;
     TerminalSignals& operator=(const TerminalSignals&) = delete;

@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,14 +9,12 @@
 #include <cerrno>
 #include <csignal>
 #include <exception>
-#include <functional>
 #include <map>
 #include <optional>
-#include <vector>
 
 #include "core/constants.h"
-#include "platform/thread_annotations.h"
 #include "tools/tool/daemon_client.h"
+#include "tools/tool/mailbox.h"
 #include "tools/tool/terminal.h"
 #include "tools/tool/terminal_text.h"
 #include "tools/tool/type_model.h"
@@ -27,34 +24,6 @@ namespace {
 
 constexpr std::uint32_t typedWithResults = 24;  ///< the trigger event that asks for suggestions and results
 constexpr std::string_view prompt = "search: ";
-
-/// Work that the bus thread leaves for the screen's.
-class Mailbox {
-public:
-    using Work = std::move_only_function<void(TypeModel&)>;
-
-    void post(Work work) {
-        {
-            const platform::MutexLock lock(_mutex);
-            _work.push_back(std::move(work));
-        }
-        ::eventfd_write(_filled.get(), 1);
-    }
-
-    std::vector<Work> take() {
-        eventfd_t count = 0;
-        ::eventfd_read(_filled.get(), &count);
-        const platform::MutexLock lock(_mutex);
-        return std::exchange(_work, {});
-    }
-
-    [[nodiscard]] int descriptor() const { return _filled.get(); }  ///< readable when there is some
-
-private:
-    const platform::FileDescriptor _filled{::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
-    platform::Mutex _mutex;
-    std::vector<Work> _work ORX_GUARDED_BY(_mutex);
-};
 
 /// Draws the model: the line, suggestions, cards, and the status in the last row.
 class TypePage {
@@ -141,7 +110,7 @@ private:
 
     const Options _options;
     TypeModel _model;
-    Mailbox _mailbox;
+    Mailbox<TypeModel> _mailbox;
     DaemonClient _client;
 };
 

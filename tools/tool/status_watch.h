@@ -1,0 +1,17 @@
+#pragma once
+
+#include <chrono>
+
+#include "tools/tool/commands.h"
+
+namespace orvex::tool {
+
+/// Shows the daemon's status again and again, until the user leaves or the bus goes away (`noDaemon`): on a terminal as
+/// a screen that is redrawn, elsewhere, and with `--json`, one page or document after the other. It looks after every
+/// interval, and at once when a daemon comes; one that is gone is told once.
+///
+/// It keeps nothing alive and starts nothing: it asks by the unique name of whoever has the daemon's name, and only
+/// that owner's coming and going tells it whether there is one.
+ExitStatus watchStatus(const Options& options, std::chrono::milliseconds interval);
+
+}  // namespace orvex::tool

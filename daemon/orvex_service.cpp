@@ -14,6 +14,7 @@
 #include "feedback/client_session_manager_protocol.h"
 #include "feedback/guid_controller.h"
 #include "feedback/orvex_flusher_xpc.h"
+#include "platform/bus_name.h"
 #include "platform/counters.h"
 #include "platform/http_session.h"
 #include "platform/process_identity.h"
@@ -61,21 +62,11 @@ platform::Result<void> OrvexService::exportObjects() {
     return _assembly.bus().exportObject(std::string(kORXObjectPath), orvexdInterfaces(), calls);
 }
 
-// Once the bus has taken the name back, what it sent before is on its way to us in order, and its answer to a question
-// is behind all of it. By then the credentials that some of those calls wait for have been asked for, so the answer to
-// a second question is behind these too.
 void OrvexService::leave(std::move_only_function<void()> gone) {
-    _assembly.bus().releaseName(std::string(kORXBusName));
-    _afterAnswerOfBus([self = shared_from_this(), gone = std::move(gone)]() mutable {
-        self->_afterAnswerOfBus(
-            [self, gone = std::move(gone)]() mutable { self->_callLimit.whenNoneInFlight(std::move(gone)); });
-    });
-}
-
-void OrvexService::_afterAnswerOfBus(std::move_only_function<void()> next) {
-    const std::string driver = "org.freedesktop.DBus";
-    _assembly.bus().call(driver, "/org/freedesktop/DBus", driver, "GetId", "", {}, std::chrono::seconds(10),
-                         [next = std::move(next)](auto&&) mutable { next(); });
+    platform::giveBackName(_assembly.bus(), std::string(kORXBusName),
+                           [self = shared_from_this(), gone = std::move(gone)]() mutable {
+                               self->_callLimit.whenNoneInFlight(std::move(gone));
+                           });
 }
 
 std::vector<std::shared_ptr<ClientConnection>> OrvexService::getClientConnections() const {

@@ -50,7 +50,6 @@ public:
 private:
     explicit OrvexService(Assembly& assembly);
 
-    void _afterAnswerOfBus(std::move_only_function<void()> next);
     void _receive(platform::BusCall call);
     [[nodiscard]] std::shared_ptr<ClientConnection> _connectionOf(const platform::BusPeer& peer);
     [[nodiscard]] std::shared_ptr<ClientConnection> _accept(const platform::BusPeer& peer);

@@ -28,16 +28,23 @@ WorkerPool::Blocked::~Blocked() {
 }
 
 void WorkerPool::submit(Priority priority, Work work) {
-    const MutexLock lock(_mutex);
-    if (_stopping) return;  // destroyed by the caller, after the lock
-    _pending[static_cast<std::size_t>(priority)].push_back(std::move(work));
-    _wakeOne();
+    bool sleeperCalled = false;
+    {
+        const MutexLock lock(_mutex);
+        if (_stopping) return;  // destroyed by the caller, after the lock
+        _pending[static_cast<std::size_t>(priority)].push_back(std::move(work));
+        sleeperCalled = _callOne();
+    }
+    // Without the lock: it is the first thing that who wakes up wants.
+    if (sleeperCalled) _woken.notify_one();
 }
 
 void WorkerPool::start() {
     const MutexLock lock(_mutex);
     _started = true;
-    for (std::size_t count = 0; count < _options.limit; ++count) _wakeOne();
+    for (std::size_t count = 0; count < _options.limit; ++count) {
+        if (_callOne()) _woken.notify_one();
+    }
 }
 
 void WorkerPool::stop() {
@@ -77,14 +84,18 @@ Work WorkerPool::_takePending() {
     return {};
 }
 
-/// Sees to it that a thread comes for a piece of work, if one is wanting and may run.
-void WorkerPool::_wakeOne() {
-    if (!_started || _stopping || _running >= _options.limit || !_hasPending()) return;
-    if (_asleep == 0) return _startThread();
+/// Sees to it that a thread comes for a piece of work, if one is wanting and may run. True: it is one that sleeps, and
+/// the caller notifies it.
+bool WorkerPool::_callOne() {
+    if (!_started || _stopping || _running >= _options.limit || !_hasPending()) return false;
+    if (_asleep == 0) {
+        _startThread();
+        return false;
+    }
     --_asleep;
     ++_running;
     ++_wakeUps;
-    _woken.notify_one();
+    return true;
 }
 
 void WorkerPool::_startThread() {
@@ -137,9 +148,13 @@ void WorkerPool::_leave(Threads::iterator self) {
 }
 
 void WorkerPool::_willBlock() {
-    const MutexLock lock(_mutex);
-    --_running;
-    _wakeOne();
+    bool sleeperCalled = false;
+    {
+        const MutexLock lock(_mutex);
+        --_running;
+        sleeperCalled = _callOne();
+    }
+    if (sleeperCalled) _woken.notify_one();
 }
 
 void WorkerPool::_didBlock() {

@@ -53,7 +53,7 @@ private:
     using Threads = std::list<std::thread>;
     using Pending = std::array<std::deque<Work>, 3>;
 
-    void _wakeOne() ORX_REQUIRES(_mutex);
+    [[nodiscard]] bool _callOne() ORX_REQUIRES(_mutex);
     [[nodiscard]] bool _mayRun() const ORX_REQUIRES(_mutex);
     [[nodiscard]] bool _hasPending() const ORX_REQUIRES(_mutex);
     [[nodiscard]] Work _takePending() ORX_REQUIRES(_mutex);

@@ -75,6 +75,7 @@ bool isUnfitForALine(const Decoded& character) {
 }  // namespace
 
 std::size_t utf16Length(std::string_view utf8) {
+    if (isASCII(utf8)) return utf8.size();
     std::size_t length = 0;
     while (!utf8.empty()) {
         const auto character = decodeFirst(utf8);
@@ -84,7 +85,14 @@ std::size_t utf16Length(std::string_view utf8) {
     return length;
 }
 
+bool isASCII(std::string_view bytes) {
+    unsigned found = 0;  // not left early, so that the compiler may look at many bytes at once
+    for (const char byte : bytes) found |= static_cast<unsigned char>(byte);
+    return found < 0x80;
+}
+
 bool isValidUTF8(std::string_view bytes) {
+    if (isASCII(bytes)) return true;
     while (!bytes.empty()) {
         const auto character = decodeFirst(bytes);
         if (!character.valid) return false;
@@ -141,6 +149,7 @@ std::string shortestDecimal(double value) {
 }
 
 std::string escaped(std::string_view text, std::size_t maxBytes) {
+    if (text.size() <= maxBytes && isASCII(text) && !hasControlCharacter(text)) return std::string(text);
     std::string result;
     result.reserve(std::min(text.size(), maxBytes));
     while (!text.empty()) {

@@ -10,6 +10,7 @@ namespace orvex::platform {
 
 /// Length in UTF-16 code units, the unit of every length rule. A malformed byte counts as one (it would be U+FFFD).
 [[nodiscard]] std::size_t utf16Length(std::string_view utf8);
+[[nodiscard]] bool isASCII(std::string_view bytes);
 [[nodiscard]] bool isValidUTF8(std::string_view bytes);
 [[nodiscard]] std::string wellFormed(std::string_view bytes);   ///< each malformed byte as U+FFFD
 [[nodiscard]] bool hasControlCharacter(std::string_view text);  ///< U+0000 to U+001F and U+007F

@@ -10,7 +10,10 @@
 
 namespace orvex::platform {
 
-std::uint32_t ownUserIdentifier() { return getuid(); }
+std::uint32_t ownUserIdentifier() {
+    static const std::uint32_t identifier = getuid();  // asked at every call, and never another
+    return identifier;
+}
 
 Result<std::string> executablePath(std::int32_t processIdentifier) {
     constexpr std::string_view deleted = " (deleted)";

@@ -6,14 +6,8 @@
 #include <unicode/uchar.h>
 #include <unicode/unistr.h>
 
-#include <algorithm>
-
 namespace orvex::platform {
 namespace {
-
-bool isASCII(std::string_view text) {
-    return std::ranges::all_of(text, [](char character) { return static_cast<unsigned char>(character) < 0x80; });
-}
 
 std::string lowercasedASCII(std::string_view text) {
     std::string result(text);

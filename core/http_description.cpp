@@ -13,10 +13,12 @@ std::string describedURL(std::string_view url) {
 }
 
 std::string describedHeaders(const platform::HTTPHeaders& headers) {
-    std::string text = "{";
-    for (const auto& [name, value] : headers)
-        text += fmt::format("{}{} = {}", text.size() > 1 ? "; " : "", name, platform::privately(value));
-    return text + "}";
+    fmt::memory_buffer text;
+    for (const auto& [name, value] : headers) {
+        fmt::format_to(fmt::appender(text), "{}{} = {}", text.size() == 0 ? "{" : "; ", name,
+                       platform::privately(value));
+    }
+    return text.size() == 0 ? "{}" : fmt::to_string(text) + "}";
 }
 
 std::string describedResponse(const std::optional<platform::URLResponse>& response) {

@@ -35,11 +35,9 @@ std::shared_ptr<LogSink> sinkFor(LogLevel level) {
 }
 
 std::string formatMessage(fmt::string_view format, fmt::format_args args) {
-    // Escaping only makes text longer, so what is beyond the cut need not be formatted at all.
-    constexpr std::size_t enoughToBeCut = maxLogMessageBytes + 4;
     fmt::basic_memory_buffer<char, 512> message;
     try {
-        fmt::vformat_to_n(std::back_inserter(message), enoughToBeCut, format, args);
+        fmt::vformat_to(fmt::appender(message), format, args);
     } catch (const std::exception& error) {
         return escaped(fmt::format("a message could not be formatted: {}", error.what()), maxLogMessageBytes);
     }
@@ -91,5 +89,5 @@ const Logger& defaultLogger() {
 fmt::appender fmt::formatter<orvex::platform::PrivateArgument>::format(orvex::platform::PrivateArgument argument,
                                                                        format_context& context) {
     const auto shown = orvex::platform::logsPrivateArguments() ? argument.text : std::string_view("<private>");
-    return std::ranges::copy(shown, context.out()).out;
+    return fmt::formatter<std::string_view>().format(shown, context);
 }

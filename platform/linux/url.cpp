@@ -7,7 +7,6 @@
 #include <array>
 #include <cstring>
 #include <memory>
-#include <ranges>
 
 // libcurl connects to what it reads in a URL's text, so nothing is read here with any other eyes: a host that this file
 // takes for a public one must be public to libcurl too. Paths are kept as written, and transfers take the parse made
@@ -111,6 +110,7 @@ int hexDigit(char c) {
 
 /// An escape that is not one stays as it is.
 std::string percentDecode(std::string_view text) {
+    if (!text.contains('%')) return std::string(text);
     std::string decoded;
     decoded.reserve(text.size());
     for (std::size_t i = 0; i < text.size(); ++i) {
@@ -215,8 +215,9 @@ Result<URL> resolveRedirect(const URL& from, std::string_view location) {
 
 std::vector<QueryItem> decodeQuery(std::string_view query) {
     std::vector<QueryItem> items;
-    for (const auto range : std::views::split(query, '&')) {
-        const std::string_view item(range.begin(), range.end());
+    while (!query.empty()) {
+        const auto item = query.substr(0, query.find('&'));
+        query.remove_prefix(std::min(item.size() + 1, query.size()));
         if (item.empty()) continue;
         const std::size_t equals = item.find('=');
         items.emplace_back(percentDecode(item.substr(0, equals)),

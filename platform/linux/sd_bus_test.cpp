@@ -39,7 +39,7 @@ protected:
         ASSERT_TRUE(service->exportObject(path, {{interface, std::move(methods), {}}}, std::move(handler)));
     }
     std::future<Answer> start(SdBus& from, std::string member, std::string signature, BusArguments arguments,
-                              std::string of = interface, std::chrono::nanoseconds timeout = 60s) {
+                              std::string of = interface, std::chrono::nanoseconds timeout = 10min) {
         auto promise = std::make_shared<std::promise<Answer>>();
         from.call(service->uniqueName(), path, std::move(of), std::move(member), std::move(signature),
                   std::move(arguments), timeout, [promise](Answer answer) { promise->set_value(std::move(answer)); });

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <exception>
-#include <iterator>
 #include <utility>
 
 #include "platform/text.h"

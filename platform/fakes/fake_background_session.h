@@ -11,7 +11,6 @@
 #include "platform/background_session.h"
 #include "platform/dispatch.h"
 #include "platform/fakes/fake_url_session.h"
-#include "platform/thread_annotations.h"
 
 namespace orvex::platform {
 
@@ -26,7 +25,7 @@ class FileManager;
 /// It aborts, with a reason, on an answer that the real one would try again, on one that meets no held task, and on
 /// settings after `resume`.
 ///
-/// Threading: callable from any thread; the script is called on the delegate queue.
+/// Threading: one thread at a time; the script is called on the delegate queue.
 class FakeBackgroundSession final : public BackgroundSession,
                                     public std::enable_shared_from_this<FakeBackgroundSession> {
 public:
@@ -47,15 +46,15 @@ public:
     void getAllTasks(std::move_only_function<void(BackgroundTasks tasks)> completion) override;
     [[nodiscard]] std::vector<PendingTransfer> pendingTransfers() const override;
 
-    void setScript(Script script);       ///< none: every task is held
-    void answer(FakeAnswer answer);      ///< to the task that has been held longest
-    void sendBody(std::uint64_t bytes);  ///< of that task: progress, up to the whole body
-    void refuseNextResume(Failure why);
+    void setScript(Script script) { _script = std::move(script); }  ///< none: every task is held
+    void answer(FakeAnswer answer);                                 ///< to the task that has been held longest
+    void sendBody(std::uint64_t bytes);                             ///< of that task: progress, up to the whole body
+    void refuseNextResume(Failure why) { _refusal = std::move(why); }
     void invalidate(std::optional<TransportError> error);
 
-    [[nodiscard]] BackgroundTasks held() const;    ///< that wait for an answer
-    [[nodiscard]] std::vector<Sent> sent() const;  ///< every task that began, in order
-    void forgetSent();                             ///< those that began so far
+    [[nodiscard]] BackgroundTasks held() const;                            ///< that wait for an answer
+    [[nodiscard]] const std::vector<Sent>& sent() const { return _sent; }  ///< every task that began, in order
+    void forgetSent() { _sent.clear(); }
     [[nodiscard]] const BackgroundSessionConfiguration& configuration() const { return _configuration; }
 
 private:
@@ -76,13 +75,11 @@ private:
     // Synchronised by themselves.
     const std::shared_ptr<SerialQueue> _delegateQueue;
 
-    // Guarded by the mutex.
-    mutable Mutex _mutex;
-    Script _script ORX_GUARDED_BY(_mutex);
-    std::optional<Failure> _refusal ORX_GUARDED_BY(_mutex);
-    std::uint64_t _lastIdentifier ORX_GUARDED_BY(_mutex) = 0;
-    std::vector<std::shared_ptr<FakeBackgroundTask>> _tasks ORX_GUARDED_BY(_mutex);  ///< resumed and not ended
-    std::vector<Sent> _sent ORX_GUARDED_BY(_mutex);
+    Script _script;
+    std::optional<Failure> _refusal;
+    std::uint64_t _lastIdentifier = 0;
+    std::vector<std::shared_ptr<FakeBackgroundTask>> _tasks;  ///< resumed and not ended
+    std::vector<Sent> _sent;
 };
 
 /// Makes fake sessions and remembers them by identifier.
@@ -92,11 +89,8 @@ public:
 
     std::shared_ptr<BackgroundSession> makeSession(BackgroundSessionConfiguration configuration,
                                                    std::weak_ptr<BackgroundSessionDelegate> delegate) override;
-    bool hasStoredTasks(std::string_view identifier) override;
-    void startUpIsThrough() override;
-
-    void pretendStoredTasks(std::string identifier);
-    [[nodiscard]] bool startUpWasSaidToBeThrough() const;
+    bool hasStoredTasks(std::string_view) override { return false; }
+    void startUpIsThrough() override {}
 
     /// Null when none was made, or it is gone.
     [[nodiscard]] std::shared_ptr<FakeBackgroundSession> session(std::string_view identifier) const;
@@ -104,10 +98,7 @@ public:
 private:
     Dispatcher& _dispatcher;
     FileManager& _files;
-    mutable Mutex _mutex;
-    std::map<std::string, std::weak_ptr<FakeBackgroundSession>, std::less<>> _sessions ORX_GUARDED_BY(_mutex);
-    std::vector<std::string> _stored ORX_GUARDED_BY(_mutex);
-    bool _startUpIsThrough ORX_GUARDED_BY(_mutex) = false;
+    std::map<std::string, std::weak_ptr<FakeBackgroundSession>, std::less<>> _sessions;
 };
 
 }  // namespace orvex::platform

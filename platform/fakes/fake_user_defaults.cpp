@@ -1,40 +1,20 @@
 #include "platform/fakes/fake_user_defaults.h"
 
 #include <cerrno>
-#include <cmath>
 #include <stdexcept>
 
-#include "platform/text.h"
+#include "platform/property_list.h"
 
 namespace orvex::platform {
 namespace {
 
-bool storable(const std::string& text) { return !text.contains('\0') && isValidUTF8(text); }
-
-/// As the XML form keeps it: whole seconds, no text with a zero byte, no number that is not finite.
-std::optional<PropertyValue> asStored(const PropertyValue& value) {
-    if (const auto* date = value.as<WallTime>()) return WallTime(std::chrono::floor<std::chrono::seconds>(*date));
-    if (const auto* number = value.as<double>(); number && !std::isfinite(*number)) return std::nullopt;
-    if (const auto* text = value.as<std::string>(); text && !storable(*text)) return std::nullopt;
-    if (const auto* array = value.as<PropertyArray>()) {
-        PropertyArray kept;
-        for (const auto& item : *array) {
-            auto element = asStored(item);
-            if (!element) return std::nullopt;
-            kept.push_back(std::move(*element));
-        }
-        return kept;
-    }
-    if (const auto* dictionary = value.as<PropertyDictionary>()) {
-        PropertyDictionary kept;
-        for (const auto& [key, item] : *dictionary) {
-            auto element = asStored(item);
-            if (!element || !storable(key)) return std::nullopt;
-            kept.emplace(key, std::move(*element));
-        }
-        return kept;
-    }
-    return value;
+/// As a file keeps it.
+Result<PropertyDictionary> asStored(std::string_view key, PropertyValue value) {
+    const auto bytes = writeXMLPropertyList(PropertyDictionary{{std::string(key), std::move(value)}});
+    if (!bytes) return std::unexpected(bytes.error());
+    const auto read = parsePropertyList(*bytes);
+    if (!read) return std::unexpected(read.error());
+    return *read->as<PropertyDictionary>();
 }
 
 }  // namespace
@@ -61,12 +41,11 @@ std::optional<std::string> FakeUserDefaults::string(std::string_view key) const 
 
 Result<void> FakeUserDefaults::setObject(std::string_view key, PropertyValue value) {
     const MutexLock lock(_mutex);
-    auto kept = asStored(value);
-    if (!kept || !storable(std::string(key))) return failure(EINVAL, "a value that no property list can hold");
+    auto kept = asStored(key, std::move(value));
+    if (!kept) return std::unexpected(kept.error());
     if (_failing) return failure(EIO, "the defaults fail, as the test wants");
-    auto values = _layers.stored();
-    values.insert_or_assign(std::string(key), std::move(*kept));
-    _layers.setStored(std::move(values));
+    kept->insert(_layers.stored().begin(), _layers.stored().end());  // what is there already stays
+    _layers.setStored(*std::move(kept));
     return {};
 }
 

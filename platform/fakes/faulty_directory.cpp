@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <limits>
-#include <ranges>
 
 #include "platform/append_file.h"
 
@@ -50,20 +48,6 @@ std::size_t FaultPlan::injected() const {
     return _injected;
 }
 
-void FaultPlan::loseUnsynced() {
-    std::vector<Unsynced> lost;
-    {
-        const MutexLock lock(_mutex);
-        lost.swap(_unsynced);
-    }
-    for (auto& change : std::views::reverse(lost)) {
-        if (change.before)
-            (void)change.directory->replace(change.name, *change.before);
-        else
-            (void)change.directory->remove(change.name);
-    }
-}
-
 std::optional<DirectoryFault> FaultPlan::_next(std::initializer_list<DirectoryFault> possible) {
     const MutexLock lock(_mutex);
     std::optional<DirectoryFault> due;
@@ -82,21 +66,6 @@ std::optional<DirectoryFault> FaultPlan::_next(std::initializer_list<DirectoryFa
     return due;
 }
 
-void FaultPlan::_keep(std::vector<Unsynced> changes) {
-    const MutexLock lock(_mutex);
-    std::ranges::move(changes, std::back_inserter(_unsynced));
-}
-
-void FaultPlan::_synced(const Directory& directory) {
-    const MutexLock lock(_mutex);
-    std::erase_if(_unsynced, [&](const Unsynced& change) { return change.directory->path() == directory.path(); });
-}
-
-FaultPlan::Unsynced FaultyDirectory::_asItIs(std::string_view name) const {
-    auto bytes = _inner->read(name, std::numeric_limits<std::size_t>::max() / 2);
-    return {_inner, std::string(name), bytes ? std::optional<std::string>(std::move(*bytes)) : std::nullopt};
-}
-
 Result<std::string> FaultyDirectory::read(std::string_view name, std::size_t maxBytes) const {
     return _inner->read(name, maxBytes);
 }
@@ -105,21 +74,10 @@ Result<OpenFile> FaultyDirectory::openFile(std::string_view name) const { return
 
 Result<void> FaultyDirectory::replace(std::string_view name, std::string_view bytes) {
     using enum DirectoryFault;
-    const auto fault = _plan->_next({writeFails, writeTears, syncFails, renameFails});
+    const auto fault = _plan->_next({writeFails, writeTears});
     if (fault == writeFails) return injectedFailure(ENOSPC);
-    if (fault == renameFails) return injectedFailure(EIO);
-    if (fault == writeTears) {
-        (void)_inner->replace(".orvexd-0000000000000000.tmp", bytes.substr(0, bytes.size() / 2));
-        return injectedFailure(EIO);
-    }
-    auto before = _asItIs(name);
-    const auto replaced = _inner->replace(name, bytes);
-    if (!replaced) return replaced;
-    if (fault != syncFails) {
-        _plan->_synced(*_inner);
-        return {};
-    }
-    _plan->_keep({std::move(before)});
+    if (!fault) return _inner->replace(name, bytes);
+    (void)_inner->replace(".orvexd-0000000000000000.tmp", bytes.substr(0, bytes.size() / 2));
     return injectedFailure(EIO);
 }
 
@@ -132,21 +90,7 @@ Result<std::shared_ptr<AppendFile>> FaultyDirectory::createFile(std::string_view
 
 Result<void> FaultyDirectory::remove(std::string_view name) { return _inner->remove(name); }
 
-Result<void> FaultyDirectory::rename(std::string_view from, std::string_view to) {
-    using enum DirectoryFault;
-    const auto fault = _plan->_next({syncFails, renameFails});
-    if (fault == renameFails) return injectedFailure(EIO);
-    auto source = _asItIs(from);
-    auto target = _asItIs(to);
-    const auto renamed = _inner->rename(from, to);
-    if (!renamed) return renamed;
-    if (fault != syncFails) {
-        _plan->_synced(*_inner);
-        return {};
-    }
-    _plan->_keep({std::move(source), std::move(target)});
-    return injectedFailure(EIO);
-}
+Result<void> FaultyDirectory::rename(std::string_view from, std::string_view to) { return _inner->rename(from, to); }
 
 Result<void> FaultyDirectory::makeDirectory(std::string_view name) { return _inner->makeDirectory(name); }
 

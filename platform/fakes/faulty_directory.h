@@ -17,8 +17,7 @@ enum class DirectoryFault {
     writeTears,     ///< of `replace`: half of the bytes stay behind in a temporary file, as after a crash, EIO;
                     ///< of `append`: half of the bytes stay behind at the end, ENOSPC
     truncateFails,  ///< of an append file: nothing has changed, EIO
-    syncFails,      ///< of `replace`, `rename` and an append file: the change is seen but not durable, EIO
-    renameFails,    ///< of `replace` and `rename`: nothing has changed, EIO
+    syncFails,      ///< of an append file: the change is seen but not durable, EIO
 };
 
 /// Which operations of a `FaultyDirectory` fail. A test that injects a fault also checks that `injected` counted it.
@@ -30,10 +29,6 @@ public:
     void inject(DirectoryFault fault, std::size_t nth = 1);
     [[nodiscard]] std::size_t injected() const;
 
-    /// The power is cut: each change whose sync failed is undone, unless a later sync of its directory made it durable.
-    /// Append files keep what they have.
-    void loseUnsynced();
-
 private:
     friend class FaultyAppendFile;
     friend class FaultyDirectory;
@@ -41,21 +36,13 @@ private:
         DirectoryFault fault;
         std::size_t remaining;
     };
-    struct Unsynced {
-        std::shared_ptr<Directory> directory;
-        std::string name;
-        std::optional<std::string> before;  ///< none: there was no file
-    };
 
     /// Counts one operation that can fail in these ways.
     std::optional<DirectoryFault> _next(std::initializer_list<DirectoryFault> possible);
-    void _keep(std::vector<Unsynced> changes);
-    void _synced(const Directory& directory);
 
     mutable Mutex _mutex;
     std::vector<Waiting> _waiting ORX_GUARDED_BY(_mutex);
     std::size_t _injected ORX_GUARDED_BY(_mutex) = 0;
-    std::vector<Unsynced> _unsynced ORX_GUARDED_BY(_mutex);  ///< in the order of the changes
 };
 
 /// Any directory, with faults. Directories below it share its plan.
@@ -78,8 +65,6 @@ public:
     [[nodiscard]] Result<std::shared_ptr<Directory>> directory(std::string_view name) override;
 
 private:
-    [[nodiscard]] FaultPlan::Unsynced _asItIs(std::string_view name) const;
-
     // Constant after construction.
     const std::shared_ptr<Directory> _inner;
     const std::shared_ptr<FaultPlan> _plan;

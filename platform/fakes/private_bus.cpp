@@ -9,7 +9,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <fstream>
 
 namespace orvex::platform {
 namespace {
@@ -42,17 +41,6 @@ constexpr auto* configuration = R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//D
     std::abort();
 }
 
-std::filesystem::path makeDirectory() {
-    auto pattern = (std::filesystem::temp_directory_path() / "orvex-bus-XXXXXX").string();
-    if (!::mkdtemp(pattern.data())) giveUp("no temporary directory");
-    return pattern;
-}
-
-std::string readFile(const std::string& path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
 /// The first line of what the pipe carries, empty when it ends before.
 std::string readLine(int descriptor) {
     std::string line;
@@ -67,12 +55,10 @@ std::string readLine(int descriptor) {
 
 }  // namespace
 
-PrivateBus::PrivateBus() : _directory(makeDirectory()) {
-    const auto file = (_directory / "bus.conf").string();
-    std::ofstream(file) << fmt::format(configuration, _directory.string());
-    const auto configurationOption = "--config-file=" + file;
-
-    const auto log = (_directory / "log").string();  // as root it complains of limits that a container denies it
+PrivateBus::PrivateBus() {
+    writeFile(_directory / "bus.conf", fmt::format(configuration, _directory.path()));
+    const auto configurationOption = "--config-file=" + (_directory / "bus.conf");
+    const auto log = _directory / "log";  // as root it complains of limits that a container denies it
 
     int pipe[2];
     if (::pipe2(pipe, O_CLOEXEC) != 0) giveUp("no pipe");
@@ -93,11 +79,7 @@ PrivateBus::PrivateBus() : _directory(makeDirectory()) {
     if (_address.empty()) giveUp(("dbus-daemon does not start: " + readFile(log)).c_str());
 }
 
-PrivateBus::~PrivateBus() {
-    stop();
-    std::error_code ignored;
-    std::filesystem::remove_all(_directory, ignored);
-}
+PrivateBus::~PrivateBus() { stop(); }
 
 void PrivateBus::stop() {
     if (_process < 0) return;

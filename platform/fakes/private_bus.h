@@ -2,8 +2,9 @@
 
 #include <sys/types.h>
 
-#include <filesystem>
 #include <string>
+
+#include "platform/fakes/temporary_directory.h"
 
 namespace orvex::platform {
 
@@ -23,7 +24,7 @@ public:
     void stop();  ///< the bus goes away under its clients
 
 private:
-    std::filesystem::path _directory;
+    const TemporaryDirectory _directory;
     std::string _address;
     pid_t _process = -1;
 };

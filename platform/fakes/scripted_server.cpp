@@ -151,15 +151,13 @@ void ScriptedServer::_accept() {
         const int socket = accept4(_listener, nullptr, nullptr, SOCK_CLOEXEC);
         if (socket < 0) continue;
         const MutexLock lock(_mutex);
-        const std::size_t number = _connections.size() + 1;
-        _connections.push_back({socket, std::thread([this, socket, number] { _serve(socket, number); })});
+        _connections.push_back({socket, std::thread([this, socket] { _serve(socket); })});
     }
 }
 
-void ScriptedServer::_serve(int socket, std::size_t number) {
+void ScriptedServer::_serve(int socket) {
     RequestReader reader(socket);
     while (auto request = reader.next()) {
-        request->connection = number;
         Script script;
         {
             const MutexLock lock(_mutex);
@@ -184,7 +182,6 @@ bool ScriptedServer::_answer(int socket, const ScriptedAnswer& answer) {
         case ScriptedAnswer::End::close:
             shutdown(socket, SHUT_RDWR);
             return false;
-            return true;
         case ScriptedAnswer::End::reset: {
             // Connecting a connected socket to nothing is how Linux resets a connection and keeps the descriptor.
             const sockaddr nothing{.sa_family = AF_UNSPEC, .sa_data = {}};

@@ -19,7 +19,6 @@ struct ReceivedRequest {
     std::string target;  ///< as written: path and query, or host and port of a CONNECT
     HTTPHeaders headers;
     std::string body;
-    std::size_t connection = 0;  ///< counted from 1
 };
 
 /// What goes back, byte for byte, and what then becomes of the connection.
@@ -66,7 +65,7 @@ private:
     };
 
     void _accept();
-    void _serve(int socket, std::size_t number);
+    void _serve(int socket);
     [[nodiscard]] bool _answer(int socket, const ScriptedAnswer& answer);
 
     // Constant after construction.

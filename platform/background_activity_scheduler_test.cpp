@@ -108,20 +108,6 @@ TEST_F(BackgroundActivitySchedulerTest, ARunWaitsForAHandlerThatHasNotReturned) 
     EXPECT_EQ(counters.value("activity.ended"), 0);
 }
 
-TEST_F(BackgroundActivitySchedulerTest, ANameThatNobodyCheckedInIsRefused) {
-    EXPECT_EQ(runNow("nobody"), ENOENT);
-    checkInLeaving("flush", State::run);
-    EXPECT_EQ(runNow("flus"), ENOENT);
-    EXPECT_TRUE(runs.empty());
-}
-
-TEST_F(BackgroundActivitySchedulerTest, CheckingInAgainReplacesTheHandler) {
-    scheduler->checkIn("flush", {}, [](const ActivityRun&) { FAIL() << "the earlier handler"; });
-    checkInLeaving("flush", State::run);
-    EXPECT_EQ(runNow("flush"), 0);
-    EXPECT_EQ(runs.size(), 1u);
-}
-
 TEST_F(BackgroundActivitySchedulerTest, AnActivityIsDueAnIntervalAfterItsLastRunAcrossRestarts) {
     const ActivityCriteria everyFourHours{.interval = 4h, .grace = 1h};
     checkInLeaving("flush", State::run, everyFourHours);

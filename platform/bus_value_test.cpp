@@ -7,30 +7,6 @@
 namespace orvex::platform {
 namespace {
 
-TEST(BusValueTest, TheSignatureIsThatOfTheAlternative) {
-    const BusArguments arguments{true,
-                                 std::uint8_t{1},
-                                 std::int16_t{1},
-                                 std::uint16_t{1},
-                                 std::int32_t{1},
-                                 std::uint32_t{1},
-                                 std::int64_t{1},
-                                 std::uint64_t{1},
-                                 1.0,
-                                 "text",
-                                 BusObjectPath{"/"},
-                                 BusSignature{"s"},
-                                 BusBytes{},
-                                 BusFile{},
-                                 BusArray{"(ss)", {BusStruct{{"name", "value"}}}},
-                                 BusStruct{{"name", BusStruct{{1.0}}}},
-                                 BusDictionary{},
-                                 BusDictionary{"x", {}},
-                                 BusArray{"{us}", {}}};
-    EXPECT_EQ(signatureOf(arguments), "bynqiuxtdsogayha(ss)(s(d))a{sv}a{sx}a{us}");
-    EXPECT_TRUE(fits(signatureOf(arguments), arguments));
-}
-
 TEST(BusValueTest, TheFirstCompleteTypeOfAMalformedSignatureIsNone) {
     EXPECT_EQ(firstCompleteType("su"), "s");
     EXPECT_EQ(firstCompleteType("aa{s(iav)}u"), "aa{s(iav)}");

@@ -9,13 +9,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-TEST(ClockTest, DatesKeepTheirFractionBothWays) {
-    EXPECT_EQ(secondsSince1970(WallTime(1'500ms)), 1.5);
-    EXPECT_EQ(wallTimeFromSeconds(1'700'000'000.25), WallTime(1'700'000'000'250ms));
-    EXPECT_EQ(wallTimeFromSeconds(-0.25), WallTime(-250ms));
-    EXPECT_EQ(wallTimeFromSeconds(secondsSince1970(WallTime(1'700'000'000s))), WallTime(1'700'000'000s));
-}
-
 TEST(ClockTest, WhatNoDateCanHoldSaturates) {
     constexpr double infinity = std::numeric_limits<double>::infinity();
     for (const double late : {infinity, 1e300, 9223372036.9, 9223372036.854776}) {

@@ -101,20 +101,6 @@ TYPED_TEST(DispatchTest, ReadsSeeEveryBarrierBeforeThem) {
     queue.sync([&] { queue.assertCurrent(); });
 }
 
-TYPED_TEST(DispatchTest, WhatAnItemQueuesComesAfterWhatIsQueuedAlready) {
-    SerialQueue queue(this->dispatcher(), "test.queue");
-    queue.sync([&] {
-        queue.async([&] {
-            this->heard.push_back("first");
-            queue.async(this->note("third"));
-        });
-        queue.async(this->note("second"));
-    });
-    this->settle(queue);
-    this->settle(queue);
-    EXPECT_EQ(this->heard, (std::vector<std::string>{"first", "second", "third"}));
-}
-
 TYPED_TEST(DispatchTest, CloseRunsWhatIsQueuedAndDropsTheRest) {
     SerialQueue queue(this->dispatcher(), "test.queue");
     auto kept = std::make_shared<int>();
@@ -206,17 +192,6 @@ TYPED_TEST(DispatchTest, ATimerFiresOnceAndIsUnarmedFromThenOn) {
     EXPECT_FALSE(fired.wait(5ms));
 }
 
-TYPED_TEST(DispatchTest, ATimerMayArmItselfAgain) {
-    SerialQueue queue(this->dispatcher(), "test.queue");
-    Timer timer(queue);
-    Semaphore third(this->dispatcher(), 0);
-    int count = 0;
-    std::function<void()> tick = [&] { ++count < 3 ? timer.armAfter(1ms, tick) : third.signal(); };
-    timer.armAfter(1ms, tick);
-    EXPECT_TRUE(third.wait(never));
-    EXPECT_EQ(count, 3);
-}
-
 TYPED_TEST(DispatchTest, ReArmingReplacesAndCancellingForgets) {
     SerialQueue queue(this->dispatcher(), "test.queue");
     Timer timer(queue);
@@ -241,13 +216,6 @@ TYPED_TEST(DispatchTest, ReArmingReplacesAndCancellingForgets) {
     EXPECT_TRUE(this->heard.empty());
 }
 
-TYPED_TEST(DispatchTest, ATimerOfThePoolFires) {
-    Semaphore fired(this->dispatcher(), 0);
-    Timer timer(this->dispatcher(), Priority::background);
-    timer.armAfter(1ms, [&] { fired.signal(); });
-    EXPECT_TRUE(fired.wait(never));
-}
-
 TYPED_TEST(DispatchTest, ASemaphoreCountsAndItsWaitRunsOut) {
     Semaphore semaphore(this->dispatcher(), 1);
     EXPECT_TRUE(semaphore.wait(0s));
@@ -262,16 +230,6 @@ TYPED_TEST(DispatchTest, ASemaphoreCountsAndItsWaitRunsOut) {
     EXPECT_TRUE(semaphore.wait(0s));
     EXPECT_TRUE(semaphore.waitUntil({}));
     EXPECT_FALSE(semaphore.wait(0s));
-}
-
-TYPED_TEST(DispatchTest, ASignalEndsAWaitInTime) {
-    Semaphore semaphore(this->dispatcher(), 0);
-    GlobalQueue(this->dispatcher(), Priority::standard).after(1ms, [&] { semaphore.signal(); });
-    const auto start = this->dispatcher().now();
-    EXPECT_TRUE(semaphore.wait(never));
-    EXPECT_LT(this->dispatcher().now() - start, never);
-    GlobalQueue(this->dispatcher(), Priority::standard).async([&] { semaphore.signal(); });
-    EXPECT_TRUE(semaphore.wait(std::chrono::nanoseconds::max()));
 }
 
 TYPED_TEST(DispatchTest, AGroupIsWaitedForUntilAllHaveLeft) {

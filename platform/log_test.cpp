@@ -50,17 +50,6 @@ TEST(Log, ALevelAboveTheOneInForceIsWrittenAndOneBelowIsNotEvenFormatted) {
     EXPECT_EQ(log.lines()[0].subsystem, "com.kelvar.orvexd");
 }
 
-TEST(Log, LevelsHaveTheNamesOfTheCommandLine) {
-    for (const auto* text : {"debug", "info", "default", "error", "fault"}) {
-        const auto level = logLevelFromName(text);
-        ASSERT_TRUE(level) << text;
-        EXPECT_EQ(name(*level), text);
-    }
-    EXPECT_EQ(logLevelFromName("default"), LogLevel::standard);
-    EXPECT_FALSE(logLevelFromName("Debug"));
-    EXPECT_FALSE(logLevelFromName(""));
-}
-
 TEST(Log, PrivateArgumentsShowOnlyWhenTheLevelInForceIsDebug) {
     {
         const RecordingLog log(LogLevel::info);
@@ -70,11 +59,6 @@ TEST(Log, PrivateArgumentsShowOnlyWhenTheLevelInForceIsDebug) {
     const RecordingLog log(LogLevel::debug);
     logger().error("query '{}' failed", privately("socks"));
     EXPECT_EQ(log.lines()[0].text, "query 'socks' failed");
-}
-
-TEST(Log, AnAbsentTextPrintsAsNull) {
-    EXPECT_EQ(orNull(std::nullopt), "(null)");
-    EXPECT_EQ(orNull(std::string()), "");
 }
 
 TEST(Log, ForeignTextCannotForgeALine) {
@@ -89,25 +73,6 @@ TEST(Log, ALongMessageIsCutOnACharacterBoundary) {
     logger().log("{}", std::string(maxLogMessageBytes - 1, 'a') + "é and more");
     EXPECT_EQ(log.lines()[0].text, std::string(maxLogMessageBytes, 'a'));
     EXPECT_EQ(log.lines()[1].text, std::string(maxLogMessageBytes - 1, 'a') + "…");
-}
-
-TEST(Log, TheDefaultLoggerHasADashForACategory) {
-    const RecordingLog log;
-    defaultLogger().log("starting");
-    EXPECT_TRUE(log.contains(LogLevel::standard, "-", "starting"));
-}
-
-TEST(Log, ARecordingPutsTheEarlierSinkBack) {
-    const RecordingLog outer(LogLevel::error);
-    {
-        const RecordingLog inner(LogLevel::debug);
-        logger().debug("inside");
-        EXPECT_EQ(inner.lines().size(), 1u);
-    }
-    EXPECT_EQ(logLevelInForce(), LogLevel::error);
-    logger().debug("outside");
-    logger().error("outside");
-    EXPECT_EQ(outer.lines().size(), 1u);
 }
 
 TEST(Log, SinksMayBeChangedWhileOthersLog) {

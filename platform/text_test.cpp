@@ -37,14 +37,6 @@ TEST(Text, ValidityIsThatOfRFC3629) {
     }
 }
 
-TEST(Text, ControlCharactersAreTheC0SetAndDelete) {
-    EXPECT_TRUE(hasControlCharacter(std::string_view("a\0b", 3)));
-    EXPECT_TRUE(hasControlCharacter("a\tb"));
-    EXPECT_TRUE(hasControlCharacter("\x1F"));
-    EXPECT_TRUE(hasControlCharacter("\x7F"));
-    EXPECT_FALSE(hasControlCharacter("a b~é日"));
-}
-
 TEST(Text, LowerCasingIsFullAndKnowsNoLanguage) {
     EXPECT_EQ(lowercased("MediaType 9"), "mediatype 9");
     EXPECT_EQ(lowercased("ÄÖÜ ẞ"), "äöü ß");
@@ -123,12 +115,6 @@ TEST(Text, MarksThatAreDiacriticsGoAndMarksThatSpellStay) {
     EXPECT_EQ(withoutDiacritics("한글^`"), "한글^`");
     EXPECT_EQ(withoutDiacritics("a\xFF"), "a\uFFFD");
     EXPECT_EQ(withoutDiacritics(std::string_view("é\0é", 5)), std::string_view("e\0e", 3));
-}
-
-TEST(Text, CompatibilityFormsAreTakenApart) {
-    EXPECT_EQ(compatibilityDecomposed("ﬁ①Ａ²"), "fi1A2");
-    EXPECT_EQ(compatibilityDecomposed("é"), "e\u0301");
-    EXPECT_EQ(compatibilityDecomposed("plain"), "plain");
 }
 
 }  // namespace

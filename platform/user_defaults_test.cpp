@@ -38,13 +38,5 @@ TEST(UserDefaultsTest, APutOverValueIsJSONOrElseTextAndKeepsItsOwnText) {
     EXPECT_TRUE(defaults.boolean("k"));
 }
 
-TEST(UserDefaultsTest, AnAbsentKeyIsFalseZeroAndNone) {
-    const FakeUserDefaults defaults;
-    EXPECT_FALSE(defaults.boolean("k"));
-    EXPECT_EQ(defaults.integer("k"), 0);
-    EXPECT_EQ(defaults.string("k"), std::nullopt);
-    EXPECT_EQ(defaults.object("k"), std::nullopt);
-}
-
 }  // namespace
 }  // namespace orvex::platform

@@ -38,15 +38,6 @@ TEST_F(CounterFileTest, ChangesAreSavedTogetherSomeTimeAfterTheFirst) {
     EXPECT_EQ(saved(), "a 2\nb c -2\n");
 }
 
-TEST_F(CounterFileTest, NothingWakesUpWhileNothingChanges) {
-    write("a 1\n");
-    const auto file = open();
-    EXPECT_EQ(time.nextDue(), std::nullopt);
-    counters.add("a");
-    later();
-    EXPECT_EQ(time.nextDue(), std::nullopt);
-}
-
 TEST_F(CounterFileTest, AFileIsAddedToWhatWasCountedBefore) {
     write("a 40\n");
     counters.add("a", 2);

@@ -102,19 +102,6 @@ TEST_F(CurlSessionTest, ARequestGoesOutAsItWasGiven) {
         EXPECT_FALSE(headerValue(request.headers, name)) << name;
 }
 
-TEST_F(CurlSessionTest, EveryMethodIsSentWithItsBody) {
-    for (const auto* method : {"GET", "POST", "DELETE"}) {
-        send({.url = server.url(), .method = method, .body = "body"});
-        EXPECT_EQ(lastRequest().method, method);
-        EXPECT_EQ(lastRequest().body, "body");
-        send({.url = server.url(), .method = method});
-        EXPECT_EQ(lastRequest().method, method);
-        EXPECT_EQ(lastRequest().body, "");
-    }
-    answer({"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\n"});
-    EXPECT_EQ(send({.url = server.url(), .method = "HEAD"}).status(), 200);
-}
-
 TEST_F(CurlSessionTest, ARedirectedAnswerIsNotStoredAndNoConditionIsPassedOn) {
     session = factory.makeSession({.label = "test", .cacheMemoryCapacity = 4000});
     answer(answerWith(200, {{"ETag", "\"1\""}}, "stored"));

@@ -2,34 +2,24 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
-
-#include "platform/fakes/fake_device_information.h"
+#include "platform/fakes/temporary_directory.h"
 
 namespace orvex::platform {
 namespace {
 
 class LinuxDeviceInformationTest : public testing::Test {
 protected:
-    LinuxDeviceInformationTest() {
-        auto pattern = (std::filesystem::temp_directory_path() / "device-XXXXXX").string();
-        directory = mkdtemp(pattern.data());
-    }
-    ~LinuxDeviceInformationTest() override { std::filesystem::remove_all(directory); }
-
-    std::string path(const std::string& name) const { return directory / name; }
-    void write(const std::string& name, const std::string& text) const { std::ofstream(path(name)) << text; }
+    void write(const std::string& name, const std::string& text) const { writeFile(directory / name, text); }
     LinuxDeviceInformation device() const {
-        return LinuxDeviceInformation(
-            {.productName = path("product_name"), .osRelease = {path("etc-os-release"), path("usr-os-release")}});
+        return LinuxDeviceInformation({.productName = directory / "product_name",
+                                       .osRelease = {directory / "etc-os-release", directory / "usr-os-release"}});
     }
     std::string name(const std::string& assignment) const {
         write("etc-os-release", "NAME=" + assignment + "\n");
         return device().answer("ProductName");
     }
 
-    std::filesystem::path directory;
+    const TemporaryDirectory directory;
 };
 
 TEST_F(LinuxDeviceInformationTest, FirmwareAndSystemAnswer) {
@@ -79,13 +69,6 @@ TEST_F(LinuxDeviceInformationTest, NoAnswerCanBreakAHeader) {
     EXPECT_EQ(name("\"\xFF\""), "Linux");
     write("product_name", "M\r\nX-Forged: 1\n");
     EXPECT_EQ(device().answer("ProductType"), "MX-Forged: 1");
-}
-
-TEST(DeviceInformation, TheDescriptionJoinsTheFourAnswers) {
-    FakeDeviceInformation device;
-    EXPECT_EQ(deviceDescription(device), "Machine1,1; Test System 1.0 1A1");
-    device.answers.erase("BuildVersion");
-    EXPECT_EQ(deviceDescription(device), "Machine1,1; Test System 1.0 Linux");
 }
 
 }  // namespace

@@ -162,15 +162,6 @@ TYPED_TEST(FileManagerContract, RenamingReplacesAFileAndCarriesADirectory) {
     EXPECT_EQ(this->list(), (std::vector<std::string>{"b", "e", "full"}));
 }
 
-TYPED_TEST(FileManagerContract, AttributesTellSizeTimesAndMode) {
-    ASSERT_TRUE(this->write("a", "12345"));
-    const auto attributes = this->directory->attributes("a").value();
-    EXPECT_EQ(attributes.size, 5u);
-    EXPECT_EQ(attributes.permissions, 0600u);
-    EXPECT_LE(attributes.created, attributes.modified);
-    EXPECT_EQ(this->code(this->directory->attributes("none")), ENOENT);
-}
-
 TYPED_TEST(FileManagerContract, ABrokenFileIsSetAsideAndOneIsKept) {
     EXPECT_FALSE(setAside(*this->directory, "a"));
     ASSERT_TRUE(this->write("a", "old"));

@@ -106,17 +106,6 @@ TEST_F(GeoClueLocationTest, ADenialHoldsUntilTheServiceIsAnother) {
     EXPECT_EQ(typeFor(10, 34, -1), 1);
 }
 
-TEST_F(GeoClueLocationTest, AServiceThatDiesIsStartedAnew) {
-    start();
-    dieAndComeBack();
-    EXPECT_EQ(failures.size(), 1u);
-    calls.clear();
-    service->startUpdating();
-    EXPECT_EQ(calls.front(), "GetClient");
-    typeFor(10, 34, -1);
-    EXPECT_EQ(service->authorizationStatus(), LocationAuthorization::always);
-}
-
 TEST_F(GeoClueLocationTest, ThePermissionStoreSaysWhetherGazelMayLocate) {
     start();
     EXPECT_EQ(service->gazelAuthorizationStatus(), LocationAuthorization::whenInUse);

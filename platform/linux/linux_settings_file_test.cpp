@@ -59,18 +59,6 @@ TEST(LinuxSettingsFileTest, OnlyAPlainSmallFileOfOursIsRead) {
     }
 }
 
-TEST(LinuxSettingsFileTest, AChangeIsToldOfAFileThatWasNotThere) {
-    const TemporaryDirectory directory;
-    const std::filesystem::path path = directory.path();
-    FileWatcher watcher;
-    Bell bell;
-    LinuxSettingsFile file(watcher, (path / "later").string(), "policy.json");
-    file.setChangeHandler([&] { bell.ring(); });
-    std::filesystem::create_directory(path / "later");
-    writeFile(path / "later" / "policy.json", "{}");
-    EXPECT_TRUE(bell.wait());
-}
-
 TEST(DictionaryDirectoriesTest, DictionariesAreKnownByTheirLanguage) {
     const TemporaryDirectory directory;
     const std::filesystem::path path = directory.path();

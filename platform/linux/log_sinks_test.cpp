@@ -5,8 +5,6 @@
 
 #include <boost/json/parse.hpp>
 #include <boost/json/value.hpp>
-#include <cerrno>
-#include <thread>
 
 namespace orvex::platform {
 namespace {
@@ -86,32 +84,6 @@ TEST(LogSinks, AJournalEntryHasOurFields) {
     EXPECT_EQ(priority(LogLevel::info), "PRIORITY=6");
     EXPECT_EQ(priority(LogLevel::standard), "PRIORITY=5");
     EXPECT_EQ(priority(LogLevel::fault), "PRIORITY=2");
-}
-
-TEST(LogSinks, AnotherFormatIsRefused) {
-    const auto made = makeLogSink("xml");
-    ASSERT_FALSE(made);
-    EXPECT_EQ(made.error().code, EINVAL);
-    EXPECT_THAT(made.error().text, testing::HasSubstr("xml"));
-}
-
-TEST(LogSinks, LinesOfSeveralThreadsStayWhole) {
-    const CapturedStream stream;
-    const auto console = sink("console", stream);
-    constexpr std::size_t perThread = 200;
-    {
-        std::vector<std::jthread> threads;
-        for (int thread = 0; thread < 4; ++thread) {
-            threads.emplace_back([&console] {
-                for (std::size_t line = 0; line < perThread; ++line) {
-                    console->write(record(LogLevel::info, std::string(500, 'x')));
-                }
-            });
-        }
-    }
-    const auto lines = stream.lines();
-    EXPECT_EQ(lines.size(), 4 * perThread);
-    EXPECT_THAT(lines, testing::Each(MatchesRegex(std::string(timeRegex) + " info Orvex_Bag x{500}")));
 }
 
 TEST(LogSinks, AStreamThatTakesNothingLosesTheLineAndNothingElse) {

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,9 +11,7 @@
 #include <cerrno>
 #include <thread>
 
-#include "platform/fakes/recording_log.h"
 #include "platform/fakes/temporary_directory.h"
-#include "platform/linux/thread_dispatcher.h"
 
 namespace orvex::platform {
 namespace {
@@ -28,23 +25,6 @@ protected:
 
     TemporaryDirectory directory;
 };
-
-TEST_F(ProcessDeathTest, SignalsReachTheHandlerAndAHangUpIsOnlyLogged) {
-    const auto stopBySignal = [] {
-        signal(SIGTERM, SIG_IGN);  // as a shell may hand it down
-        prepareProcess();
-        const RecordingLog log;
-        ThreadDispatcher dispatcher({.workers = 1});
-        dispatcher.start();
-        auto source = SignalSource::create(dispatcher, [&](int number) { dispatcher.stopMain(100 + number); });
-        kill(getpid(), SIGHUP);
-        // One at a time: the kernel hands out those that wait together by number.
-        while (!log.contains(LogLevel::standard, "-", "SIGHUP is ignored")) std::this_thread::yield();
-        kill(getpid(), SIGTERM);
-        exitNow(dispatcher.runMain());
-    };
-    EXPECT_EXIT(stopBySignal(), testing::ExitedWithCode(100 + SIGTERM), "");
-}
 
 TEST_F(ProcessDeathTest, FilesArePrivateAndFailedWritesAreErrors) {
     const auto writeInVain = [this] {
@@ -72,18 +52,6 @@ protected:
 
     TemporaryDirectory directory;
 };
-
-TEST_F(LockFileTest, OnlyOneHoldsItAndTheOtherIsToldWho) {
-    {
-        const auto first = take();
-        ASSERT_TRUE(first.has_value());
-        const auto second = take();
-        ASSERT_FALSE(second.has_value());
-        EXPECT_EQ(second.error().code, EWOULDBLOCK);
-        EXPECT_NE(second.error().text.find("process " + std::to_string(getpid())), std::string::npos);
-    }
-    EXPECT_TRUE(take().has_value());  // what the last one left is no obstacle
-}
 
 TEST_F(LockFileTest, ALeavingDaemonIsWaitedFor) {
     std::optional<Result<LockFile>> leaving = take();

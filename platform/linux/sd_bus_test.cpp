@@ -10,7 +10,6 @@
 #include <atomic>
 #include <future>
 #include <latch>
-#include <regex>
 #include <set>
 #include <thread>
 
@@ -73,37 +72,6 @@ TEST_F(SdBusTest, NoBusIsAClearFailure) {
     EXPECT_FALSE(SdBus::create({.address = "no address"}));
 }
 
-TEST_F(SdBusTest, IntrospectionShowsTheInterfaceAsDeclared) {
-    const BusInterface declared{
-        .name = interface,
-        .methods = {{"Request", "sa{sv}", {"kind", "request"}, "ta{sv}", {"query_id", "reply"}},
-                    {"Nothing", "", {}, "", {}}},
-        .signals = {{"Changed", "sa{sv}", {"bag", "error"}, "", {}}, {"Ended", "", {}, "", {}}}};
-    ASSERT_TRUE(service->exportObject(path, {declared}, [](BusCall) {}));
-    auto xml = *call("Introspect", "", {}, "org.freedesktop.DBus.Introspectable").value().at(0).as<std::string>();
-    xml = std::regex_replace(xml, std::regex("\\s*\n\\s*"), "");
-    EXPECT_THAT(xml, testing::HasSubstr("<interface name=\"com.kelvar.test.Interface\">"
-                                        "<method name=\"Request\">"
-                                        "<arg type=\"s\" name=\"kind\" direction=\"in\"/>"
-                                        "<arg type=\"a{sv}\" name=\"request\" direction=\"in\"/>"
-                                        "<arg type=\"t\" name=\"query_id\" direction=\"out\"/>"
-                                        "<arg type=\"a{sv}\" name=\"reply\" direction=\"out\"/>"
-                                        "</method>"
-                                        "<method name=\"Nothing\"></method>"
-                                        "<signal name=\"Changed\">"
-                                        "<arg type=\"s\" name=\"bag\"/>"
-                                        "<arg type=\"a{sv}\" name=\"error\"/>"
-                                        "</signal>"
-                                        "<signal name=\"Ended\"></signal>"
-                                        "</interface>"));
-}
-
-TEST_F(SdBusTest, AnInterfaceThatCannotBeIsRefused) {
-    EXPECT_FALSE(service->exportObject("no path", {{interface, {}, {}}}, [](BusCall) {}));
-    EXPECT_FALSE(service->exportObject(path, {{interface, {method("Bad", "z", "")}, {}}}, [](BusCall) {}));
-    EXPECT_TRUE(service->exportObject(path, {{interface, {method("Good", "s", "")}, {}}}, [](BusCall) {}));
-}
-
 TEST_F(SdBusTest, CallsThatCameBeforeTheirSenderWasKnownKeepTheirOrder) {
     std::string order;
     serve({method("Add", "s", "s")}, [&](BusCall call) {
@@ -113,24 +81,6 @@ TEST_F(SdBusTest, CallsThatCameBeforeTheirSenderWasKnownKeepTheirOrder) {
     std::vector<std::future<Answer>> answers;
     for (const auto* letter : {"a", "b", "c", "d"}) answers.push_back(start(*client, "Add", "s", {letter}));
     EXPECT_EQ(*answers.back().get().value().at(0).as<std::string>(), "abcd");
-}
-
-TEST_F(SdBusTest, EachOfTwoClientsGetsItsOwnAnswersWhateverTheOrder) {
-    std::vector<BusCall> held;
-    serve({method("Hold", "s", "s"), method("Release", "", "")}, [&](BusCall call) {
-        if (call.member == "Hold") return held.push_back(std::move(call));
-        for (; !held.empty(); held.pop_back()) held.back().reply.answer({held.back().arguments.at(0)});
-        call.reply.answer({});
-    });
-    auto mine = start(*client, "Hold", "s", {"mine"});
-    auto theirs = start(*other, "Hold", "s", {"theirs"});
-    auto second = start(*client, "Hold", "s", {"second"});
-    ASSERT_TRUE(ping(*other));
-    ASSERT_TRUE(call("Release", "", {}));
-    EXPECT_EQ(*mine.get().value().at(0).as<std::string>(), "mine");
-    EXPECT_EQ(*second.get().value().at(0).as<std::string>(), "second");
-    while (theirs.wait_for(0s) != std::future_status::ready) ASSERT_TRUE(call("Release", "", {}));
-    EXPECT_EQ(*theirs.get().value().at(0).as<std::string>(), "theirs");
 }
 
 TEST_F(SdBusTest, RepliesComeFromAnyThreadAndBeforeTheSignalsSentAfterThem) {

@@ -7,18 +7,14 @@
 
 #include <cerrno>
 #include <filesystem>
-#include <future>
 #include <set>
 
 #include "platform/counters.h"
 #include "platform/fakes/fake_url_session.h"
 #include "platform/fakes/manual_dispatcher.h"
-#include "platform/fakes/scripted_server.h"
 #include "platform/fakes/temporary_directory.h"
 #include "platform/file_manager.h"
 #include "platform/linux/background_session_factory.h"
-#include "platform/linux/curl_session.h"
-#include "platform/linux/thread_dispatcher.h"
 
 namespace orvex::platform {
 namespace {
@@ -278,13 +274,6 @@ TEST_F(StoredBackgroundSessionTest, MeteredNetworksAndBatteriesAreWaitedOut) {
     EXPECT_EQ(delayed->state(), BackgroundTaskState::running);
 }
 
-TEST_F(StoredBackgroundSessionTest, ASwitchToAMeteredNetworkLeavesTheOtherSessionAlone) {
-    resume(*upload("records"));
-    conditions.update([](Conditions& now) { now.isMetered = true; });
-    time.runPending();
-    EXPECT_EQ(network.session("test")->held(), 1u);
-}
-
 TEST_F(StoredBackgroundSessionTest, TheOldestGoesWhenTheQuotaIsPassed) {
     configuration.maxTasks = 3;
     configuration.maxSpoolBytes = 10;
@@ -386,55 +375,6 @@ TEST_F(StoredBackgroundSessionTest, AnUploadWhoseBodyIsLostEnds) {
     start();
     EXPECT_EQ(ends->all, (Texts{"1: -1"}));
     EXPECT_EQ(counters.value("com.kelvar.orvexd.transfer.dropped.body"), 1);
-}
-
-TEST(StoredBackgroundSessionOnThreadsTest, AnUploadAndADownloadGoOverARealNetwork) {
-    class Promised final : public BackgroundSessionDelegate {
-    public:
-        void didFinishDownloading(const std::shared_ptr<BackgroundTask>&, DownloadedFile& file) override {
-            downloaded = readFile(file.path());
-        }
-        void didSendBodyData(const std::shared_ptr<BackgroundTask>&, BodyProgress progress) override {
-            sent = progress.totalBytesSent;
-        }
-        void didComplete(const std::shared_ptr<BackgroundTask>& task, std::optional<TransportError>) override {
-            statuses.insert(task->response().value_or(URLResponse{}).statusCode);
-            if (statuses.size() == 2) done.set_value();
-        }
-        std::string downloaded;
-        std::uint64_t sent = 0;
-        std::set<std::int64_t> statuses;
-        std::promise<void> done;
-    };
-    ScriptedServer server([](const ReceivedRequest& request) {
-        return request.method == "POST" ? answerWith(201) : answerWith(200, {}, "downloaded");
-    });
-    const TemporaryDirectory home;
-    const auto files = fileManagerBelow(home.path());
-    ASSERT_TRUE((*files->stateDirectory())->makeDirectory("tmp"));
-    const std::string body(200'000, 'b');
-    ASSERT_TRUE((*files->stateDirectory())->replace("tmp/body", body));
-    CurlSessionFactory network;
-    DeviceConditions conditions;
-    Counters counters;
-    ThreadDispatcher threads;
-    const auto delegate = std::make_shared<Promised>();
-    StoredBackgroundSessionFactory factory({.dispatcher = threads,
-                                            .files = *files,
-                                            .urlSessions = network,
-                                            .conditions = conditions,
-                                            .counters = counters,
-                                            .transactions = std::make_shared<Transactions>(threads),
-                                            .draw = StoredBackgroundSessionFactory::randomDraw()});
-    const auto session = factory.makeSession({.identifier = "test"}, delegate);
-    factory.startUpIsThrough();
-    threads.start();
-    ASSERT_TRUE(session->uploadTask({.url = server.url("/up"), .method = "POST"}, "tmp/body")->resume());
-    ASSERT_TRUE(session->downloadTask({.url = server.url("/down")})->resume());
-    delegate->done.get_future().wait();
-    EXPECT_EQ(delegate->statuses, (std::set<std::int64_t>{200, 201}));
-    EXPECT_EQ(delegate->downloaded, "downloaded");
-    EXPECT_EQ(delegate->sent, body.size());
 }
 
 /// The other process: resumes uploads until it is killed, and says of each when it is stored.

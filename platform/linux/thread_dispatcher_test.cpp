@@ -73,19 +73,6 @@ TEST(ThreadDispatcherTest, ADestroyedDispatcherDestroysWhatHasNotRun) {
     EXPECT_EQ(held.use_count(), 1);
 }
 
-TEST(ThreadDispatcherTest, ThreadsHaveNames) {
-    ThreadDispatcher dispatcher({.workers = 1});
-    dispatcher.start();
-    Semaphore done(dispatcher, 0);
-    std::array<char, 16> name{};
-    dispatcher.submit(Priority::standard, [&] {
-        pthread_getname_np(pthread_self(), name.data(), name.size());
-        done.signal();
-    });
-    ASSERT_TRUE(done.wait(never));
-    EXPECT_STREQ(name.data(), "orvex-worker");
-}
-
 // With leeway the timer of the later date waits for the earlier one's end of leeway, and both come in one go.
 TEST(ThreadDispatcherTest, TimersWithLeewayShareAWakeUp) {
     ThreadDispatcher dispatcher({.workers = 2});

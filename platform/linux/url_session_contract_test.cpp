@@ -212,14 +212,6 @@ TYPED_TEST(URLSessionContract, ATaskCancelledBeforeItIsResumedSendsNothing) {
     EXPECT_EQ(this->wait().error->code, TransportError::cancelled);
 }
 
-TYPED_TEST(URLSessionContract, CancellingAfterTheEndDoesNothing) {
-    this->subject.answer(200, {}, "body");
-    const auto task = this->make({.url = this->subject.url()});
-    task->resume();
-    EXPECT_FALSE(this->wait().error);
-    task->cancel();
-}
-
 TYPED_TEST(URLSessionContract, ATaskThatIsNeverResumedNeverCompletes) {
     this->make({.url = this->subject.url()});
     EXPECT_THROW(this->outcome.get(), std::future_error);  // the completion was destroyed uncalled

@@ -29,15 +29,6 @@ TEST(URLTest, PartsAreKeptAsWrittenButSchemeAndHostInLowerCase) {
     EXPECT_EQ(url->absoluteString(), "https://User:Pw@example.com:8443/a/../B%2f?Q=%C3%a4+b&=#Top");
 }
 
-TEST(URLTest, AbsentPartsAreEmpty) {
-    const auto url = parseURL("https://example.com");
-    ASSERT_TRUE(url);
-    EXPECT_EQ(url->path, "/");
-    EXPECT_FALSE(url->query);
-    EXPECT_EQ(url->port, "");
-    EXPECT_EQ(url->absoluteString(), "https://example.com/");
-}
-
 TEST(URLTest, WhatIsNotAURLIsRefused) {
     using namespace std::string_view_literals;
     for (const auto text : {""sv, "example.com/x"sv, "/x"sv, "https://"sv, "https://a b/"sv, "https://a/\tb"sv,
@@ -73,13 +64,6 @@ TEST(URLTest, AnAddressInDisguiseIsJudgedAsWhatIsConnectedTo) {
     EXPECT_FALSE(acceptable("http://2130706434000/"));
     EXPECT_EQ(parseAcceptableURL("http://%6cocalhost/")->host, "localhost");
     EXPECT_FALSE(acceptable("https://%256cocalhost/"));  // would be another host when read a second time
-}
-
-TEST(URLTest, TheRefusedPartIsNamed) {
-    EXPECT_EQ(parseAcceptableURL("file:///x").error().text, "the scheme file is refused");
-    EXPECT_EQ(parseAcceptableURL("https://me@x/").error().text, "a URL with user or password is refused");
-    EXPECT_EQ(parseAcceptableURL("http://example.com/").error().text,
-              "the scheme http is refused for the host example.com");
 }
 
 TEST(URLTest, ReferencesAreResolvedAgainstTheirBase) {

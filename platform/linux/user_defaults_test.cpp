@@ -110,11 +110,6 @@ TEST_F(LinuxUserDefaultsTest, TheFileIsAnXMLListOfOurOwn) {
     EXPECT_EQ(LinuxUserDefaults(files, watcher).integer("k"), 7);
 }
 
-TEST_F(LinuxUserDefaultsTest, ReadingMakesNoDirectory) {
-    EXPECT_FALSE(LinuxUserDefaults(files, watcher, "com.kelvar.lookup.shared").boolean("LookupSuggestionsDisabled"));
-    EXPECT_FALSE(fs::exists(home / ".config/com.kelvar.lookup.shared"));
-}
-
 TEST_F(LinuxUserDefaultsTest, WritersOfSeveralProgramsLoseNothingOfEachOther) {
     LinuxUserDefaults one(files, watcher);
     LinuxUserDefaults two(files, watcher);

@@ -14,6 +14,7 @@
 #include "network/orvex_subscription_manager.h"
 #include "network/orx_network_request_factory.h"
 #include "platform/fakes/fake_platform.h"
+#include "platform/url.h"
 
 namespace orvex {
 
@@ -28,6 +29,21 @@ protected:
     }
 
     Assembly assembly{as<Assembly::Platform>()};
+    ORXNetworkRequestFactory& factory() {
+        if (!assembly.requestFactory()) makeFactory();
+        return *assembly.requestFactory();
+    }
+    static std::shared_ptr<const ORXBag> makeBag(std::string_view json, std::string agent = "lumisk/1") {
+        auto raw = std::make_shared<const boost::json::object>(parseJSON(json, kBagJSONDepth).value().as_object());
+        return std::make_shared<const ORXBag>(std::move(raw), std::move(agent));
+    }
+    static std::optional<std::string> itemOf(const platform::URLRequest& request, std::string_view name) {
+        const auto query = platform::parseURL(request.url).value().query.value_or("");
+        for (auto& [itemName, value] : platform::decodeQuery(query))
+            if (itemName == name) return value;
+        return std::nullopt;
+    }
+
     platform::URLSession& bagSession = assembly.bagSession();
     platform::FakeURLSession& server = *sessions.session("com.kelvar.orvexd.bagSession");  ///< who answers it
 };

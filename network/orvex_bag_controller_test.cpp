@@ -206,12 +206,6 @@ TEST_F(BagControllerTest, AChangedLocaleFetchesButOneThatLeavesTheBagsAddressAlo
     EXPECT_TRUE(log.contains(LogLevel::standard, "Orvex_Bag", "bag url changed from: "));
 }
 
-TEST_F(BagControllerTest, ARefreshWithoutABagFetches) {
-    start();
-    notifications.post(ORXBagRefreshRequiredNotification{});
-    EXPECT_EQ(fetches(), 1u);
-}
-
 TEST_F(BagControllerTest, TheAddressIsMadeAnewWhenASettingChanges) {
     start();
     fetch("{}");

@@ -23,28 +23,6 @@ TEST(RequestContextTest, ThreeLanguagesAreToldAtMost) {
     EXPECT_TRUE(log.contains(platform::LogLevel::error, "Orvex_Request", "Error encoding preferred languages"));
 }
 
-TEST(RequestContextTest, ABagDependsOnAllOfTheLocaleButTheTimeZone) {
-    platform::LocaleSettings settings{.identifier = "en_GB",
-                                      .preferredLanguages = {"en-GB"},
-                                      .calendarIdentifier = "gregorian",
-                                      .measurementSystem = platform::MeasurementSystem::uk,
-                                      .temperatureUnit = "C",
-                                      .uses24HourClock = true,
-                                      .timeZoneName = "Europe/London",
-                                      .countryCode = "GB"};
-    RequestContext context;
-    EXPECT_TRUE(context.setLocale(settings));
-    EXPECT_EQ(context.effectiveSystemLanguage, "en-GB");
-    EXPECT_EQ(context.localeMeasurementSystem, "UK");
-
-    settings.timeZoneName = "Europe/Jersey";
-    EXPECT_FALSE(context.setLocale(settings));
-    EXPECT_EQ(context.localTimeZoneName, "Europe/Jersey");
-    settings.countryCode = std::nullopt;
-    EXPECT_TRUE(context.setLocale(settings));
-    EXPECT_EQ(context.geoDeviceCountryCode, "");
-}
-
 TEST(RequestContextTest, DebugParametersWithoutAValueAreSkippedAndTold) {
     platform::FakeUserDefaults userDefaults;
     userDefaults.store("ORXDebugParameters", "a=1&b&c=3&d=1=2&e=&");

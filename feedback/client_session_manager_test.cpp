@@ -87,7 +87,7 @@ constexpr auto after = SessionState::afterSoftLimit;
 constexpr auto none = SessionState::noSession;
 constexpr auto kept = Cell::GUID::kept;
 constexpr auto renewed = Cell::GUID::renewed;
-constexpr auto noReason = SessionEndReason::unknown;
+using enum SessionEndReason;
 
 void ordinaryRecord(Sessions& sessions) { sessions.add(ordinary, 9); }
 void flushRequest(Sessions& sessions) { sessions.flush(); }
@@ -108,86 +108,35 @@ void otherGUID(Sessions& sessions) {
 void softLimitPasses(Sessions& sessions) { sessions.pass(600s); }
 void maximumTimePasses(Sessions& sessions) { sessions.pass(300s); }
 
+constexpr auto inNone = &Sessions::reachNoSession;
+constexpr auto early = &Sessions::reachBeforeSoftLimit;
+constexpr auto late = &Sessions::reachAfterSoftLimit;
+
 // Every event in every state. What would be an event in one state only happens in the others, too, and must then be an
 // ordinary record, or nothing.
 const Cell cells[] = {
-    {"record", &Sessions::reachNoSession, ordinaryRecord, before, {}, noReason, {9}, kept},
-    {"record", &Sessions::reachBeforeSoftLimit, ordinaryRecord, before, {}, noReason, {1, 9}, kept},
-    {"record", &Sessions::reachAfterSoftLimit, ordinaryRecord, after, {}, noReason, {1, 2, 9}, kept},
-    {"soft limit", &Sessions::reachNoSession, softLimitPasses, none, {}, noReason, {}, kept},
-    {"soft limit", &Sessions::reachBeforeSoftLimit, softLimitPasses, after, {}, noReason, {1}, kept},
-    {"maximum", &Sessions::reachBeforeSoftLimit, maximumTimePasses, before, {}, noReason, {1}, kept},
-    {"maximum",
-     &Sessions::reachAfterSoftLimit,
-     maximumTimePasses,
-     none,
-     {1, 2, ofDaemon},
-     SessionEndReason::maxSessionTimePassed,
-     {},
-     renewed},  // which expires at that moment
-    {"flush", &Sessions::reachNoSession, flushRequest, none, {}, noReason, {}, kept},
-    {"flush",
-     &Sessions::reachBeforeSoftLimit,
-     flushRequest,
-     none,
-     {1, ofDaemon},
-     SessionEndReason::externalRequest,
-     {},
-     kept},
-    {"flush",
-     &Sessions::reachAfterSoftLimit,
-     flushRequest,
-     none,
-     {1, 2, ofDaemon},
-     SessionEndReason::externalRequest,
-     {},
-     kept},
-    {"idle", &Sessions::reachNoSession, idleTimeOver, before, {}, noReason, {9}, kept},
-    {"idle", &Sessions::reachBeforeSoftLimit, idleTimeOver, before, {}, noReason, {1, 9}, kept},
-    {"not idle", &Sessions::reachAfterSoftLimit, justNotIdle, after, {}, noReason, {1, 2, 9}, kept},
-    {"idle",
-     &Sessions::reachAfterSoftLimit,
-     idleTimeOver,
-     before,
-     {1, 2, ofDaemon},
-     SessionEndReason::sessionIdle,
-     {9},
-     renewed},
-    {"GUID", &Sessions::reachNoSession, otherGUID, before, {}, noReason, {9}, renewed},
-    {"GUID",
-     &Sessions::reachBeforeSoftLimit,
-     otherGUID,
-     before,
-     {1, ofDaemon},
-     SessionEndReason::guidChanged,
-     {9},
-     renewed},
-    {"GUID",
-     &Sessions::reachAfterSoftLimit,
-     otherGUID,
-     before,
-     {1, 2, ofDaemon},
-     SessionEndReason::guidChanged,
-     {9},
-     renewed},
-    {"visible results", &Sessions::reachNoSession, resultsVisible, before, {}, noReason, {9}, kept},
-    {"visible results", &Sessions::reachBeforeSoftLimit, resultsVisible, before, {}, noReason, {1, 9}, kept},
-    {"visible results",
-     &Sessions::reachAfterSoftLimit,
-     resultsVisible,
-     none,
-     {1, 2, 9, ofDaemon},
-     SessionEndReason::engagementReceived,
-     {},
-     renewed},
-    {"card engagement",
-     &Sessions::reachAfterSoftLimit,
-     cardEngaged,
-     none,
-     {1, 2, 9, ofDaemon},
-     SessionEndReason::engagementReceived,
-     {},
-     renewed},
+    {"record", inNone, ordinaryRecord, before, {}, unknown, {9}, kept},
+    {"record", early, ordinaryRecord, before, {}, unknown, {1, 9}, kept},
+    {"record", late, ordinaryRecord, after, {}, unknown, {1, 2, 9}, kept},
+    {"soft limit", inNone, softLimitPasses, none, {}, unknown, {}, kept},
+    {"soft limit", early, softLimitPasses, after, {}, unknown, {1}, kept},
+    {"maximum", early, maximumTimePasses, before, {}, unknown, {1}, kept},
+    {"maximum", late, maximumTimePasses, none, {1, 2, ofDaemon}, maxSessionTimePassed, {}, renewed},  // which expires
+                                                                                                      // just then
+    {"flush", inNone, flushRequest, none, {}, unknown, {}, kept},
+    {"flush", early, flushRequest, none, {1, ofDaemon}, externalRequest, {}, kept},
+    {"flush", late, flushRequest, none, {1, 2, ofDaemon}, externalRequest, {}, kept},
+    {"idle", inNone, idleTimeOver, before, {}, unknown, {9}, kept},
+    {"idle", early, idleTimeOver, before, {}, unknown, {1, 9}, kept},
+    {"not idle", late, justNotIdle, after, {}, unknown, {1, 2, 9}, kept},
+    {"idle", late, idleTimeOver, before, {1, 2, ofDaemon}, sessionIdle, {9}, renewed},
+    {"GUID", inNone, otherGUID, before, {}, unknown, {9}, renewed},
+    {"GUID", early, otherGUID, before, {1, ofDaemon}, guidChanged, {9}, renewed},
+    {"GUID", late, otherGUID, before, {1, 2, ofDaemon}, guidChanged, {9}, renewed},
+    {"visible results", inNone, resultsVisible, before, {}, unknown, {9}, kept},
+    {"visible results", early, resultsVisible, before, {}, unknown, {1, 9}, kept},
+    {"visible results", late, resultsVisible, none, {1, 2, 9, ofDaemon}, engagementReceived, {}, renewed},
+    {"card engagement", late, cardEngaged, none, {1, 2, 9, ofDaemon}, engagementReceived, {}, renewed},
 };
 
 void expectEnded(const Cell& cell, Sessions& sessions) {
@@ -279,34 +228,22 @@ TEST(ClientSessionManagerTest, TheMaximumTimeIsToldWhenItEndsASession) {
 }
 
 TEST(ClientSessionManagerTest, LimitsComeFromTheDefaults) {
+    const auto with = [](const char* key, std::int64_t value) { return platform::PropertyDictionary{{key, value}}; };
+    constexpr auto soft = "ORXSessionSoftLimitOverride";
+    constexpr auto idleTime = "ORXSessionIdleTimeOverride";
     struct {
         platform::PropertyDictionary overrides;
         std::int64_t softLimit, idle, maximum;
         std::string_view error;
     } const cases[] = {
         {{}, 600, 180, 300, ""},
-        {{{"ORXSessionSoftLimitOverride", 0}},
-         600,
-         180,
-         300,
-         "Soft limit override value must be greater than 0 : 0 defaulting to 600"},
-        {{{"ORXSessionSoftLimitOverride", -5}},
-         600,
-         180,
-         300,
-         "Soft limit override value must be greater than 0 : -5 defaulting to 600"},
-        {{{"ORXSessionSoftLimitOverride", 899}}, 899, 180, 1, ""},
-        {{{"ORXSessionSoftLimitOverride", 900}},
-         600,
-         180,
-         300,
+        {with(soft, 0), 600, 180, 300, "Soft limit override value must be greater than 0 : 0 defaulting to 600"},
+        {with(soft, -5), 600, 180, 300, "Soft limit override value must be greater than 0 : -5 defaulting to 600"},
+        {with(soft, 899), 899, 180, 1, ""},
+        {with(soft, 900), 600, 180, 300,
          "Soft limit override value must be less than guid expiration 900 : 900 defaulting to 600"},
-        {{{"ORXSessionIdleTimeOverride", 0}},
-         600,
-         180,
-         300,
-         "Idle limit override value must be greater than 0 : 0 defaulting to 180"},
-        {{{"ORXSessionIdleTimeOverride", 100'000}}, 600, 100'000, 300, ""},
+        {with(idleTime, 0), 600, 180, 300, "Idle limit override value must be greater than 0 : 0 defaulting to 180"},
+        {with(idleTime, 100'000), 600, 100'000, 300, ""},
     };
     for (const auto& [overrides, softLimit, idle, maximum, error] : cases) {
         Sessions sessions(overrides);
@@ -433,14 +370,6 @@ TEST(ClientSessionManagerTest, ADiskThatFailsFailsTheRecordThatItCost) {
     sessions.flush();
     EXPECT_TRUE(sessions.world.log.contains(LogLevel::fault, "Orvex_Session", "Storage Handle nil major error"));
     EXPECT_EQ(sessions.world.faulty.plan().injected(), 2u);
-}
-
-TEST(ClientSessionManagerTest, AManagerThatIsGoneIgnoresItsTimers) {
-    Sessions sessions;
-    sessions.add(ordinary, 1);
-    sessions.manager = nullptr;
-    sessions.pass(900s);
-    EXPECT_EQ(sessions.heard->softLimits, 0);
 }
 
 TEST(ClientSessionManagerTest, ErrorsOfTheDaemonGoToTheAssemblysManager) {

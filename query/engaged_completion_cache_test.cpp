@@ -190,21 +190,6 @@ TEST_F(EngagedCompletionCacheTest, NumbersThatAreNoneAreRefusedAndHugeOnesOfferN
     EXPECT_EQ(find("tr"), Texts{});
 }
 
-TEST_F(EngagedCompletionCacheTest, SwitchedOffItStoresAndFindsNothingButClears) {
-    add("tree");
-    defaults.store("ORXDisableLocalCompletions", true);
-    cache->addCompletion({.completion = "trunk", .input = "tr", .client = 2});
-    EXPECT_EQ(find("tr"), Texts{});
-    EXPECT_TRUE(featureCounts("tr").empty());
-    defaults.store("ORXDisableLocalCompletions", false);
-    EXPECT_EQ(find("tr"), Texts{"tree"});
-    defaults.store("ORXDisableLocalCompletions", true);
-    cache->clearAllCompletions();
-    time.runPending();
-    defaults.store("ORXDisableLocalCompletions", false);
-    EXPECT_EQ(find("tr"), Texts{});
-}
-
 TEST_F(EngagedCompletionCacheTest, EachClearTakesWhatItSays) {
     const auto seed = [&] {
         for (std::int64_t client : {0, 1, 2}) add("tree", "tr", client);

@@ -65,10 +65,7 @@ public:
         _defaults.store("ORXSessionSizeLimit", std::int64_t{1} << 40);
         _platform.sessions.setScript([](const platform::URLRequest&) {
             return platform::FakeAnswer{.statusCode = 200,
-                                        .headers = {},
-                                        .body = R"({"version": "1", "feedback_enabled": true})",
-                                        .error = {},
-                                        .timing = {}};
+                                        .body = R"({"version": "1", "feedback_enabled": true})"};
         });
         _service = assemble(_assembly);
         check(_service->exportObjects().has_value(), "the bus refused the object");

@@ -76,17 +76,5 @@ TEST(BusDictionariesTest, ARefusalNamesTheEntry) {
     EXPECT_EQ(refusal("card", BusDictionary{}.set("card_url", "https://card.example/")), "");
 }
 
-TEST(BusDictionariesTest, AnAbsentFlightDateIsNone) {
-    EXPECT_FALSE(std::get<ORXFlightSearchRequest>(*requestFromBus("flight", {})).flightDate);
-    const auto dated = requestFromBus("flight", BusDictionary{}.set("flight_date", 5.0));
-    EXPECT_EQ(std::get<ORXFlightSearchRequest>(*dated).flightDate, 5.0);
-}
-
-TEST(BusDictionariesTest, NoErrorIsAnEmptyDictionaryAndAnAbsentReasonIsLeftOut) {
-    EXPECT_TRUE(busError(std::nullopt).entries.empty());
-    EXPECT_EQ(busError(ORXError("D", -1, std::nullopt)).entries.size(), 2u);
-    EXPECT_TRUE(busReply(std::nullopt).entries.empty());
-}
-
 }  // namespace
 }  // namespace orvex

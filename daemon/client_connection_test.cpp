@@ -31,16 +31,6 @@ protected:
     DaemonWorld world;
 };
 
-TEST_F(ClientConnectionTest, AConfigurationIsAnsweredAndTheBagFollows) {
-    world.start();
-    EXPECT_TRUE(world.configure(":1.1")->arguments.has_value());
-    const auto signals = world.bus.takeSignals(":1.1");
-    ASSERT_EQ(signals.size(), 1u);
-    EXPECT_EQ(signals[0].member, "BagDidLoad");
-    EXPECT_NE(signals[0].arguments[0].as<std::string>()->find("search.example"), std::string::npos);
-    EXPECT_TRUE(signals[0].arguments[1].as<BusDictionary>()->entries.empty());
-}
-
 TEST_F(ClientConnectionTest, WithoutABagTheSignalStillFollowsAndTellsTheTimeout) {
     world.serveBag(std::nullopt);
     world.start();
@@ -89,6 +79,7 @@ TEST_F(ClientConnectionTest, OneClientIdentifierTooManyIsBeyondALimit) {
         ASSERT_TRUE(world.assembly.clientStateManager()->stateForClientIdentifier(std::to_string(i)));
     }
     EXPECT_EQ(world.configure(":1.1", "one more")->errorName(), platform::bus_error::limitsExceeded);
+    EXPECT_EQ(world.counters.value("com.kelvar.orvexd.clientstates.refused"), 1);
     EXPECT_TRUE(world.service->getClientConnections().empty());
     EXPECT_TRUE(world.configure(":1.1", "7")->arguments);
 }
@@ -128,19 +119,6 @@ TEST_F(ClientConnectionTest, WithoutAStateNobodyIsLeftWaiting) {
     EXPECT_TRUE(world.callDaemon(":1.1", "GetImageMap")->arguments->at(0).as<BusDictionary>()->entries.empty());
     EXPECT_TRUE(world.callDaemon(":1.1", "AddCompletion", {"a", "b"})->arguments);
     EXPECT_TRUE(world.log.contains(LogLevel::fault, "Orvex_Session", "configuration must not be nil"));
-}
-
-TEST_F(ClientConnectionTest, WithAStateAnEmptyPayloadIsFineAndAnyOtherHasNobodyToTakeIt) {
-    world.start();
-    ASSERT_TRUE(world.configure(":1.1")->arguments);
-    const auto payload = [&](std::string bytes) {
-        platform::BusBytes data{std::make_shared<const std::string>(std::move(bytes))};
-        return world.callDaemon(":1.1", "ReportFeedbackPayloadData", {data, std::uint64_t{0}});
-    };
-    EXPECT_TRUE(payload("")->arguments);
-    EXPECT_EQ(payload("x")->errorName(), internalError);
-    EXPECT_EQ(payload(std::string(1u << 20, 'x'))->errorName(), internalError);
-    EXPECT_EQ(payload(std::string((1u << 20) + 1, 'x'))->errorName(), platform::bus_error::limitsExceeded);
 }
 
 TEST_F(ClientConnectionTest, NumbersThatAreNotFiniteAreRefused) {
@@ -188,16 +166,6 @@ TEST_F(ClientConnectionTest, EveryConfigureAddsOneMoreBagRegistrationUpToSixteen
     world.time.runPending();
     EXPECT_EQ(signalsTo(":1.1").size(), 16u);
     EXPECT_EQ(signalsTo(":1.2").size(), 1u);
-}
-
-TEST_F(ClientConnectionTest, ResourceChangesAreToldByName) {
-    world.start();
-    ASSERT_TRUE(world.configure(":1.1")->arguments);
-    (void)signalsTo(":1.1");
-    world.notifications.post(ORXFileDownloadCompletedNotification{"hints", "https://x.example/"});
-    world.notifications.post(ORXFileDeletedNotification{"hints"});
-    world.time.runPending();
-    EXPECT_EQ(signalsTo(":1.1"), (std::vector<std::string>{"DidDownloadResource", "DidDeleteResource"}));
 }
 
 TEST_F(ClientConnectionTest, TheImageMapIsTheBagsResources) {

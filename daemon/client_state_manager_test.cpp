@@ -28,16 +28,6 @@ TEST_F(ClientStateManagerTest, AnIdentifierHasOneState) {
                                    "client session identifier cannot be nil or empty"));
 }
 
-TEST_F(ClientStateManagerTest, OneStateTooManyIsRefusedAndCounted) {
-    ClientStateManager manager(world.assembly);
-    for (std::size_t i = 0; i < ClientStateManager::maxStates; ++i) {
-        ASSERT_TRUE(manager.stateForClientIdentifier(std::to_string(i)));
-    }
-    EXPECT_EQ(manager.stateForClientIdentifier("more").error(), ClientStateManager::Refusal::tooManyStates);
-    EXPECT_TRUE(manager.stateForClientIdentifier("5"));
-    EXPECT_EQ(world.counters.value("com.kelvar.orvexd.clientstates.refused"), 1);
-}
-
 TEST_F(ClientStateManagerTest, NothingIsKeptUnlessItIsAskedFor) {
     world.defaults.store("sessions", PropertyArray{PropertyDictionary{{"identifier", "x"}, {"agent", "X/1"}}});
     ClientStateManager manager(world.assembly);

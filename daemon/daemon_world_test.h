@@ -54,7 +54,7 @@ public:
         const auto script = [body = std::move(body),
                              status](const platform::URLRequest& request) -> std::optional<platform::FakeAnswer> {
             if (request.url.find("/bag") == std::string::npos || !body) return std::nullopt;
-            return platform::FakeAnswer{.statusCode = status, .headers = {}, .body = *body, .error = {}, .timing = {}};
+            return platform::FakeAnswer{.statusCode = status, .body = *body};
         };
         sessions.setScript(script);
         if (const auto session = sessions.session("com.kelvar.orvexd.bagSession")) session->setScript(script);
@@ -72,6 +72,10 @@ public:
     }
     Outcome callDaemon(const std::string& client, std::string_view member, platform::BusArguments arguments = {}) {
         return call(client, "com.kelvar.orvexd.Daemon", member, std::move(arguments));
+    }
+    platform::BusDictionary status() {
+        const auto outcome = call(":1.9", "com.kelvar.orvexd.Diagnostics", "Status", {});
+        return *outcome->arguments->at(0).as<platform::BusDictionary>();
     }
     Outcome configure(const std::string& client, platform::BusValue identifier = "com.kelvar.lumisk",
                       platform::BusValue userAgent = "Lumisk/1") {

@@ -24,20 +24,17 @@ protected:
     void learn(std::string body = completions, std::int64_t status = 200) {
         const auto outcome = world.search(":1.1", "we");
         ASSERT_FALSE(outcome->arrived());
-        world.answer({.statusCode = status, .headers = {}, .body = std::move(body), .error = {}, .timing = {}});
+        world.answer({.statusCode = status, .body = std::move(body)});
         ASSERT_TRUE(outcome->arguments);
     }
     /// Whether `text` is answered without the server.
     bool known(const std::string& text) {
         const auto outcome = world.search(":1.1", text);
         if (outcome->arrived()) return true;
-        world.answer({.headers = {}, .body = "[]", .error = {}, .timing = {}});
+        world.answer({.body = "[]"});
         return false;
     }
-    std::uint64_t status(const char* entry) {
-        const auto outcome = world.call(":1.9", "com.kelvar.orvexd.Diagnostics", "Status", {});
-        return *outcome->arguments->at(0).as<BusDictionary>()->find(entry)->as<std::uint64_t>();
-    }
+    std::uint64_t status(const char* entry) { return *world.status().find(entry)->as<std::uint64_t>(); }
 
     DaemonWorld world;
 };

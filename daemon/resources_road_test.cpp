@@ -74,7 +74,7 @@ protected:
         world.time.runPending();
     }
     void answer(std::string body, std::int64_t status = 200, std::string url = {}) {
-        answer({.statusCode = status, .headers = {}, .body = std::move(body), .error = {}, .timing = {}, .url = url});
+        answer({.statusCode = status, .body = std::move(body), .url = url});
     }
     void install(const std::string& identifier, const std::string& url, const std::string& body) {
         changeBag({{identifier, url}});
@@ -210,7 +210,7 @@ TEST_F(ResourcesRoadTest, AFailedDownloadLeavesTheFileAndIsReported) {
                "download error ORXURLErrorDomain -1005"}}) {
         changeBag({{"map", "https://r.example/map?version=2"}});
         ASSERT_THAT(begun(), ElementsAre("map update 1"));
-        answer({.statusCode = status, .headers = {}, .body = "new", .error = error, .timing = {}});
+        answer({.statusCode = status, .body = "new", .error = error});
         EXPECT_TRUE(reported(report)) << report;
     }
     EXPECT_EQ(file("map"), "old");
@@ -261,7 +261,7 @@ TEST_F(ResourcesRoadTest, AnEndOfWhatIsNoLongerKnownInstallsNothing) {
         world.time.advance(60s);
         return session().held().front();
     }();
-    session().answer({.headers = {}, .body = "late", .error = {}, .timing = {}});  // and not yet told
+    session().answer({.body = "late"});  // and not yet told
     world.notifications.post(
         ORXBagChangeNotification{std::make_shared<const ORXBag>(std::make_shared<const boost::json::object>(), "")});
     world.time.runPending();
@@ -272,22 +272,11 @@ TEST_F(ResourcesRoadTest, AnEndOfWhatIsNoLongerKnownInstallsNothing) {
 }
 
 TEST_F(ResourcesRoadTest, AnIdentifierIsCheckedBeforeEveryUse) {
-    const std::vector<std::string> refused = {"",
-                                              ".hidden",
-                                              "-x",
-                                              "a/b",
-                                              "../bag.plist",
-                                              "bag.plist",
-                                              "bag.plist.corrupt",
-                                              "session.1",
-                                              "map.corrupt",
-                                              "CustomFeedback",
-                                              "EngagedCompletions",
-                                              std::string(129, 'x'),
-                                              std::string(1000, 'x'),
-                                              "m\xc3\xa4p",
-                                              "m\xff",
-                                              "a b"};
+    std::vector<std::string> refused;
+    for (const auto* name : {"", ".hidden", "-x", "a/b", "../bag.plist", "bag.plist", "bag.plist.corrupt", "session.1",
+                             "map.corrupt", "CustomFeedback", "EngagedCompletions", "m\xc3\xa4p", "m\xff", "a b"})
+        refused.emplace_back(name);
+    for (const std::size_t size : {129, 1000}) refused.emplace_back(size, 'x');
     world.defaults.store("download_resources",
                          PropertyDictionary{{"session.1", PropertyDictionary{{"url", "https://r.example/1"}}}});
     start();

@@ -48,7 +48,7 @@ TEST_F(SearchRoadTest, TheServersBodyComesBackWithTheQueryId) {
     EXPECT_NE(sent.url.find("&q=tree"), std::string::npos);
     EXPECT_EQ(platform::headerValue(sent.headers, "X-Kelvar-UI-Scale"), "2.0");
     EXPECT_TRUE(platform::headerValue(sent.headers, "X-Kelvar-UserGuid").has_value());
-    world.answer({.statusCode = 200, .headers = {}, .body = R"([{"status": "OK"}])", .error = {}, .timing = {}});
+    world.answer({.statusCode = 200, .body = R"([{"status": "OK"}])"});
     ASSERT_TRUE(outcome->arguments);
     EXPECT_EQ(*outcome->arguments->at(0).as<std::uint64_t>(), 42u);
     EXPECT_EQ(reply(outcome).find("data")->as<platform::BusBytes>()->view(), R"([{"status": "OK"}])");
@@ -113,11 +113,7 @@ TEST_F(SearchRoadTest, ABagThatComesDuringTheWaitWakesEveryWaiter) {
     world.start();
     world.time.submit(platform::Priority::background, [&] {
         world.sessions.session("com.kelvar.orvexd.bagSession")
-            ->answer({.statusCode = 200,
-                      .headers = {},
-                      .body = std::string(DaemonWorld::plainBag),
-                      .error = {},
-                      .timing = {}});
+            ->answer({.statusCode = 200, .body = std::string(DaemonWorld::plainBag)});
     });
     const auto begin = world.time.now();
     const auto first = world.bus.call(":1.1", "com.kelvar.orvexd.Daemon", "Configure",
@@ -150,18 +146,15 @@ TEST_F(SearchRoadTest, ADisabledBagAShortQueryAndNoEndpointAreAnsweredWithNothin
 TEST_F(SearchRoadTest, EachFailureOfTheTransportIsTheClientsToKnow) {
     startWithClient();
     auto outcome = world.search(":1.1", "tree");
-    world.answer({.headers = {},
-                  .body = {},
-                  .error = platform::TransportError{platform::TransportError::timedOut, "too slow"},
-                  .timing = {}});
+    world.answer({.error = platform::TransportError{platform::TransportError::timedOut, "too slow"}});
     EXPECT_EQ(*error(outcome).find("domain")->as<std::string>(), "ORXURLErrorDomain");
     EXPECT_EQ(*error(outcome).find("code")->as<std::int64_t>(), -1001);
     EXPECT_EQ(reason(outcome), "too slow");
     outcome = world.search(":1.1", "tree");
-    world.answer({.headers = {}, .body = "x", .isHTTP = false, .error = {}, .timing = {}});
+    world.answer({.body = "x", .isHTTP = false});
     EXPECT_EQ(reason(outcome), "invalid response class");
     outcome = world.search(":1.1", "tree");
-    world.answer({.statusCode = 204, .headers = {}, .body = "", .error = {}, .timing = {}});
+    world.answer({.statusCode = 204, .body = ""});
     EXPECT_TRUE(isNothing(outcome));
 }
 
@@ -187,8 +180,8 @@ TEST_F(SearchRoadTest, AnOlderQueryIsAnsweredThoughANewerOneCame) {
     startWithClient();
     const auto older = world.search(":1.1", "tr");
     const auto newer = world.search(":1.1", "tre");
-    world.answer({.headers = {}, .body = "1", .error = {}, .timing = {}});
-    world.answer({.headers = {}, .body = "2", .error = {}, .timing = {}});
+    world.answer({.body = "1"});
+    world.answer({.body = "2"});
     EXPECT_EQ(reply(older).find("data")->as<platform::BusBytes>()->view(), "1");
     EXPECT_EQ(reply(newer).find("data")->as<platform::BusBytes>()->view(), "2");
 }
@@ -236,13 +229,12 @@ TEST_F(SearchRoadTest, AConnectionIsWarmedAtMostOnceInThirtySeconds) {
     world.start();
     warm();
     EXPECT_TRUE(told("warm not required, bag fetch in process"));
-    world.sessions.session("com.kelvar.orvexd.bagSession")
-        ->answer({.headers = {}, .body = std::string(DaemonWorld::plainBag), .error = {}, .timing = {}});
+    world.sessions.session("com.kelvar.orvexd.bagSession")->answer({.body = std::string(DaemonWorld::plainBag)});
     world.time.runPending();
     warm();
     ASSERT_EQ(world.server().sent().size(), 1u);
     EXPECT_EQ(world.server().sent()[0].request.url, "https://search.example/warm");
-    world.answer({.statusCode = 204, .headers = {}, .body = {}, .error = {}, .timing = {}});
+    world.answer({.statusCode = 204});
     EXPECT_TRUE(told("Status for warm request: (204) error: ((null))"));
     world.time.advance(29s);
     warm();
@@ -272,7 +264,7 @@ TEST_F(SearchRoadTest, TheTextOfAQueryIsInNoLogButADebugLog) {
     const platform::RecordingLog usual(LogLevel::info);
     startWithClient();
     (void)world.search(":1.1", "secret");
-    world.answer({.headers = {}, .body = "[]", .error = {}, .timing = {}});
+    world.answer({.body = "[]"});
     for (const auto& line : usual.lines()) EXPECT_EQ(line.text.find("secret"), std::string::npos) << line.text;
 }
 

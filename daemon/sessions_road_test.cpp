@@ -31,10 +31,7 @@ protected:
         for (const auto& record : manager()->currentSessionRecords()) agents.push_back(record.user_agent());
         return agents;
     }
-    std::uint32_t status(std::string_view entry) {
-        const auto outcome = world.call(":1.99", "com.kelvar.orvexd.Diagnostics", "Status", {});
-        return *outcome->arguments->at(0).as<platform::BusDictionary>()->find(entry)->as<std::uint32_t>();
-    }
+    std::uint32_t status(std::string_view entry) { return *world.status().find(entry)->as<std::uint32_t>(); }
     std::int64_t count(std::string_view name) { return world.counters.value("com.kelvar.orvexd." + std::string(name)); }
     using Texts = std::vector<std::string>;
 
@@ -101,14 +98,6 @@ TEST_F(SessionsRoadTest, AClientWithASessionOfItsOwnFlushesItWhenItLeaves) {
     world.time.runPending();
     EXPECT_TRUE(world.log.contains(LogLevel::standard, "Orvex_Session", "session flushed on invalidation"));
     EXPECT_EQ(own->currentState(), SessionState::noSession);
-}
-
-TEST_F(SessionsRoadTest, ABadConfigurationIsReported) {
-    start(R"({"version": "1", "feedback_enabled": true})");
-    world.configure(":1.1", "", "");
-    const auto records = manager()->currentSessionRecords();
-    ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].payload().error().error().user_info().at("reason").string_value(), "invalid configuration");
 }
 
 }  // namespace

@@ -12,21 +12,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-TEST(StartUpTest, TheDefaultsAreRegisteredAndTheDirectoriesMade) {
-    DaemonWorld world;
-    world.start();
-    EXPECT_TRUE(world.defaults.boolean("ORXSharedSession"));
-    EXPECT_EQ(world.defaults.integer("ORXSessionSizeLimit"), 2097152);
-    EXPECT_EQ(world.defaults.integer("ORXSessionMaxAge"), 172800);
-    EXPECT_TRUE(world.assembly.useCindora());
-    EXPECT_EQ(world.defaults.integer("ORXSessionSoftLimitOverride"), 600);
-    EXPECT_EQ(world.defaults.integer("ORXSessionIdleTimeOverride"), 180);
-    const auto caches = world.files.cachesDirectory();
-    EXPECT_EQ((*caches)->list("CustomFeedback")->size(), 6u);
-    EXPECT_EQ(world.counters.value("com.kelvar.orvexd.launch"), 1);
-    EXPECT_EQ(world.bagFetches(), 1u);
-}
-
 TEST(StartUpTest, WithoutDirectoriesItStartsAllTheSame) {
     DaemonWorld world;
     world.files.setAvailable(false);

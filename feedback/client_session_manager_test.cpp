@@ -121,8 +121,7 @@ const Cell cells[] = {
     {"soft limit", inNone, softLimitPasses, none, {}, unknown, {}, kept},
     {"soft limit", early, softLimitPasses, after, {}, unknown, {1}, kept},
     {"maximum", early, maximumTimePasses, before, {}, unknown, {1}, kept},
-    {"maximum", late, maximumTimePasses, none, {1, 2, ofDaemon}, maxSessionTimePassed, {}, renewed},  // which expires
-                                                                                                      // just then
+    {"maximum", late, maximumTimePasses, none, {1, 2, ofDaemon}, maxSessionTimePassed, {}, renewed},  // it expires now
     {"flush", inNone, flushRequest, none, {}, unknown, {}, kept},
     {"flush", early, flushRequest, none, {1, ofDaemon}, externalRequest, {}, kept},
     {"flush", late, flushRequest, none, {1, 2, ofDaemon}, externalRequest, {}, kept},

@@ -46,6 +46,7 @@ namespace {
 using namespace orvex;
 
 constexpr int stopped = 0;
+constexpr int cannotStart = 1;
 constexpr int wrongUsage = 2;
 constexpr int notAlone = 3;  // or no bus
 
@@ -79,7 +80,7 @@ std::optional<platform::LockFile> lockState(platform::FileManager& files) {
         return std::nullopt;
     }
     auto lock = platform::LockFile::take(std::filesystem::path((*state)->path()) / "lock");
-    if (!lock && lock.error().code == EWOULDBLOCK) giveUp(notAlone, "another orvexd is running");
+    if (!lock && lock.error().code == EWOULDBLOCK) giveUp(notAlone, lock.error().text);
     if (!lock) platform::defaultLogger().error("cannot lock the state directory: {}", lock.error().text);
     return lock ? std::optional(*std::move(lock)) : std::nullopt;
 }
@@ -112,6 +113,8 @@ int main(int argc, char** argv) {
     platform::prepareProcess();
     const CommandLine commandLine = readCommandLine(argc, argv);
     startLog(commandLine);
+    const auto signals = platform::SignalSource::create();
+    if (!signals) giveUp(cannotStart, signals.error().text);
 
     platform::LinuxFileManager files(platform::LinuxFileManager::Environment::ofProcess());
     const auto lock = lockState(files);
@@ -174,15 +177,15 @@ int main(int argc, char** argv) {
     const auto service = assemble(assembly);
     if (const auto exported = service->exportObjects(); !exported) giveUp(notAlone, exported.error().text);
     dispatcher.start();
+    // Before anyone can call: from then on there is something to finish.
+    (*signals)->handOver(dispatcher, [&](int signal) {
+        platform::defaultLogger().debug("{}", signal == SIGINT ? "SIGINT" : "SIGTERM");
+        dispatcher.stopMain(stopped);
+    });
     if (const auto named = bus->requestName(std::string(kORXBusName)); !named) giveUp(notAlone, named.error().text);
     beginService(assembly);
 
     bus->setDisconnectHandler([&] { dispatcher.stopMain(stopped); });
-    const auto signals = platform::SignalSource::create(dispatcher, [&](int signal) {
-        platform::defaultLogger().debug("{}", signal == SIGINT ? "SIGINT" : "SIGTERM");
-        dispatcher.stopMain(stopped);
-    });
-    if (!signals) giveUp(1, signals.error().text);
     std::optional<IdleExit> idleExit;
     if (commandLine.idleExit.count() > 0) {
         idleExit.emplace(

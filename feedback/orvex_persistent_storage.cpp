@@ -12,6 +12,7 @@
 #include "daemon/orvex_logging.h"
 #include "feedback/file_container.h"
 #include "feedback/orvexd_user_agent.h"
+#include "platform/age.h"
 #include "platform/counters.h"
 #include "platform/file_manager.h"
 #include "platform/user_defaults.h"
@@ -150,8 +151,7 @@ std::shared_ptr<FileContainer> OrvexPersistentStorage::_found(platform::Director
         log().error("Attribute fetch error {}", attributes.error().text);
         return nullptr;
     }
-    const auto now = platform::secondsSince1970(_assembly.dispatcher().wallNow());
-    if (now - platform::secondsSince1970(attributes->created) > _maxFileAge) {
+    if (platform::ageOf(attributes->created, _assembly.dispatcher().wallNow()).count() > _maxFileAge) {
         _assembly.counters().add("com.kelvar.orvexd.filetooold");
         if (const auto removed = directory.remove(name); !removed)
             log().error("file removing error {}", removed.error().text);

@@ -179,8 +179,10 @@ TEST_F(SessionFilesTest, AFileThatIsTooOldIsRemovedAtStart) {
     put("session.2", "");
     files.setTime(time.wallNow() + 1h);  // the clock was put back
     put("session.3", "");
+    files.setTime(time.wallNow() - std::chrono::years(30));  // it was not set when the file was made
+    put("session.4", "");
     start();
-    EXPECT_EQ(waiting(), (std::vector<std::string>{"session.1", "session.3"}));
+    EXPECT_EQ(waiting(), (std::vector<std::string>{"session.1", "session.3", "session.4"}));
     EXPECT_EQ(contents("session.2"), "(none)");
     EXPECT_EQ(count("filetooold"), 1);
 }

@@ -29,8 +29,8 @@ void ActivityHistory::noteRun(const std::string& name, WallTime date) {
     boost::json::object object;
     for (const auto& [activity, seconds] : _dates) object[activity] = seconds;
     auto state = _files.stateDirectory();
-    const auto written =
-        state ? (*state)->replace(fileName, boost::json::serialize(object)) : failure(0, "no directory");
+    const auto written = state ? (*state)->replace(fileName, boost::json::serialize(object))
+                               : Result<void>(std::unexpected(state.error()));
     if (!written) defaultLogger().error("the run of {} is not remembered: {}", name, written.error().text);
 }
 

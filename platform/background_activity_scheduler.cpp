@@ -115,13 +115,17 @@ void DispatcherActivityScheduler::_tell() {
     }
 }
 
-/// A date that was set since may be anything, but no activity comes later than one whole interval from now.
+/// No activity comes later than one whole interval after the first look at a clock that was set back since its last
+/// run: without a new date every short-lived process would wait a whole interval anew.
 MonotonicTime DispatcherActivityScheduler::_dueAfter(const std::string& name, const ActivityCriteria& criteria) {
     if (criteria.interval <= std::chrono::seconds(0)) return {};
     const auto now = _services.dispatcher.wallNow();
-    const auto last = _history.lastRun(name);
-    if (!last) _history.noteRun(name, now);
-    const std::chrono::duration<double> since(secondsSince1970(now) - secondsSince1970(last.value_or(now)));
+    auto last = _history.lastRun(name);
+    if (!last || *last > now) {
+        _history.noteRun(name, now);
+        last = now;
+    }
+    const std::chrono::duration<double> since(secondsSince1970(now) - secondsSince1970(*last));
     const std::chrono::duration<double> whole = criteria.interval;
     const auto left = std::clamp(whole - since, std::chrono::duration<double>(0), whole);
     return _services.dispatcher.now() + std::chrono::duration_cast<std::chrono::nanoseconds>(left);

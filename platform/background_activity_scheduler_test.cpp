@@ -133,11 +133,23 @@ TEST_F(BackgroundActivitySchedulerTest, AnActivityIsDueAnIntervalAfterItsLastRun
     checkInLeaving("flush", State::run, everyFourHours);
     time.runPending();
     EXPECT_EQ(runs.size(), 4u);
-    time.jumpWall(-1000h);
-    restart();
-    checkInLeaving("flush", State::run, everyFourHours);
-    time.advance(4h + 1min);
-    EXPECT_EQ(runs.size(), 5u);
+}
+
+TEST_F(BackgroundActivitySchedulerTest, AClockThatWasWrongNeitherStopsAnActivityNorRepeatsIt) {
+    const auto restartAndWait = [this](std::chrono::nanoseconds sinceClockWasWrong) {
+        time.jumpWall(sinceClockWasWrong);
+        restart();
+        checkInLeaving("flush", State::run, {.interval = 4h, .grace = 1h});
+        time.advance(3h);
+    };
+    restartAndWait(0s);
+    EXPECT_EQ(runs.size(), 0u);
+    restartAndWait(30 * 365 * 24h);  // it seems overdue, and runs
+    EXPECT_EQ(runs.size(), 1u);
+    restartAndWait(-30 * 365 * 24h);
+    EXPECT_EQ(runs.size(), 1u);
+    restartAndWait(0s);  // two processes of three hours each: the second one lives to see it
+    EXPECT_EQ(runs.size(), 2u);
 }
 
 TEST_F(BackgroundActivitySchedulerTest, ADueRunWaitsForNetworkAndMainsWithoutATimer) {

@@ -62,7 +62,12 @@ bool saysBrokenFile(const Failure& failure) {
 }
 
 bool setAside(Directory& directory, std::string_view name) {
-    return directory.rename(name, std::string(name) + ".corrupt").has_value();
+    const std::string aside = std::string(name) + ".corrupt";
+    const auto moved = directory.rename(name, aside);
+    if (moved) return true;
+    // A directory does not give way to a file, nor a file to a directory.
+    if (moved.error().code != EISDIR && moved.error().code != ENOTDIR) return false;
+    return directory.remove(aside) && directory.rename(name, aside);
 }
 
 }  // namespace orvex::platform

@@ -72,7 +72,7 @@ void CounterFile::_load() {
     if (!text) {
         if (text.error().code == ENOENT) return;
         defaultLogger().error("counters start at zero: {}", text.error().text);
-        if (saysBrokenFile(text.error())) (void)setAside(**directory, fileName);
+        (void)setAside(**directory, fileName);  // also what the system fails to read: it is about to be replaced
         return;
     }
     for (std::string_view rest = *text; !rest.empty();) {

@@ -16,7 +16,7 @@ namespace orvex::platform {
 ///     change
 ///
 /// Format: a line for each counter, sorted by name, "NAME VALUE\n" with VALUE in decimal; the name may have blanks.
-/// A line that is not like that is skipped and counted as `brokenLinesCounter`; what is no file at all is set aside.
+/// A line that is not like that is skipped and counted as `brokenLinesCounter`; what cannot be read is set aside.
 /// Durability: a change is on disk `saveDelay` to twice that after it was made, or when `close` returns. What was
 /// counted since is lost with a crash.
 ///

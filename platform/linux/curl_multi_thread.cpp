@@ -3,7 +3,7 @@
 #include <pthread.h>
 
 #include <limits>
-#include <new>
+#include <utility>
 
 #include "platform/log.h"
 
@@ -27,10 +27,12 @@ bool CurlMultiThread::start(std::shared_ptr<CurlTask> task) {
     {
         const MutexLock lock(_mutex);
         if (_orders.closing) return false;
-        if (!_thread.joinable()) _launch();
-        _orders.started.push_back(std::move(task));
+        if (_thread.joinable() || _launch()) _orders.started.push_back(std::exchange(task, nullptr));
     }
-    curl_multi_wakeup(_multi.get());
+    if (task)
+        task->complete({.error = TransportError{TransportError::other, "no transfer can be started"}}, _delivery);
+    else
+        curl_multi_wakeup(_multi.get());
     return true;
 }
 
@@ -57,13 +59,18 @@ void CurlMultiThread::close() {
     _delivery.close();
 }
 
-void CurlMultiThread::_launch() {
+bool CurlMultiThread::_launch() {
     _multi.reset(curl_multi_init());
-    if (!_multi) throw std::bad_alloc();
+    // Without descriptors it is made all the same, but then nothing would ever wake it.
+    if (!_multi || curl_multi_wakeup(_multi.get()) != CURLM_OK) {
+        defaultLogger().error("no transfer can be started: the system has no descriptors to give");
+        return false;
+    }
     curl_multi_setopt(_multi.get(), CURLMOPT_MAXCONNECTS, maxKeptConnections);
     curl_multi_setopt(_multi.get(), CURLMOPT_MAX_TOTAL_CONNECTIONS, maxConnections);
     _thread = std::thread([this] { _run(); });
     pthread_setname_np(_thread.native_handle(), (_configuration.label.substr(0, 13) + ".t").c_str());
+    return true;
 }
 
 CurlMultiThread::Orders CurlMultiThread::_takeOrders() {

@@ -30,7 +30,7 @@ public:
     CurlMultiThread(const CurlMultiThread&) = delete;
     CurlMultiThread& operator=(const CurlMultiThread&) = delete;
 
-    /// False once closed: the task will not complete.
+    /// False once closed: the task will not complete. Where no transfer can be started it ends with an error.
     bool start(std::shared_ptr<CurlTask> task);
 
     /// Ends the transfer of a task that was completed by other means.
@@ -52,7 +52,8 @@ private:
         bool closing = false;
     };
 
-    void _launch() ORX_REQUIRES(_mutex);
+    /// False where the system has nothing to start it with; the next task tries again.
+    [[nodiscard]] bool _launch() ORX_REQUIRES(_mutex);
     [[nodiscard]] Orders _takeOrders();
 
     // On the transfer thread.

@@ -170,6 +170,12 @@ TYPED_TEST(FileManagerContract, ABrokenFileIsSetAsideAndOneIsKept) {
     EXPECT_TRUE(setAside(*this->directory, "a"));
     EXPECT_EQ(this->read("a.corrupt"), "new");
     EXPECT_EQ(this->list(), std::vector<std::string>{"a.corrupt"});
+    // A directory follows a file, and a file the directory.
+    ASSERT_TRUE(this->directory->makeDirectory("a"));
+    EXPECT_TRUE(setAside(*this->directory, "a"));
+    ASSERT_TRUE(this->directory->replace("a", "newest"));
+    EXPECT_TRUE(setAside(*this->directory, "a"));
+    EXPECT_EQ(this->read("a.corrupt"), "newest");
 }
 
 TYPED_TEST(FileManagerContract, LeftoversOfACrashAreToldFromFilesAndRemoved) {

@@ -41,6 +41,12 @@ void setDisposition(int signal, void (*handler)(int)) {
     sigaction(signal, &action, nullptr);
 }
 
+void openStandardDescriptors() {
+    int opened = 0;
+    while (opened >= 0 && opened <= STDERR_FILENO) opened = ::open("/dev/null", O_RDWR);
+    if (opened > STDERR_FILENO) ::close(opened);
+}
+
 /// The process number that the holder of the lock has left, for the message alone.
 std::string holderOf(int descriptor) {
     std::array<char, 32> text{};
@@ -78,6 +84,7 @@ bool isOurRegularFile(int descriptor) {
 }  // namespace
 
 void prepareProcess() {
+    openStandardDescriptors();
     ::umask(0077);
     setDisposition(SIGPIPE, SIG_IGN);
     setDisposition(SIGXFSZ, SIG_IGN);
@@ -87,33 +94,35 @@ void prepareProcess() {
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
-Result<std::unique_ptr<SignalSource>> SignalSource::create(Dispatcher& dispatcher, std::function<void(int)> onSignal) {
+Result<std::unique_ptr<SignalSource>> SignalSource::create() {
     const auto set = signalSet();
     FileDescriptor signals(::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
     if (!signals.valid()) return systemFailure(errno, "read signals");
-    FileDescriptor stop(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (!stop.valid()) return systemFailure(errno, "read signals");
-    return std::unique_ptr<SignalSource>(
-        new SignalSource(dispatcher, std::move(onSignal), std::move(signals), std::move(stop)));
+    FileDescriptor end(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!end.valid()) return systemFailure(errno, "read signals");
+    return std::unique_ptr<SignalSource>(new SignalSource(std::move(signals), std::move(end)));
 }
 
-SignalSource::SignalSource(Dispatcher& dispatcher, std::function<void(int)> onSignal, FileDescriptor signals,
-                           FileDescriptor stop)
-    : _dispatcher(dispatcher),
-      _onSignal(std::move(onSignal)),
-      _signals(std::move(signals)),
-      _stop(std::move(stop)),
+SignalSource::SignalSource(FileDescriptor signals, FileDescriptor end)
+    : _signals(std::move(signals)),
+      _end(std::move(end)),
       _thread([this] { _serve(); }) {}
 
 SignalSource::~SignalSource() {
-    ::eventfd_write(_stop.get(), 1);
+    ::eventfd_write(_end.get(), 1);
     _thread.join();
+}
+
+void SignalSource::handOver(Dispatcher& dispatcher, std::function<void(int)> onSignal) {
+    const MutexLock lock(_mutex);
+    _dispatcher = &dispatcher;
+    _onSignal = std::move(onSignal);
 }
 
 void SignalSource::_serve() {
     pthread_setname_np(pthread_self(), "orvex-signals");
     for (;;) {
-        std::array<pollfd, 2> sources{pollfd{_signals.get(), POLLIN, 0}, pollfd{_stop.get(), POLLIN, 0}};
+        std::array<pollfd, 2> sources{pollfd{_signals.get(), POLLIN, 0}, pollfd{_end.get(), POLLIN, 0}};
         if (::poll(sources.data(), sources.size(), -1) < 0) continue;  // EINTR is all that can happen here
         if (sources[1].revents != 0) return;
         if (sources[0].revents != 0) _read();
@@ -129,8 +138,14 @@ void SignalSource::_read() {
             continue;
         }
         defaultLogger().log("received signal {} from process {}", signal, info.ssi_pid);
-        _dispatcher.submit(Priority::standard, [onSignal = _onSignal, signal] { onSignal(signal); });
+        _stop(signal);
     }
+}
+
+void SignalSource::_stop(int signal) {
+    const MutexLock lock(_mutex);
+    if (_dispatcher == nullptr) exitNow(0);
+    _dispatcher->submit(Priority::standard, [onSignal = _onSignal, signal] { onSignal(signal); });
 }
 
 Result<LockFile> LockFile::take(const std::filesystem::path& file, std::chrono::milliseconds patience) {
@@ -139,10 +154,12 @@ Result<LockFile> LockFile::take(const std::filesystem::path& file, std::chrono::
     if (!isOurRegularFile(opened.get())) {
         return failure(EPERM, fmt::format("the lock file {} is not a file of ours", file.string()));
     }
-    const int code = lockWithin(opened.get(), patience);
+    int code = lockWithin(opened.get(), std::chrono::milliseconds(0));
     if (code == EWOULDBLOCK) {
-        return failure(code,
-                       fmt::format("another daemon (process {}) holds {}", holderOf(opened.get()), file.string()));
+        const auto holder = fmt::format("another daemon (process {}) holds {}", holderOf(opened.get()), file.string());
+        defaultLogger().log("{}; waiting for it to leave", holder);
+        code = lockWithin(opened.get(), patience);
+        if (code == EWOULDBLOCK) return failure(code, holder);
     }
     if (code != 0) return systemFailure(code, fmt::format("lock {}", file.string()));
     leaveNumber(opened.get());

@@ -10,36 +10,49 @@
 #include "platform/dispatch.h"
 #include "platform/file_manager.h"
 #include "platform/result.h"
+#include "platform/thread_annotations.h"
 
-/// What the daemon asks of its own process. In the order of `main`: `prepareProcess`, `LockFile::take`, a
-/// `SignalSource` once there is a dispatcher, `exitNow`.
+/// What the daemon asks of its own process. In the order of `main`: `prepareProcess`, a `SignalSource`,
+/// `LockFile::take`, `exitNow`.
 namespace orvex::platform {
 
-/// Files are ours alone (umask 0077); a write to a closed socket or beyond a size limit is an error, not a death;
+/// Standard descriptors that were closed lead nowhere, so that no log line lands in a file that got their number; files
+/// are ours alone (umask 0077); a write to a closed socket or beyond a size limit is an error, not a death;
 /// SIGINT, SIGTERM and SIGHUP are blocked for a `SignalSource` to read. For `main`'s first line: threads that exist
 /// already would still take the signals.
 void prepareProcess();
 
-/// Reads the signals that `prepareProcess` has blocked, on a thread of its own that otherwise sleeps. SIGINT and
-/// SIGTERM go to the handler; SIGHUP is logged and ignored. One a process.
+/// Reads the signals that `prepareProcess` has blocked, on a thread of its own that otherwise sleeps. SIGHUP is logged
+/// and ignored. One a process.
+///
+///     starting ──handOver──▶ serving
+///
+/// starting: SIGINT and SIGTERM end the process at once with status 0, since a start may wait long (for a daemon that
+/// leaves, for a bus that does not answer) and has begun nothing that a kill would harm; serving: they go to the
+/// handler.
 class SignalSource {
 public:
-    /// `onSignal` is called on the pool (standard priority) with the signal's number, perhaps more than once.
-    static Result<std::unique_ptr<SignalSource>> create(Dispatcher& dispatcher, std::function<void(int)> onSignal);
+    static Result<std::unique_ptr<SignalSource>> create();
     ~SignalSource();  ///< a call that is submitted already still comes
     SignalSource(const SignalSource&) = delete;
     SignalSource& operator=(const SignalSource&) = delete;
 
+    /// `onSignal` is called on the pool (standard priority) with the signal's number, perhaps more than once. Once.
+    void handOver(Dispatcher& dispatcher, std::function<void(int)> onSignal);
+
 private:
-    SignalSource(Dispatcher& dispatcher, std::function<void(int)> onSignal, FileDescriptor signals,
-                 FileDescriptor stop);
+    SignalSource(FileDescriptor signals, FileDescriptor end);
     void _serve();
     void _read();
+    void _stop(int signal);
 
-    Dispatcher& _dispatcher;
-    const std::function<void(int)> _onSignal;
     const FileDescriptor _signals;  ///< a signalfd
-    const FileDescriptor _stop;     ///< an eventfd
+    const FileDescriptor _end;      ///< an eventfd
+
+    Mutex _mutex;
+    Dispatcher* _dispatcher ORX_GUARDED_BY(_mutex) = nullptr;  ///< none: starting
+    std::function<void(int)> _onSignal ORX_GUARDED_BY(_mutex);
+
     std::thread _thread;
 };
 
@@ -47,8 +60,9 @@ private:
 /// however that ends. The file stays and holds our process number, for people to read.
 class LockFile {
 public:
-    /// Waits for a daemon that is leaving, at most `patience`. Fails with EWOULDBLOCK when another one stays, with the
-    /// system's number when the file cannot be opened, or is no regular file of ours. The directory must exist.
+    /// Waits for a daemon that is leaving, at most `patience`, and says so in the log. Fails with EWOULDBLOCK when
+    /// another one stays, with the system's number when the file cannot be opened, or is no regular file of ours. The
+    /// directory must exist.
     static Result<LockFile> take(const std::filesystem::path& file,
                                  std::chrono::milliseconds patience = std::chrono::seconds(10));
 

@@ -272,6 +272,7 @@ Result<void> SdBus::requestName(std::string name) {
         _thread.assertCurrent();
         const int r = sd_bus_request_name(_bus.get(), name.c_str(), 0);
         if (r >= 0 || r == -EALREADY) return {};
+        if (r == -EEXIST) return failure(EEXIST, "another program owns the bus name " + name);
         return failure(-r, "the bus name " + name + " cannot be had: " + errorText(-r));
     });
 }

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <set>
 
+#include "platform/age.h"
 #include "platform/counters.h"
 #include "platform/file_manager.h"
 #include "platform/linux/stored_background_task.h"
@@ -118,18 +119,21 @@ void StoredBackgroundSession::_takeUp(StoredTransfer stored) {
 
 void StoredBackgroundSession::_add(std::shared_ptr<StoredBackgroundTask> task, StoredTransfer stored) {
     // In doubles and between limits: the dates may be any, and the clock may have been set since.
-    const double wallNow = secondsSince1970(_services.dispatcher.wallNow());
-    const auto moment = [&, now = _services.dispatcher.now()](double date, double atMost) {
-        const std::chrono::duration<double> left(std::clamp(date - wallNow, 0.0, std::max(atMost, 0.0)));
+    const WallTime date = _services.dispatcher.wallNow();
+    const double wallNow = secondsSince1970(date);
+    const auto moment = [&, now = _services.dispatcher.now()](double when, double atMost) {
+        const std::chrono::duration<double> left(std::clamp(when - wallNow, 0.0, std::max(atMost, 0.0)));
         return now + std::chrono::duration_cast<std::chrono::nanoseconds>(left);
     };
     const double whole = static_cast<double>(_configuration.resourceTimeout.count());
-    const double created = secondsSince1970(stored.created);
-    const double begin = stored.earliestBegin ? secondsSince1970(*stored.earliestBegin) : created;
+    const double created = wallNow - ageOf(stored.created, date).count();
+    const double delay =
+        stored.earliestBegin ? secondsSince1970(*stored.earliestBegin) - secondsSince1970(stored.created) : 0;
+    const double begin = created + delay;
     const double window = static_cast<double>(stored.request.timeWindow.value_or(usualWindow).count());
-    TransferMoments moments{.windowEnd = moment(begin + window, std::min(begin + window - created, whole)),
+    TransferMoments moments{.windowEnd = moment(begin + window, std::min(delay + window, whole)),
                             .deadline = moment(created + whole, whole)};
-    if (stored.earliestBegin) moments.earliestBegin = moment(begin, std::min(begin - created, whole));
+    if (stored.earliestBegin) moments.earliestBegin = moment(begin, std::min(delay, whole));
     const std::uint64_t number = stored.number;
     _entries[number] = Entry{.task = std::move(task), .stored = std::move(stored), .moments = moments};
 }

@@ -221,6 +221,17 @@ TEST_F(StoredBackgroundSessionTest, ATaskEndsAtItsResourceTimeOutWithTheLastAnsw
     EXPECT_EQ(ends->all.back(), "2: -1001");
 }
 
+TEST_F(StoredBackgroundSessionTest, AClockThatIsSetByDecadesEndsNoTask) {
+    answer = [](const URLRequest&) { return busy(); };
+    resume(*upload("records"));
+    for (const std::chrono::years jump : {std::chrono::years(50), std::chrono::years(-90)}) {
+        time.jumpWall(jump);
+        start();
+        time.advance(1h);
+        EXPECT_TRUE(ends->all.empty()) << jump.count();
+    }
+}
+
 TEST_F(StoredBackgroundSessionTest, TransportFailuresAreTriedAgainAndRefusalsAreNot) {
     resume(*download());
     auto server = network.session("test");

@@ -96,8 +96,9 @@ int main(int argc, char** argv) {
     if (const auto serving = provider.serve(); !serving) giveUp(notAlone, serving.error().text);
 
     (*bus)->setDisconnectHandler([&] { daemon.stop(); });
-    const auto signals = platform::SignalSource::create(dispatcher, [&](int) { daemon.stop(); });
+    const auto signals = platform::SignalSource::create();
     if (!signals) giveUp(1, signals.error().text);
+    (*signals)->handOver(dispatcher, [&](int) { daemon.stop(); });
     daemon.run();
     (*bus)->flush(std::chrono::seconds(1));
     platform::exitNow(stopped);

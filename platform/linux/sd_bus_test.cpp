@@ -132,7 +132,10 @@ TEST_F(SdBusTest, LargeBodiesTravelAndWhatIsTooLargeToReadIsRefused) {
 
     const auto tooLarge = call("Size", "v", {BusBytes::of(std::string(maxDecodedBytes, 'x'))});
     EXPECT_EQ(errorName(tooLarge), bus_error::limitsExceeded);
-    const BusArray tooMany{"q", std::vector<BusValue>(maxDecodedBytes / sizeof(BusValue) + 1, std::uint16_t{1})};
+    // Small on the bus, large once they are read.
+    const BusArray numbers{"q",
+                           std::vector<BusValue>((maxDecodedBytes - large) / sizeof(BusValue) + 1, std::uint16_t{1})};
+    const BusArray tooMany{"v", {BusBytes::of(std::string(large, 'x')), numbers}};
     EXPECT_EQ(errorName(call("Size", "v", {tooMany})), bus_error::limitsExceeded);
     EXPECT_TRUE(call("Size", "v", {true}));
 }

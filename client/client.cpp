@@ -150,6 +150,7 @@ void Client::call(const Method& method, const List& arguments, Callback<List> ca
         _link->bus(),
         {.path = method.path.c_str(), .interface = method.interface.c_str(), .member = method.member.c_str()});
     for (const auto& argument : arguments) message.value(argument);
+    if (!method.startsDaemon) message.neverStartDaemon();
     _link->call(std::move(message), into(std::move(callback), anythingIn));
 }
 

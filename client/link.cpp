@@ -80,7 +80,7 @@ std::optional<std::chrono::microseconds> Client::Link::timeout() const {
     using std::chrono::microseconds;
     if (!_failed.empty()) return microseconds(0);
     std::uint64_t until = UINT64_MAX;
-    if (sd_bus_get_timeout(_bus.get(), &until) < 0) return microseconds(0);  // gone: `process` says so
+    if (sd_bus_get_timeout(_bus.get(), &until) < 0 && !_isGone) return microseconds(0);  // `process` is to say so
     if (until == UINT64_MAX) return std::nullopt;
     const auto now = std::chrono::duration_cast<microseconds>(std::chrono::steady_clock::now().time_since_epoch());
     return std::max(microseconds(until) - now, microseconds(0));
@@ -112,7 +112,7 @@ std::expected<void, Error> Client::Link::wait() {
 /// All that is under way ends.
 void Client::Link::_bringDown() {
     const Error error{.kind = Error::Kind::noBus, .reason = "the bus has gone away"};
-    _state = State::resting;
+    _isGone = true;
     _release(error);
     for (auto& [key, call] : std::exchange(_underWay, {})) {
         if (call->answered) _fail(std::move(call->answered), error);

@@ -79,6 +79,7 @@ private:
     BusHandle _bus;
     SlotHandle _ownerSlot;
 
+    bool _isGone = false;  ///< the bus, and `process` has said so
     State _state = State::resting;
     bool _isKnown = false;            ///< a call was made as a client
     std::string _owner;               ///< the daemon that was told of us last

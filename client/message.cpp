@@ -238,6 +238,10 @@ OutgoingMessage& OutgoingMessage::value(const Value& value) {
     });
 }
 
+OutgoingMessage& OutgoingMessage::neverStartDaemon() {
+    return _add([&] { return sd_bus_message_set_auto_start(_message.get(), 0); });
+}
+
 OutgoingMessage& OutgoingMessage::copy(sd_bus_message* sent) {
     return _add([&] {
         const int r = sd_bus_message_rewind(sent, 1);

@@ -41,6 +41,7 @@ public:
     /// Its kind, then its dictionary.
     OutgoingMessage& request(const Request& request);
 
+    OutgoingMessage& neverStartDaemon();
     OutgoingMessage& copy(sd_bus_message* sent);  ///< all that is in it
 
     // One a{sv}: entries that are not given are left out.

@@ -91,6 +91,7 @@ public:
         std::string interface;  ///< "com.kelvar.orvexd.Diagnostics" for example
         std::string member;
         std::string path = "/com/kelvar/orvexd";
+        bool startsDaemon = true;  ///< else, where none is there, the call ends with `noDaemon`
     };
     /// The result is the answer's arguments; their types are the caller's to check.
     void call(const Method& method, const List& arguments, Callback<List> callback);

@@ -7,6 +7,7 @@
 #include <boost/json/value.hpp>
 #include <charconv>
 #include <map>
+#include <variant>
 
 #include "core/json.h"
 #include "platform/property_value.h"
@@ -15,11 +16,11 @@
 namespace orvex::tool {
 namespace {
 
-using platform::BusArray;
-using platform::BusBytes;
-using platform::BusDictionary;
-using platform::BusStruct;
-using platform::BusValue;
+using client::Date;
+using client::Request;
+using client::Suggestion;
+using platform::failure;
+using platform::Result;
 namespace json = boost::json;
 
 json::value jsonFromBytes(std::string_view bytes) {
@@ -29,24 +30,17 @@ json::value jsonFromBytes(std::string_view bytes) {
 }
 
 struct ToJSON {
+    json::value operator()(std::monostate) const { return nullptr; }
     json::value operator()(const std::string& text) const { return json::string(text); }
-    json::value operator()(const platform::BusObjectPath& path) const { return json::string(path.path); }
-    json::value operator()(const platform::BusSignature& signature) const { return json::string(signature.signature); }
-    json::value operator()(const BusBytes& bytes) const { return jsonFromBytes(bytes.view()); }
-    json::value operator()(const platform::BusFile&) const { return nullptr; }
-    json::value operator()(const BusArray& array) const {
-        json::array list;
-        for (const auto& item : array.items) list.push_back(jsonFromBus(item));
-        return list;
+    json::value operator()(const client::Bytes& bytes) const { return jsonFromBytes(bytes.bytes); }
+    json::value operator()(const client::List& list) const {
+        json::array array;
+        for (const auto& item : list) array.push_back(jsonFromValue(item));
+        return array;
     }
-    json::value operator()(const BusStruct& structure) const {
-        json::array list;
-        for (const auto& member : structure.members) list.push_back(jsonFromBus(member));
-        return list;
-    }
-    json::value operator()(const BusDictionary& dictionary) const {
+    json::value operator()(const client::Dictionary& dictionary) const {
         json::object object;
-        for (const auto& [key, value] : dictionary.entries) object[key] = jsonFromBus(value);
+        for (const auto& [key, value] : dictionary.entries) object[key] = jsonFromValue(value);
         return object;
     }
     template <class Number>
@@ -55,115 +49,174 @@ struct ToJSON {
     }
 };
 
-enum class EntryType { text, unsigned32, unsigned64, number, boolean, items, suggestion, suggestions };
+json::object jsonFromHeaders(const std::map<std::string, std::string>& headers) {
+    json::object object;
+    for (const auto& [name, value] : headers) object[name] = value;
+    return object;
+}
 
-const std::map<std::string_view, EntryType>& entryTypes() {
-    static const std::map<std::string_view, EntryType> types = {
-        {"query_id", EntryType::unsigned64},
-        {"scale", EntryType::number},
-        {"verbose_reply", EntryType::boolean},
-        {"trigger_event", EntryType::unsigned32},
-        {"keyboard_input_mode", EntryType::text},
-        {"query_items", EntryType::items},
-        {"query_string", EntryType::text},
-        {"temperature_unit", EntryType::text},
-        {"l2_version", EntryType::text},
-        {"l3_version", EntryType::text},
-        {"top_topics", EntryType::text},
-        {"engaged_suggestion", EntryType::suggestion},
-        {"completion_cache_suggestions", EntryType::suggestions},
-        {"card_url", EntryType::text},
-        {"query_context", EntryType::text},
-        {"lookup_hint_domain", EntryType::text},
-        {"lookup_selection_type", EntryType::unsigned32},
-        {"client_context", EntryType::text},
-        {"flight_query", EntryType::text},
-        {"flight_date", EntryType::number},
-        {"suggestion", EntryType::text},
-        {"query", EntryType::text},
-        {"score", EntryType::number},
-        {"type", EntryType::unsigned32},
-        {"topic_identifier", EntryType::text},
-        {"fbr", EntryType::text},
+json::object jsonFromSuggestion(const Suggestion& suggestion) {
+    return {{"suggestion", suggestion.suggestion},
+            {"query", suggestion.query},
+            {"score", suggestion.score},
+            {"type", suggestion.type},
+            {"topic_identifier", suggestion.topicIdentifier},
+            {"fbr", suggestion.fbr}};
+}
+
+/// Where an entry goes, whose type says how its text is read.
+template <class T>
+using Entry = std::variant<std::string T::*, std::uint32_t T::*, std::uint64_t T::*, double T::*, bool T::*,
+                           std::optional<Date> T::*>;
+
+const std::map<std::string_view, Entry<Request>>& requestEntries() {
+    static const std::map<std::string_view, Entry<Request>> entries = {
+        {"query_id", &Request::queryId},
+        {"scale", &Request::scale},
+        {"verbose_reply", &Request::verboseReply},
+        {"trigger_event", &Request::triggerEvent},
+        {"keyboard_input_mode", &Request::keyboardInputMode},
+        {"query_string", &Request::queryString},
+        {"temperature_unit", &Request::temperatureUnit},
+        {"l2_version", &Request::l2Version},
+        {"l3_version", &Request::l3Version},
+        {"top_topics", &Request::topTopics},
+        {"card_url", &Request::cardURL},
+        {"query_context", &Request::queryContext},
+        {"lookup_hint_domain", &Request::lookupHintDomain},
+        {"lookup_selection_type", &Request::lookupSelectionType},
+        {"client_context", &Request::clientContext},
+        {"flight_query", &Request::flightQuery},
+        {"flight_date", &Request::flightDate},
     };
-    return types;
+    return entries;
+}
+
+const std::map<std::string_view, Entry<Suggestion>>& suggestionEntries() {
+    static const std::map<std::string_view, Entry<Suggestion>> entries = {
+        {"suggestion", &Suggestion::suggestion},
+        {"query", &Suggestion::query},
+        {"score", &Suggestion::score},
+        {"type", &Suggestion::type},
+        {"topic_identifier", &Suggestion::topicIdentifier},
+        {"fbr", &Suggestion::fbr},
+    };
+    return entries;
+}
+
+Result<void> read(std::string_view, const std::string& text, std::string& into) {
+    into = text;
+    return {};
+}
+
+Result<void> read(std::string_view name, const std::string& text, bool& into) {
+    if (text != "true" && text != "false") return failure(0, fmt::format("{}: expected true or false", name));
+    into = text == "true";
+    return {};
 }
 
 template <class Number>
-platform::Result<BusValue> parseNumber(std::string_view name, const std::string& text) {
-    Number number{};
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (error != std::errc() || end != text.data() + text.size()) {
-        return platform::failure(0, fmt::format("{}: '{}' is not a number that fits", name, text));
-    }
-    return BusValue(number);
+Result<void> read(std::string_view name, const std::string& text, Number& into) {
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), into);
+    if (error == std::errc() && end == text.data() + text.size()) return {};
+    return failure(0, fmt::format("{}: '{}' is not a number that fits", name, text));
 }
 
-platform::Result<BusValue> suggestionFromJSON(std::string_view name, const json::value& value) {
-    if (!value.is_object()) return platform::failure(0, fmt::format("{}: expected a JSON object", name));
-    BusDictionary dictionary;
+Result<void> read(std::string_view name, const std::string& text, std::optional<Date>& into) {
+    double seconds = 0;
+    if (auto number = read(name, text, seconds); !number) return number;
+    into = Date(seconds);
+    return {};
+}
+
+template <class T>
+Result<void> set(T& object, const std::map<std::string_view, Entry<T>>& entries, std::string_view name,
+                 const std::string& text) {
+    const auto found = entries.find(name);
+    if (found == entries.end()) return failure(0, fmt::format("{}: no such request entry", name));
+    return std::visit([&](auto member) { return read(name, text, object.*member); }, found->second);
+}
+
+Result<Suggestion> suggestionFromJSON(std::string_view name, const json::value& value) {
+    if (!value.is_object()) return failure(0, fmt::format("{}: expected a JSON object", name));
+    Suggestion suggestion;
     for (const auto& [key, member] : value.get_object()) {
         const auto text = member.is_string() ? std::string(member.get_string()) : decimalFromJSON(member);
-        if (!text)
-            return platform::failure(0,
-                                     fmt::format("{}: {}: expected a text or a number", name, std::string_view(key)));
-        auto entry = requestEntry(key, *text);
-        if (!entry) return entry;
-        dictionary.set(std::string(key), *std::move(entry));
+        if (!text) return failure(0, fmt::format("{}: {}: expected a text or a number", name, std::string_view(key)));
+        auto entry = set(suggestion, suggestionEntries(), key, *text);
+        if (!entry) return std::unexpected(entry.error());
     }
-    return BusValue(std::move(dictionary));
+    return suggestion;
 }
 
-platform::Result<BusValue> itemsFromJSON(std::string_view name, const json::array& list) {
-    BusArray items{.elementSignature = "(ss)", .items = {}};
+Result<void> readItems(std::string_view name, const json::array& list, Request& request) {
+    request.queryItems.clear();
     for (const auto& item : list) {
         const auto* pair = item.if_array();
         if (pair == nullptr || pair->size() != 2 || !pair->at(0).is_string() || !pair->at(1).is_string()) {
-            return platform::failure(0, fmt::format("{}: expected [[\"name\", \"value\"], …]", name));
+            return failure(0, fmt::format("{}: expected [[\"name\", \"value\"], …]", name));
         }
-        items.items.emplace_back(BusStruct{
-            {BusValue(std::string(pair->at(0).get_string())), BusValue(std::string(pair->at(1).get_string()))}});
+        request.queryItems.emplace_back(pair->at(0).get_string(), pair->at(1).get_string());
     }
-    return BusValue(std::move(items));
+    return {};
 }
 
-platform::Result<BusValue> structuredEntry(std::string_view name, EntryType type, const std::string& text) {
-    const auto value = parseJSON(text, kBagJSONDepth);
-    if (!value) return platform::failure(0, fmt::format("{}: {}", name, value.error().text));
-    if (type == EntryType::suggestion) return suggestionFromJSON(name, *value);
-    if (!value->is_array()) return platform::failure(0, fmt::format("{}: expected a JSON list", name));
-    if (type == EntryType::items) return itemsFromJSON(name, value->get_array());
-    BusArray suggestions{.elementSignature = "a{sv}", .items = {}};
-    for (const auto& element : value->get_array()) {
+Result<void> readSuggestions(std::string_view name, const json::array& list, Request& request) {
+    request.completionCacheSuggestions.clear();
+    for (const auto& element : list) {
         auto suggestion = suggestionFromJSON(name, element);
-        if (!suggestion) return suggestion;
-        suggestions.items.push_back(*std::move(suggestion));
+        if (!suggestion) return std::unexpected(suggestion.error());
+        request.completionCacheSuggestions.push_back(*std::move(suggestion));
     }
-    return BusValue(std::move(suggestions));
+    return {};
+}
+
+Result<void> setStructuredEntry(Request& request, std::string_view name, const std::string& text) {
+    const auto value = parseJSON(text, kBagJSONDepth);
+    if (!value) return failure(0, fmt::format("{}: {}", name, value.error().text));
+    if (name == "engaged_suggestion") {
+        auto suggestion = suggestionFromJSON(name, *value);
+        if (!suggestion) return std::unexpected(suggestion.error());
+        request.engagedSuggestion = *std::move(suggestion);
+        return {};
+    }
+    if (!value->is_array()) return failure(0, fmt::format("{}: expected a JSON list", name));
+    const auto& list = value->get_array();
+    return name == "query_items" ? readItems(name, list, request) : readSuggestions(name, list, request);
 }
 
 }  // namespace
 
-json::value jsonFromBus(const BusValue& value) { return std::visit(ToJSON{}, value.storage()); }
+json::value jsonFromValue(const client::Value& value) { return std::visit(ToJSON{}, value.content); }
 
-platform::Result<BusValue> requestEntry(std::string_view name, const std::string& text) {
-    const auto found = entryTypes().find(name);
-    if (found == entryTypes().end()) return platform::failure(0, fmt::format("{}: no such request entry", name));
-    switch (found->second) {
-        case EntryType::text:
-            return BusValue(text);
-        case EntryType::unsigned32:
-            return parseNumber<std::uint32_t>(name, text);
-        case EntryType::unsigned64:
-            return parseNumber<std::uint64_t>(name, text);
-        case EntryType::number:
-            return parseNumber<double>(name, text);
-        case EntryType::boolean:
-            if (text == "true" || text == "false") return BusValue(text == "true");
-            return platform::failure(0, fmt::format("{}: expected true or false", name));
-        default:
-            return structuredEntry(name, found->second, text);
+json::object jsonFromReply(const client::Reply& reply) {
+    if (reply.isNothing) return {};
+    json::object object{{"scale", reply.scale}, {"data", jsonFromBytes(reply.data)}};
+    if (reply.httpRequest) {
+        object["http_request"] =
+            json::object{{"url", reply.httpRequest->url}, {"headers", jsonFromHeaders(reply.httpRequest->headers)}};
     }
+    if (reply.httpResponse) {
+        object["http_response"] = json::object{{"status_code", reply.httpResponse->statusCode},
+                                               {"headers", jsonFromHeaders(reply.httpResponse->headers)}};
+    }
+    if (reply.geoSessionEntity) object["geo_session_entity"] = *reply.geoSessionEntity;
+    if (reply.localSuggestions.empty()) return object;
+    auto& suggestions = object["local_suggestions"].emplace_array();
+    for (const auto& suggestion : reply.localSuggestions) suggestions.push_back(jsonFromSuggestion(suggestion));
+    return object;
+}
+
+json::object jsonFromError(const client::Error& error) {
+    json::object object{{"domain", error.domain}, {"code", error.code}};
+    if (!error.reason.empty()) object["reason"] = error.reason;
+    return object;
+}
+
+Result<void> setRequestEntry(Request& request, std::string_view name, const std::string& text) {
+    const bool isStructured =
+        name == "query_items" || name == "engaged_suggestion" || name == "completion_cache_suggestions";
+    return isStructured ? setStructuredEntry(request, name, text) : set(request, requestEntries(), name, text);
 }
 
 }  // namespace orvex::tool

@@ -7,7 +7,9 @@
 #include <boost/json/serialize.hpp>
 #include <boost/json/value.hpp>
 #include <chrono>
+#include <map>
 #include <optional>
+#include <vector>
 
 #include "core/constants.h"
 #include "core/json.h"
@@ -22,45 +24,17 @@ namespace orvex::tool {
 namespace {
 
 namespace json = boost::json;
-using platform::BusArguments;
-using Answer = std::expected<BusArguments, platform::BusError>;
 
 ExitStatus tellWrongUsage(const std::string& why) {
     fmt::print(stderr, "orvex_tool: {}\n", why);
     return ExitStatus::wrongUsage;
 }
 
-std::expected<DaemonClient, ExitStatus> connect(const Options& options) {
-    auto client = DaemonClient::connect(options.busAddress);
-    if (client) return *std::move(client);
-    fmt::print(stderr, "orvex_tool: no bus: {}\n", client.error().text);
-    return std::unexpected(ExitStatus::noDaemon);
-}
-
 void print(const json::value& document) { fmt::print("{}\n", json::serialize(document)); }
 
-/// The error that an answer carries beside its result; exit status `refused` when there is one.
-std::optional<ExitStatus> tellError(const Options& options, const platform::BusValue& error) {
-    const auto& dictionary = *error.as<platform::BusDictionary>();
-    if (dictionary.entries.empty()) return std::nullopt;
-    const auto document = jsonFromBus(error);
-    if (options.json) {
-        print(json::object{{"error", document}});
-    } else {
-        fmt::print(stderr, "orvex_tool: {}\n", errorText(document.get_object()));
-    }
-    return ExitStatus::refused;
-}
+using Page = std::string(const json::value&);
 
-/// One method without arguments of an operator's interface, its only result printed.
-ExitStatus show(const Options& options, std::string_view interface, const char* member,
-                std::string (*page)(const json::value&)) {
-    const bool ofClients = interface == kORXDaemonInterface;
-    auto client = ofClients ? connectAsClient(options) : connect(options);
-    if (!client) return client.error();
-    const Answer answer = client->call(interface, member, "", {});
-    if (!answer) return tell(answer.error());
-    const auto document = jsonFromBus(answer->front());
+ExitStatus show(const Options& options, const json::value& document, Page* page) {
     if (options.json) {
         print(document);
     } else {
@@ -69,154 +43,174 @@ ExitStatus show(const Options& options, std::string_view interface, const char* 
     return ExitStatus::done;
 }
 
+/// What a page can show: the only result of an answer, of that kind.
+std::expected<json::value, client::Error> documentIn(const std::expected<client::List, client::Error>& answer,
+                                                     json::kind kind) {
+    if (!answer) return std::unexpected(answer.error());
+    auto document = answer->size() == 1 ? jsonFromValue(answer->front()) : json::value();
+    if (document.kind() == kind) return document;
+    return std::unexpected(client::Error{.kind = client::Error::Kind::malformed, .reason = "a malformed answer"});
+}
+
+/// One method of an operator's interface.
+ExitStatus operate(const Options& options, const char* member, const client::List& arguments, json::kind kind,
+                   Page* page) {
+    auto client = connect(options);
+    if (!client) return client.error();
+    const auto document = documentIn(call(*client, kORXDiagnosticsInterface, member, arguments), kind);
+    return document ? show(options, *document, page) : tell(options, document.error());
+}
+
 /// One method of the clients' interface whose answer is empty.
-ExitStatus tellDaemon(const Options& options, const char* member, std::string_view signature, BusArguments arguments,
-                      const json::object& done) {
+template <class Start>
+ExitStatus tellDaemon(const Options& options, const json::object& done, Start start) {
     auto client = connectAsClient(options);
     if (!client) return client.error();
-    const Answer answer = client->call(kORXDaemonInterface, member, signature, std::move(arguments));
-    if (!answer) return tell(answer.error());
+    const auto answer = resultOf<void>(*client, [&](auto callback) { start(*client, std::move(callback)); });
+    if (!answer) return tell(options, answer.error());
     if (options.json) print(done);
     return ExitStatus::done;
 }
 
-platform::Result<platform::BusDictionary> requestDictionary(const RequestOptions& options) {
-    platform::BusDictionary request;
-    if (!options.entry.empty()) request.set(options.entry, options.text);
+platform::Result<client::Request> requestFrom(const RequestOptions& options) {
+    using Kind = client::Request::Kind;
+    static const std::map<std::string_view, Kind> kinds = {
+        {"search", Kind::search}, {"more_results", Kind::moreResults},
+        {"card", Kind::card},     {"zero_keyword", Kind::zeroKeyword},
+        {"lookup", Kind::lookup}, {"flight", Kind::flight},
+    };
+    client::Request request{.kind = kinds.at(options.kind)};
+    if (!options.entry.empty()) {
+        if (auto set = setRequestEntry(request, options.entry, options.text); !set) return std::unexpected(set.error());
+    }
     for (const auto& setting : options.settings) {
         const auto equals = setting.find('=');
         if (equals == std::string::npos)
             return platform::failure(0, fmt::format("--set {}: expected ENTRY=VALUE", setting));
-        auto value = requestEntry(setting.substr(0, equals), setting.substr(equals + 1));
-        if (!value) return std::unexpected(value.error());
-        request.set(setting.substr(0, equals), *std::move(value));
+        const auto set = setRequestEntry(request, setting.substr(0, equals), setting.substr(equals + 1));
+        if (!set) return std::unexpected(set.error());
     }
     return request;
 }
 
+std::string erasedPage(const json::value& removed) {
+    std::string page;
+    for (const auto& [kind, count] : removed.as_object()) {
+        page += fmt::format("{}: {} removed\n", std::string_view(kind), json::serialize(count));
+    }
+    return page;
+}
+
 }  // namespace
 
-ExitStatus tell(const platform::BusError& error) {
-    if (meansNoDaemon(error)) {
-        fmt::print(stderr, "orvex_tool: no orvexd on the bus ({})\n", error.message);
-        return ExitStatus::noDaemon;
-    }
-    fmt::print(stderr, "orvex_tool: {} ({})\n", error.message, error.name);
-    return ExitStatus::refused;
-}
-
-std::expected<DaemonClient, ExitStatus> connectAsClient(const Options& options) {
-    auto client = connect(options);
-    if (!client) return client;
-    if (auto configured = client->configure(options.identifier, options.userAgent); !configured) {
-        return std::unexpected(tell(configured.error()));
-    }
-    return client;
-}
-
 ExitStatus sendRequest(const Options& options, const RequestOptions& requestOptions) {
-    auto request = requestDictionary(requestOptions);
+    const auto request = requestFrom(requestOptions);
     if (!request) return tellWrongUsage(request.error().text);
     auto client = connectAsClient(options);
     if (!client) return client.error();
     const auto begin = std::chrono::steady_clock::now();
-    const Answer answer =
-        client->call(kORXDaemonInterface, "Request", "sa{sv}", {requestOptions.kind, *std::move(request)});
+    const auto reply =
+        resultOf<client::Reply>(*client, [&](auto callback) { client->request(*request, std::move(callback)); });
     const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - begin;
-    if (!answer) return tell(answer.error());
-    if (const auto status = tellError(options, answer->at(2))) return *status;
-    const auto reply = jsonFromBus(answer->at(1));
+    if (!reply) return tell(options, reply.error());
+    const auto document = jsonFromReply(*reply);
     if (options.json) {
-        print(json::object{{"query_id", jsonFromBus(answer->at(0))}, {"reply", reply}, {"milliseconds", took.count()}});
+        print(json::object{{"query_id", reply->queryId}, {"reply", document}, {"milliseconds", took.count()}});
     } else {
-        fmt::print("{}", replyPage(reply.get_object(), took.count()));
+        fmt::print("{}", replyPage(document, took.count()));
     }
     return ExitStatus::done;
 }
 
 ExitStatus explainRequest(const Options& options, const RequestOptions& requestOptions) {
-    auto request = requestDictionary(requestOptions);
+    const auto request = requestFrom(requestOptions);
     if (!request) return tellWrongUsage(request.error().text);
     auto client = connect(options);
     if (!client) return client.error();
-    const Answer answer =
-        client->call(kORXDiagnosticsInterface, "Explain", "sa{sv}", {requestOptions.kind, *std::move(request)});
-    if (!answer) return tell(answer.error());
-    const auto rows = jsonFromBus(answer->front());
-    if (options.json) {
-        print(rows);
-    } else {
-        fmt::print("{}", explainedPage(rows));
-    }
-    return ExitStatus::done;
+    const auto rows =
+        resultOf<client::List>(*client, [&](auto callback) { client->explain(*request, std::move(callback)); });
+    return rows ? show(options, jsonFromValue(*rows), explainedPage) : tell(options, rows.error());
 }
 
 ExitStatus showBag(const Options& options) {
     auto client = connectAsClient(options);
     if (!client) return client.error();
-    const Answer answer = client->call(kORXDaemonInterface, "Bag", "", {});
-    if (!answer) return tell(answer.error());
-    if (const auto status = tellError(options, answer->at(1))) return *status;
-    fmt::print("{}\n", bagPage(*answer->at(0).as<std::string>(), options.json));
+    const auto bag = resultOf<std::string>(*client, [&](auto callback) { client->bag(std::move(callback)); });
+    if (!bag) return tell(options, bag.error());
+    fmt::print("{}\n", bagPage(*bag, options.json));
     return ExitStatus::done;
 }
 
 ExitStatus showSessions(const Options& options) {
-    return show(options, kORXDaemonInterface, "ListSessions", sessionsPage);
+    using Sessions = std::vector<client::Session>;
+    auto client = connectAsClient(options);
+    if (!client) return client.error();
+    const auto known = resultOf<Sessions>(*client, [&](auto callback) { client->listSessions(std::move(callback)); });
+    if (!known) return tell(options, known.error());
+    json::array sessions;
+    for (const auto& [identifier, agent] : *known) {
+        sessions.push_back(json::object{{"identifier", identifier}, {"agent", agent}});
+    }
+    return show(options, sessions, sessionsPage);
 }
-ExitStatus showImages(const Options& options) { return show(options, kORXDaemonInterface, "GetImageMap", mapPage); }
-ExitStatus showStatus(const Options& options) { return show(options, kORXDiagnosticsInterface, "Status", statusPage); }
+
+ExitStatus showImages(const Options& options) {
+    using Images = std::map<std::string, std::string>;
+    auto client = connectAsClient(options);
+    if (!client) return client.error();
+    const auto known = resultOf<Images>(*client, [&](auto callback) { client->imageMap(std::move(callback)); });
+    if (!known) return tell(options, known.error());
+    json::object images;
+    for (const auto& [identifier, url] : *known) images[identifier] = url;
+    return show(options, images, mapPage);
+}
+
+ExitStatus showStatus(const Options& options) { return operate(options, "Status", {}, json::kind::object, statusPage); }
 ExitStatus showTransfers(const Options& options) {
-    return show(options, kORXDiagnosticsInterface, "Transfers", transfersPage);
+    return operate(options, "Transfers", {}, json::kind::array, transfersPage);
 }
-ExitStatus showCounters(const Options& options) { return show(options, kORXDiagnosticsInterface, "Counters", mapPage); }
+ExitStatus showCounters(const Options& options) {
+    return operate(options, "Counters", {}, json::kind::object, mapPage);
+}
 
 ExitStatus showCountersForPrometheus(const Options& options) {
-    return show(options, kORXDiagnosticsInterface, "Counters", prometheusPage);
+    return operate(options, "Counters", {}, json::kind::object, prometheusPage);
 }
 
 ExitStatus erase(const Options& options, const std::string& what) {
-    auto client = connect(options);
-    if (!client) return client.error();
-    const Answer answer = client->call(kORXDiagnosticsInterface, "Erase", "s", {what});
-    if (!answer) return tell(answer.error());
-    const auto removed = jsonFromBus(answer->front());
-    if (options.json) {
-        print(removed);
-        return ExitStatus::done;
-    }
-    for (const auto& [kind, count] : removed.as_object()) {
-        fmt::print("{}: {} removed\n", std::string_view(kind), json::serialize(count));
-    }
-    return ExitStatus::done;
+    return operate(options, "Erase", {what}, json::kind::object, erasedPage);
 }
 
 ExitStatus addCompletion(const Options& options, const std::string& completion, const std::string& input) {
-    return tellDaemon(options, "AddCompletion", "ss", {completion, input}, {{"added", completion}});
+    return tellDaemon(options, {{"added", completion}}, [&](client::Client& client, auto callback) {
+        client.addCompletion(completion, input, std::move(callback));
+    });
 }
 
 ExitStatus clearCompletions(const Options& options, std::optional<double> from, std::optional<double> to) {
     constexpr double endOfTime = 1e12;  // later than any date that the daemon knows
     const double begin = from.value_or(-endOfTime), end = to.value_or(endOfTime);
-    return tellDaemon(options, "ClearEngagedCompletions", "dd", {begin, end},
-                      {{"cleared_from", begin}, {"cleared_to", end}});
+    return tellDaemon(options, {{"cleared_from", begin}, {"cleared_to", end}},
+                      [&](client::Client& client, auto callback) {
+                          client.clearEngagedCompletions(client::Date(begin), client::Date(end), std::move(callback));
+                      });
 }
 
 ExitStatus reportFeedback(const Options& options, const ReportOptions& report) {
-    auto payload = payloadFromJSON(report.payload);
+    const auto payload = payloadFromJSON(report.payload);
     if (!payload) return tellWrongUsage(payload.error().text);
-    const json::object done{{"reported", payloadTypeName(*payload)}};
-    return tellDaemon(options, "ReportFeedbackPayloadData", "ayt",
-                      {platform::BusBytes::of(*std::move(payload)), report.queryId}, done);
+    return tellDaemon(options, {{"reported", payloadTypeName(*payload)}}, [&](client::Client& client, auto callback) {
+        client.reportFeedback(*payload, report.queryId, std::move(callback));
+    });
 }
 
 ExitStatus showFeedback(const Options& options) {
+    using Records = std::vector<std::string>;
     auto client = connectAsClient(options);
     if (!client) return client.error();
-    const Answer answer = client->call(kORXDaemonInterface, "Feedback", "s", {""});
-    if (!answer) return tell(answer.error());
-    if (const auto status = tellError(options, answer->at(1))) return *status;
-    const auto records = recordsAsJSON(answer->at(0));
+    const auto answer = resultOf<Records>(*client, [&](auto callback) { client->feedback(std::move(callback)); });
+    if (!answer) return tell(options, answer.error());
+    const auto records = recordsAsJSON(*answer);
     fmt::print("{}", options.json ? compactJSON(records) + '\n' : recordsPage(records));
     return ExitStatus::done;
 }
@@ -224,11 +218,12 @@ ExitStatus showFeedback(const Options& options) {
 ExitStatus showPendingFeedback(const Options& options) {
     auto client = connect(options);
     if (!client) return client.error();
-    const Answer answer = client->call(kORXDiagnosticsInterface, "PendingFeedback", "", {});
-    if (!answer) return tell(answer.error());
+    const auto texts = documentIn(call(*client, kORXDiagnosticsInterface, "PendingFeedback"), json::kind::array);
+    if (!texts) return tell(options, texts.error());
     json::array sessions;
-    for (const auto& text : answer->at(0).as<platform::BusArray>()->items) {
-        sessions.push_back(parseJSON(*text.as<std::string>(), kReplyJSONDepth).value_or(json::value()));
+    for (const auto& text : texts->get_array()) {
+        const auto* session = text.if_string();
+        sessions.push_back(session != nullptr ? parseJSON(*session, kReplyJSONDepth).value_or(nullptr) : nullptr);
     }
     if (options.json) {
         fmt::print("{}\n", compactJSON(sessions));
@@ -241,8 +236,8 @@ ExitStatus showPendingFeedback(const Options& options) {
 ExitStatus runActivity(const Options& options, const std::string& name) {
     auto client = connect(options);
     if (!client) return client.error();
-    const Answer answer = client->call(kORXLaunchEventsInterface, "RunActivity", "s", {name});
-    if (!answer) return tell(answer.error());
+    const auto answer = call(*client, kORXLaunchEventsInterface, "RunActivity", {name});
+    if (!answer) return tell(options, answer.error());
     if (options.json) print(json::object{{"ran", name}});
     return ExitStatus::done;
 }

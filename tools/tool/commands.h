@@ -1,17 +1,11 @@
 #pragma once
 
 #include <cstdint>
-#include <expected>
 #include <optional>
 #include <string>
 #include <vector>
 
-namespace orvex::platform {
-struct BusError;
-}
 namespace orvex::tool {
-
-class DaemonClient;
 
 /// The tool's exit statuses.
 enum class ExitStatus : int {
@@ -28,12 +22,6 @@ struct Options {
     std::string userAgent;
     bool json = false;  ///< one JSON document instead of text for people
 };
-
-/// Tells the error on standard error.
-ExitStatus tell(const platform::BusError& error);
-
-/// Connected, and known to the daemon as a client; the error is told.
-std::expected<DaemonClient, ExitStatus> connectAsClient(const Options& options);
 
 // Each does one command of the command line and prints its answer to standard output, or its error to standard error.
 

@@ -1,54 +1,61 @@
 #include "tools/tool/daemon_client.h"
 
-#include <future>
+#include <fmt/format.h>
 
-#include "core/constants.h"
-#include "platform/linux/sd_bus.h"
+#include <boost/json/object.hpp>
+#include <boost/json/serialize.hpp>
+#include <boost/json/value.hpp>
+
+#include "tools/tool/bus_json.h"
+#include "tools/tool/pages.h"
 
 namespace orvex::tool {
 
-bool meansNoDaemon(const platform::BusError& error) {
-    return error.name == "org.freedesktop.DBus.Error.ServiceUnknown" ||
-           error.name == "org.freedesktop.DBus.Error.NameHasNoOwner" ||
-           error.name.starts_with("org.freedesktop.DBus.Error.Spawn");
+using client::Client;
+using client::Error;
+
+std::expected<Client, ExitStatus> connect(const Options& options) {
+    auto client = Client::connect(
+        {.identifier = options.identifier, .userAgent = options.userAgent, .address = options.busAddress});
+    if (client) return *std::move(client);
+    return std::unexpected(tell(options, client.error()));
 }
 
-platform::Result<DaemonClient> DaemonClient::connect(const std::string& busAddress) {
-    auto bus = platform::SdBus::create({.address = busAddress});
-    if (!bus) return std::unexpected(bus.error());
-    return DaemonClient(*std::move(bus));
+std::expected<Client, ExitStatus> connectAsClient(const Options& options) {
+    auto client = connect(options);
+    if (!client) return client;
+    const auto configured = resultOf<void>(*client, [&](auto done) { client->configure(std::move(done)); });
+    if (!configured) return std::unexpected(tell(options, configured.error()));
+    return client;
 }
 
-std::expected<platform::BusArguments, platform::BusError> DaemonClient::call(std::string_view interface,
-                                                                             std::string_view member,
-                                                                             std::string_view signature,
-                                                                             platform::BusArguments arguments) {
-    using Answer = std::expected<platform::BusArguments, platform::BusError>;
-    // Shared with the completion: it may still come when nobody waits any more.
-    auto answered = std::make_shared<std::promise<Answer>>();
-    auto answer = answered->get_future();
-    send(interface, member, signature, std::move(arguments),
-         [answered](Answer result) { answered->set_value(std::move(result)); });
-    return answer.get();
+ExitStatus tell(const Options& options, const Error& error) {
+    switch (error.kind) {
+        case Error::Kind::noBus:
+            fmt::print(stderr, "orvex_tool: {}\n", error.reason);
+            return ExitStatus::noDaemon;
+        case Error::Kind::noDaemon:
+            fmt::print(stderr, "orvex_tool: no orvexd on the bus ({})\n", error.reason);
+            return ExitStatus::noDaemon;
+        case Error::Kind::failed:
+            if (options.json) {
+                fmt::print("{}\n", boost::json::serialize(boost::json::object{{"error", jsonFromError(error)}}));
+            } else {
+                fmt::print(stderr, "orvex_tool: {}\n", errorText(jsonFromError(error)));
+            }
+            return ExitStatus::refused;
+        default:
+            fmt::print(stderr, "orvex_tool: {}{}\n", error.reason,
+                       error.domain.empty() ? "" : fmt::format(" ({})", error.domain));
+            return ExitStatus::refused;
+    }
 }
 
-void DaemonClient::send(std::string_view interface, std::string_view member, std::string_view signature,
-                        platform::BusArguments arguments, platform::BusCallCompletion completion) {
-    _bus->call(std::string(kORXBusName), std::string(kORXObjectPath), std::string(interface), std::string(member),
-               std::string(signature), std::move(arguments), patience, std::move(completion));
-}
-
-std::expected<void, platform::BusError> DaemonClient::configure(const std::string& identifier,
-                                                                const std::string& userAgent) {
-    auto answer = call(kORXDaemonInterface, "Configure", "a{sv}", configuration(identifier, userAgent));
-    if (!answer) return std::unexpected(answer.error());
-    return {};
-}
-
-platform::BusArguments DaemonClient::configuration(const std::string& identifier, const std::string& userAgent) {
-    platform::BusDictionary configuration;
-    configuration.set("identifier", identifier).set("user_agent", userAgent);
-    return {std::move(configuration)};
+std::expected<client::List, Error> call(Client& client, std::string_view interface, const char* member,
+                                        const client::List& arguments) {
+    return resultOf<client::List>(client, [&](auto done) {
+        client.call({.interface = std::string(interface), .member = member}, arguments, std::move(done));
+    });
 }
 
 }  // namespace orvex::tool

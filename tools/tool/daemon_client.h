@@ -1,48 +1,35 @@
 #pragma once
 
-#include <chrono>
 #include <expected>
-#include <memory>
-#include <string>
+#include <optional>
+#include <utility>
 
-#include "platform/bus.h"
+#include "client/orvex/client.h"
+#include "tools/tool/commands.h"
 
 namespace orvex::tool {
 
-/// Whether the call failed because nobody has the daemon's name.
-[[nodiscard]] bool meansNoDaemon(const platform::BusError& error);
+/// A connection that the daemon does not know of yet; the error is told.
+std::expected<client::Client, ExitStatus> connect(const Options& options);
 
-/// The tool's side of the bus: calls that wait for their answer, and calls that do not.
-/// Threading: one thread, the tool's own.
-class DaemonClient {
-public:
-    static constexpr std::chrono::seconds patience{90};  ///< longer than the daemon takes for anything
+/// Connected, and known to the daemon as a client; the error is told.
+std::expected<client::Client, ExitStatus> connectAsClient(const Options& options);
 
-    /// Empty address: the user's session bus.
-    static platform::Result<DaemonClient> connect(const std::string& busAddress);
+/// Tells the error: on standard error, or as the JSON document when it is the daemon's own.
+ExitStatus tell(const Options& options, const client::Error& error);
 
-    /// `signature` is that of `arguments`.
-    [[nodiscard]] std::expected<platform::BusArguments, platform::BusError> call(std::string_view interface,
-                                                                                 std::string_view member,
-                                                                                 std::string_view signature,
-                                                                                 platform::BusArguments arguments);
+/// Waits for the result of the call that `start` makes with the callback that it is given.
+template <class T, class Start>
+std::expected<T, client::Error> resultOf(client::Client& client, Start start) {
+    std::optional<std::expected<T, client::Error>> result;
+    start(client::Client::Callback<T>([&result](std::expected<T, client::Error> came) { result = std::move(came); }));
+    const auto ran = client.runUntil([&result] { return result.has_value(); });
+    if (!result) return std::unexpected(ran.error());
+    return *std::move(result);
+}
 
-    /// As `call`, without waiting: `completion` comes once, on the bus thread, unless this is destroyed first.
-    void send(std::string_view interface, std::string_view member, std::string_view signature,
-              platform::BusArguments arguments, platform::BusCallCompletion completion);
-
-    /// Makes this a connection of the client interface, under that identifier and user agent.
-    [[nodiscard]] std::expected<void, platform::BusError> configure(const std::string& identifier,
-                                                                    const std::string& userAgent);
-    [[nodiscard]] static platform::BusArguments configuration(const std::string& identifier,
-                                                              const std::string& userAgent);
-
-    [[nodiscard]] platform::Bus& bus() { return *_bus; }
-
-private:
-    explicit DaemonClient(std::unique_ptr<platform::Bus> bus) : _bus(std::move(bus)) {}
-
-    std::unique_ptr<platform::Bus> _bus;
-};
+/// A method of an interface that no client's connection is needed for.
+std::expected<client::List, client::Error> call(client::Client& client, std::string_view interface, const char* member,
+                                                const client::List& arguments = {});
 
 }  // namespace orvex::tool

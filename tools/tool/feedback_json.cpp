@@ -76,14 +76,9 @@ std::string payloadTypeName(std::string_view payload) {
     return feedbackTypeName(read.type());
 }
 
-json::array recordsAsJSON(const platform::BusValue& records) {
+json::array recordsAsJSON(const std::vector<std::string>& records) {
     json::array list;
-    const auto* array = records.as<platform::BusArray>();
-    if (array == nullptr) return list;
-    for (const auto& item : array->items) {
-        const auto* bytes = item.as<platform::BusBytes>();
-        list.push_back(bytes != nullptr ? recordAsJSON(bytes->view()) : json::value());
-    }
+    for (const auto& record : records) list.push_back(recordAsJSON(record));
     return list;
 }
 

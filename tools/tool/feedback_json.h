@@ -3,8 +3,8 @@
 #include <boost/json/fwd.hpp>
 #include <string>
 #include <string_view>
+#include <vector>
 
-#include "platform/bus_value.h"
 #include "platform/result.h"
 
 namespace orvex::tool {
@@ -18,7 +18,7 @@ std::string payloadTypeName(std::string_view payload);
 
 /// The records that `Feedback` answers: each one's dictionary, with "user_agent" and "user_guid", and as "timestamp"
 /// its own, in milliseconds. One that cannot be read is null.
-boost::json::array recordsAsJSON(const platform::BusValue& records);
+boost::json::array recordsAsJSON(const std::vector<std::string>& records);
 
 /// Of such records, one a line: time since the first, type, and the rest as JSON.
 std::string recordsPage(const boost::json::array& records);

@@ -27,13 +27,13 @@ TEST(FeedbackJSONTest, APayloadIsReadAsProtobufWritesItInJSON) {
 TEST(FeedbackJSONTest, RecordsAreShownWithTheirOriginAndTime) {
     CXVisibleResultsFeedback visible;
     visible.set_timestamp(7'500'000'000);
-    platform::BusArray records{"ay", {}};
-    records.items.push_back(platform::BusBytes::of(
-        orvexFeedbackWithCodable(visible, {.userGuid = "GUID", .userAgent = "agent\x1b"})->SerializeAsString()));
+    std::vector<std::string> records;
+    records.push_back(
+        orvexFeedbackWithCodable(visible, {.userGuid = "GUID", .userAgent = "agent\x1b"})->SerializeAsString());
     visible.set_timestamp(9'000'000'000);
     visible.add_results()->set_identifier("r");
-    records.items.push_back(platform::BusBytes::of(orvexFeedbackWithCodable(visible, {})->SerializeAsString()));
-    records.items.push_back(platform::BusBytes::of("\xFF"));
+    records.push_back(orvexFeedbackWithCodable(visible, {})->SerializeAsString());
+    records.emplace_back("\xFF");
     const auto shown = recordsAsJSON(records);
     EXPECT_EQ(compactJSON(shown.at(0)), R"({"timestamp":7500,"query_id":0,"type":"visible_results",)"
                                         R"("user_agent":"agent\u001b","user_guid":"GUID"})");

@@ -2,9 +2,10 @@
 
 #include <boost/json/object.hpp>
 #include <boost/json/serialize.hpp>
-#include <chrono>
 #include <cstdio>
-#include <future>
+#include <functional>
+#include <memory>
+#include <optional>
 
 #include "core/compressed_output_stream.h"
 #include "core/constants.h"
@@ -13,9 +14,6 @@
 
 namespace orvex::tool {
 namespace {
-
-using platform::BusArguments;
-using Answer = std::expected<BusArguments, platform::BusError>;
 
 constexpr std::size_t maxUploadBytes = std::size_t{256} << 20;
 
@@ -27,76 +25,66 @@ void printLine(std::string_view text) {
     std::fflush(stdout);
 }
 
-/// The tool's end of the channel: one intent, and the signals that follow. Signals are printed on the bus thread.
+/// The tool's end of the channel: one intent, and the signals that follow.
 class Channel {
 public:
     static std::expected<Channel, ExitStatus> open(const Options& options) {
         auto client = connectAsClient(options);
         if (!client) return std::unexpected(client.error());
-        auto path = client->call(kORXDaemonInterface, "ListenToFlusher", "", {});
-        if (!path) return std::unexpected(tell(path.error()));
-        Channel channel(*std::move(client), path->front().as<platform::BusObjectPath>()->path);
-        if (const auto watched = channel._watchDaemon(); !watched) return std::unexpected(tell(watched.error()));
-        return channel;
+        auto path =
+            resultOf<std::string>(*client, [&](auto callback) { client->listenToFlusher(std::move(callback)); });
+        if (!path) return std::unexpected(tell(options, path.error()));
+        return Channel(options, *std::move(client), *std::move(path));
     }
 
-    void on(const char* signal, platform::BusSignalHandler handler) {
-        _client.bus().subscribe(std::string(kORXBusName), _path, std::string(kORXFlusherInterface), signal,
-                                std::move(handler));
+    void on(const char* signal, std::function<void(client::List)> handler) {
+        _client.onSignal(_member(signal), std::move(handler));
     }
-    /// What `wait` returns once the channel has said that the work is done.
+    /// The listening ends once the channel has said that the work is done.
     void endWithWork() {
-        on("WorkDone", [end = _end](const std::string&, const BusArguments&) { end->come(ExitStatus::done); });
+        on("WorkDone", [end = _end](const client::List&) { *end = end->value_or(ExitStatus::done); });
     }
 
+    /// Until the end of the listening.
     [[nodiscard]] ExitStatus initiate(Intent intent) {
-        const auto answer = _call(std::string(kORXBusName), _path, std::string(kORXFlusherInterface),
-                                  "InitiateConnectionWithIntent", "t", {static_cast<std::uint64_t>(intent)});
-        return answer ? _end->wait() : tell(answer.error());
+        const auto answer = resultOf<client::List>(_client, [&](auto callback) {
+            _client.call(_member("InitiateConnectionWithIntent"), {static_cast<std::uint64_t>(intent)},
+                         std::move(callback));
+        });
+        if (!answer) return tell(_options, answer.error());
+        const auto ran = _client.runUntil([this] { return _end->has_value(); });
+        return ran ? **_end : ExitStatus::noDaemon;
     }
 
 private:
-    /// The end of the listening, which comes once or more; the first counts.
-    struct End {
-        std::promise<ExitStatus> promise;
-        std::once_flag once;
-
-        void come(ExitStatus status) {
-            std::call_once(once, [&] { promise.set_value(status); });
-        }
-        ExitStatus wait() { return promise.get_future().get(); }
-    };
-
-    Channel(DaemonClient client, std::string path) : _client(std::move(client)), _path(std::move(path)) {}
-
-    std::expected<void, platform::BusError> _watchDaemon() {
-        const std::string driver = "org.freedesktop.DBus";
-        auto owner = _call(driver, "/org/freedesktop/DBus", driver, "GetNameOwner", "s", {std::string(kORXBusName)});
-        if (!owner) return std::unexpected(owner.error());
-        _client.bus().watchPeer(*owner->front().as<std::string>(), [end = _end] { end->come(ExitStatus::noDaemon); });
-        return {};
+    Channel(const Options& options, client::Client client, std::string path)
+        : _options(options),
+          _client(std::move(client)),
+          _path(std::move(path)) {
+        _client.onDaemon([end = _end](client::Client::Daemon change) {
+            if (change == client::Client::Daemon::went) *end = end->value_or(ExitStatus::noDaemon);
+        });
     }
 
-    Answer _call(std::string destination, std::string path, std::string interface, std::string member,
-                 std::string signature, BusArguments arguments) {
-        auto answered = std::make_shared<std::promise<Answer>>();
-        auto answer = answered->get_future();
-        _client.bus().call(std::move(destination), std::move(path), std::move(interface), std::move(member),
-                           std::move(signature), std::move(arguments), DaemonClient::patience,
-                           [answered](Answer result) { answered->set_value(std::move(result)); });
-        return answer.get();
+    [[nodiscard]] client::Client::Method _member(const char* member) const {
+        return {.interface = std::string(kORXFlusherInterface), .member = member, .path = _path};
     }
 
-    DaemonClient _client;
+    Options _options;
+    client::Client _client;
     std::string _path;
-    std::shared_ptr<End> _end = std::make_shared<End>();
+    std::shared_ptr<std::optional<ExitStatus>> _end = std::make_shared<std::optional<ExitStatus>>();
 };
 
 /// Prints each upload as the JSON text that the server will read.
 void printUploads(Channel& channel) {
-    channel.on("FlushedData", [](const std::string&, const BusArguments& arguments) {
-        for (const auto& buffer : arguments.front().as<platform::BusArray>()->items) {
-            const auto text = inflated(buffer.as<platform::BusBytes>()->view(), maxUploadBytes);
+    channel.on("FlushedData", [](const client::List& arguments) {
+        const auto* buffers = arguments.size() == 1 ? arguments.front().as<client::List>() : nullptr;
+        if (buffers == nullptr) return;
+        for (const auto& buffer : *buffers) {
+            const auto* bytes = buffer.as<client::Bytes>();
+            if (bytes == nullptr) continue;
+            const auto text = inflated(bytes->bytes, maxUploadBytes);
             printLine(text ? *text : "orvex_tool: an upload that cannot be inflated: " + text.error().text);
         }
     });
@@ -111,8 +99,9 @@ ExitStatus listenTo(const Options& options, Listening listening) {
         printUploads(*channel);
         return channel->initiate(Intent::listenToUploads);
     }
-    channel->on("ReceivedFeedbackDescription", [](const std::string&, const BusArguments& arguments) {
-        printLine(*arguments.front().as<std::string>());
+    channel->on("ReceivedFeedbackDescription", [](const client::List& arguments) {
+        const auto* description = arguments.size() == 1 ? arguments.front().as<std::string>() : nullptr;
+        if (description != nullptr) printLine(*description);
     });
     return channel->initiate(Intent::listenToFeedback);
 }

@@ -8,8 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "core/constants.h"
-#include "tools/tool/bus_json.h"
+#include "platform/file_manager.h"
 #include "tools/tool/commands.h"
 #include "tools/tool/daemon_client.h"
 #include "tools/tool/pages.h"
@@ -47,12 +46,10 @@ int copyToFile(int from, const std::string& path) {
 ExitStatus showResource(const Options& options, const std::string& identifier, const std::string& output) {
     auto client = connectAsClient(options);
     if (!client) return client.error();
-    const auto answer = client->call(kORXDaemonInterface, "FileHandleAndAttributesForResource", "s", {identifier});
-    if (!answer) {
-        fmt::print(stderr, "orvex_tool: {} ({})\n", answer.error().message, answer.error().name);
-        return meansNoDaemon(answer.error()) ? ExitStatus::noDaemon : ExitStatus::refused;
-    }
-    const int file = answer->at(0).as<platform::BusFile>()->file->get();
+    const auto resource =
+        resultOf<client::Resource>(*client, [&](auto callback) { client->resource(identifier, std::move(callback)); });
+    if (!resource) return tell(options, resource.error());
+    const int file = resource->file.descriptor();
     int code = 0;
     if (!output.empty()) {
         code = copyToFile(file, output);
@@ -64,7 +61,10 @@ ExitStatus showResource(const Options& options, const std::string& identifier, c
                    strerrordesc_np(code));
         return ExitStatus::refused;
     }
-    const auto attributes = jsonFromBus(answer->at(1));
+    const boost::json::object attributes{{"size", resource->size},
+                                         {"creation_date", resource->creationDate.count()},
+                                         {"modification_date", resource->modificationDate.count()},
+                                         {"permissions", resource->permissions}};
     if (options.json) {
         fmt::print("{}\n", boost::json::serialize(attributes));
     } else if (!output.empty()) {

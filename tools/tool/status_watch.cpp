@@ -13,14 +13,12 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
-#include <memory>
 #include <optional>
 #include <vector>
 
 #include "core/constants.h"
-#include "platform/linux/sd_bus.h"
 #include "tools/tool/bus_json.h"
-#include "tools/tool/mailbox.h"
+#include "tools/tool/daemon_client.h"
 #include "tools/tool/shown_text.h"
 #include "tools/tool/status_page.h"
 #include "tools/tool/terminal.h"
@@ -30,10 +28,7 @@ namespace {
 
 namespace json = boost::json;
 using Clock = std::chrono::steady_clock;
-using Answer = std::expected<platform::BusArguments, platform::BusError>;
-
-constexpr std::chrono::seconds patience{30};
-constexpr std::string_view busDriver = "org.freedesktop.DBus";
+using Answer = std::expected<client::List, client::Error>;
 
 /// A page on the terminal, as much of it as fits, from a line that the arrow keys choose.
 class PageView {
@@ -75,7 +70,6 @@ private:
     std::size_t _first = 0;  ///< of those that are shown
 };
 
-/// The bus is the last member: nothing of its thread's outlives the mailbox.
 class StatusWatch {
 public:
     struct Ending {
@@ -83,20 +77,20 @@ public:
         int signal = 0;  ///< that is to end the process
     };
 
-    StatusWatch(const Options& options, std::chrono::milliseconds interval, std::unique_ptr<platform::Bus> bus,
-                PageView* view)
+    StatusWatch(const Options& options, std::chrono::milliseconds interval, client::Client client, PageView* view)
         : _json(options.json),
           _interval(interval),
           _view(view),
-          _bus(std::move(bus)) {}
+          _client(std::move(client)) {
+        _client.onDaemon([this](client::Client::Daemon change) { _daemonIs(change == client::Client::Daemon::came); });
+    }
 
     [[nodiscard]] Ending run(TerminalSignals& signals, Terminal* terminal);
 
 private:
-    void _followOwner();
-    void _ownerIs(const std::string& owner);
+    void _daemonIs(bool there);
     void _look();
-    void _answered(const std::string& owner, const Answer& answer);
+    void _answered(const Answer& answer);
     void _show();
     [[nodiscard]] std::optional<Ending> _takeSignals(TerminalSignals& signals, Terminal* terminal);
     [[nodiscard]] bool _takeKeys(Terminal& terminal);
@@ -107,26 +101,24 @@ private:
     const std::chrono::milliseconds _interval;
     PageView* const _view;  ///< null: standard output
 
-    std::optional<std::string> _owner;  ///< of the daemon's name; empty: nobody; none: not known yet
+    std::uint64_t _daemons = 0;    ///< that came and went
+    std::optional<bool> _isThere;  ///< none: not known yet
     std::optional<json::object> _status;
     std::optional<json::object> _before;
     std::string _problem;                        ///< why the last look failed
     std::optional<Clock::time_point> _nextLook;  ///< none: an answer or a daemon is waited for
-    bool _busIsGone = false;
-    Mailbox<StatusWatch> _mailbox;
-    const std::unique_ptr<platform::Bus> _bus;
+    client::Client _client;
 };
 
 StatusWatch::Ending StatusWatch::run(TerminalSignals& signals, Terminal* terminal) {
-    _followOwner();
+    _look();
     while (true) {
         std::array<pollfd, 3> sources{{{signals.descriptor(), POLLIN, 0},
-                                       {_mailbox.descriptor(), POLLIN, 0},
+                                       {_client.descriptor(), _client.events(), 0},
                                        {terminal != nullptr ? STDIN_FILENO : -1, POLLIN, 0}}};
         if (::poll(sources.data(), sources.size(), _patienceOfPoll()) < 0 && errno != EINTR) return {};
         if (const auto ending = _takeSignals(signals, terminal)) return *ending;
-        for (auto& work : _mailbox.take()) work(*this);
-        if (_busIsGone) return {.status = ExitStatus::noDaemon};
+        if (!_client.process()) return {.status = ExitStatus::noDaemon};
         if (terminal != nullptr && !_takeKeys(*terminal)) return {};
         if ((sources[2].revents & (POLLHUP | POLLERR | POLLNVAL)) != 0) return {};
         if (_nextLook && *_nextLook <= Clock::now()) _look();
@@ -134,9 +126,12 @@ StatusWatch::Ending StatusWatch::run(TerminalSignals& signals, Terminal* termina
 }
 
 int StatusWatch::_patienceOfPoll() const {
-    if (!_nextLook) return -1;
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*_nextLook - Clock::now());
-    return static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, 60'000));
+    auto limit = _client.timeout();
+    if (_nextLook) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(*_nextLook - Clock::now());
+        limit = std::min(limit.value_or(left), left);
+    }
+    return limit ? static_cast<int>(std::clamp<std::int64_t>(limit->count(), 0, 60'000)) : -1;
 }
 
 std::optional<StatusWatch::Ending> StatusWatch::_takeSignals(TerminalSignals& signals, Terminal* terminal) {
@@ -160,60 +155,39 @@ bool StatusWatch::_takeKeys(Terminal& terminal) {
     return true;
 }
 
-// The driver answers in the order in which it tells of changes, so the last that comes is what holds.
-void StatusWatch::_followOwner() {
-    _bus->setDisconnectHandler([this] { _mailbox.post([](StatusWatch& self) { self._busIsGone = true; }); });
-    _bus->subscribe(std::string(busDriver), "/org/freedesktop/DBus", std::string(busDriver), "NameOwnerChanged",
-                    [this](const std::string&, const platform::BusArguments& change) {
-                        const auto* name = change.size() == 3 ? change[0].as<std::string>() : nullptr;
-                        const auto* owner = change.size() == 3 ? change[2].as<std::string>() : nullptr;
-                        if (name == nullptr || owner == nullptr || *name != kORXBusName) return;
-                        _mailbox.post([owner = *owner](StatusWatch& self) { self._ownerIs(owner); });
-                    });
-    _bus->call(std::string(busDriver), "/org/freedesktop/DBus", std::string(busDriver), "GetNameOwner", "s",
-               {std::string(kORXBusName)}, patience, [this](const Answer& answer) {
-                   const auto* owner = answer && !answer->empty() ? answer->front().as<std::string>() : nullptr;
-                   _mailbox.post([owner = owner != nullptr ? *owner : std::string()](StatusWatch& self) {
-                       self._ownerIs(owner);
-                   });
-               });
-}
-
-void StatusWatch::_ownerIs(const std::string& owner) {
-    if (_owner == owner) return;
-    _owner = owner;
+void StatusWatch::_daemonIs(bool there) {
+    ++_daemons;
+    if (!there && _isThere == false) return;
+    _isThere = there;
     _nextLook.reset();
     _before.reset();
-    if (!owner.empty()) return _look();
+    if (there) return _look();
     _status.reset();
     _show();
 }
 
 void StatusWatch::_look() {
     _nextLook.reset();
-    _bus->call(
-        *_owner, std::string(kORXObjectPath), std::string(kORXDiagnosticsInterface), "Status", "", {}, patience,
-        [this, owner = *_owner](Answer answer) {
-            _mailbox.post([owner, answer = std::move(answer)](StatusWatch& self) { self._answered(owner, answer); });
-        });
+    _client.call({.interface = std::string(kORXDiagnosticsInterface), .member = "Status", .startsDaemon = false}, {},
+                 [this, asked = _daemons](const Answer& answer) {
+                     if (asked == _daemons) _answered(answer);  // that of one that has gone meanwhile is no news
+                 });
 }
 
-/// An answer of one that has gone meanwhile is no news.
-void StatusWatch::_answered(const std::string& owner, const Answer& answer) {
-    if (_owner != owner) return;
+void StatusWatch::_answered(const Answer& answer) {
+    if (!answer && answer.error().kind == client::Error::Kind::noDaemon) return _daemonIs(false);
+    _isThere = true;
     _nextLook = Clock::now() + _interval;
-    _problem = answer ? std::string() : shown(answer.error().message);
-    if (answer && !answer->empty()) {
-        _before = std::exchange(_status, std::nullopt);
-        _status = jsonFromBus(answer->front()).as_object();
-    }
+    const auto status = answer && answer->size() == 1 ? jsonFromValue(answer->front()) : json::value();
+    if (status.is_object()) _before = std::exchange(_status, status.get_object());
+    _problem = answer ? std::string(status.is_object() ? "" : "a malformed answer") : shown(answer.error().reason);
     _show();
 }
 
 void StatusWatch::_show() {
     const bool isTold = _status && _problem.empty();
     std::string text;
-    if (_owner->empty()) {
+    if (_isThere == false) {
         text = _json ? "null" : notRunningPage();
     } else if (!isTold) {
         text = _json ? json::serialize(json::object{{"error", _problem}})
@@ -240,16 +214,13 @@ bool isOnATerminal() { return ::isatty(STDIN_FILENO) != 0 && ::isatty(STDOUT_FIL
 ExitStatus watchStatus(const Options& options, std::chrono::milliseconds interval) {
     StatusWatch::Ending ending;
     try {
-        TerminalSignals signals(TerminalSignals::Interrupt::taken);  // before the bus thread, which must not get them
-        auto bus = platform::SdBus::create({.address = options.busAddress});
-        if (!bus) {
-            fmt::print(stderr, "orvex_tool: no bus: {}\n", bus.error().text);
-            return ExitStatus::noDaemon;
-        }
+        TerminalSignals signals(TerminalSignals::Interrupt::taken);
+        auto client = connect(options);
+        if (!client) return client.error();
         auto terminal = options.json || !isOnATerminal() ? platform::failure(0, "no screen") : Terminal::open();
         std::optional<PageView> view;
         if (terminal) view.emplace(*terminal, footer(interval));
-        StatusWatch watch(options, interval, *std::move(bus), view ? &*view : nullptr);
+        StatusWatch watch(options, interval, *std::move(client), view ? &*view : nullptr);
         ending = watch.run(signals, terminal ? &*terminal : nullptr);
     } catch (const std::exception& failure) {
         fmt::print(stderr, "orvex_tool: status: {}\n", failure.what());

@@ -10,8 +10,7 @@ namespace orvex::tool {
 /// a screen that is redrawn, elsewhere, and with `--json`, one page or document after the other. It looks after every
 /// interval, and at once when a daemon comes; one that is gone is told once.
 ///
-/// It keeps nothing alive and starts nothing: it asks by the unique name of whoever has the daemon's name, and only
-/// that owner's coming and going tells it whether there is one.
+/// It keeps nothing alive and starts nothing: where no daemon is, it waits for one to come.
 ExitStatus watchStatus(const Options& options, std::chrono::milliseconds interval);
 
 }  // namespace orvex::tool

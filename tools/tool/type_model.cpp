@@ -6,23 +6,22 @@
 #include <boost/json/object.hpp>
 #include <boost/json/value.hpp>
 
-#include "platform/text.h"
 #include "tools/tool/bus_json.h"
-#include "tools/tool/daemon_client.h"
+#include "tools/tool/shown_text.h"
 #include "tools/tool/terminal_text.h"
 
 namespace orvex::tool {
 namespace {
 
-constexpr std::size_t maxErrorBytes = 400;
-
-std::string errorText(const platform::BusError& error) {
-    if (meansNoDaemon(error)) return "no orvexd on the bus";
-    return platform::escaped(fmt::format("{} ({})", error.message, error.name), maxErrorBytes);
-}
-
-const platform::BusDictionary* dictionaryAt(const platform::BusArguments& arguments, std::size_t index) {
-    return index < arguments.size() ? arguments[index].as<platform::BusDictionary>() : nullptr;
+std::string errorFor(const client::Error& error) {
+    switch (error.kind) {
+        case client::Error::Kind::noDaemon:
+            return "no orvexd on the bus";
+        case client::Error::Kind::failed:
+            return errorText(jsonFromError(error));
+        default:
+            return shown(error.domain.empty() ? error.reason : fmt::format("{} ({})", error.reason, error.domain));
+    }
 }
 
 std::string sourceText(TypeAnswer::Source source) {
@@ -50,23 +49,15 @@ std::string_view firstCharacters(std::string_view text, std::size_t count) {
 
 }  // namespace
 
-TypeAnswer typeAnswer(std::string_view typed, const std::expected<platform::BusArguments, platform::BusError>& result,
+TypeAnswer typeAnswer(std::string_view typed, const std::expected<client::Reply, client::Error>& reply,
                       std::chrono::duration<double, std::milli> took) {
     TypeAnswer answer{.took = took};
-    if (!result) {
-        answer.error = errorText(result.error());
-        return answer;
-    }
-    const auto* reply = dictionaryAt(*result, 1);
-    const auto* error = dictionaryAt(*result, 2);
-    if (reply == nullptr || error == nullptr) {
-        answer.error = "an answer that is none of orvexd's";
-    } else if (!error->entries.empty()) {
-        answer.error = errorText(jsonFromBus(result->at(2)).get_object());
-    } else if (!reply->entries.empty()) {
-        const bool asked = reply->find("http_response") != nullptr;
+    if (!reply) {
+        answer.error = errorFor(reply.error());
+    } else if (!reply->isNothing) {
+        const bool asked = reply->httpResponse.has_value();
         answer.source = asked ? TypeAnswer::Source::server : TypeAnswer::Source::memory;
-        answer.results = resultSets(jsonFromBus(result->at(1)).get_object(), asked ? "" : typed);
+        answer.results = resultSets(jsonFromReply(*reply), asked ? "" : typed);
     }
     return answer;
 }

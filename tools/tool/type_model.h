@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/bus.h"
+#include "client/orvex/types.h"
 #include "tools/tool/pages.h"
 
 namespace orvex::tool {
@@ -22,10 +22,9 @@ struct TypeAnswer {
     std::chrono::duration<double, std::milli> took{};
 };
 
-/// The answer in a call's result, whatever its shape. The daemon's memory gives what the server said to the beginning
+/// The answer in a call's result. The daemon's memory gives what the server said to the beginning
 /// of `typed`: of that, what goes on as `typed` does comes first.
-[[nodiscard]] TypeAnswer typeAnswer(std::string_view typed,
-                                    const std::expected<platform::BusArguments, platform::BusError>& result,
+[[nodiscard]] TypeAnswer typeAnswer(std::string_view typed, const std::expected<client::Reply, client::Error>& reply,
                                     std::chrono::duration<double, std::milli> took);
 
 /// What search as you type knows: the line that is edited, the newest answer that has come, the suggestion that is

@@ -9,9 +9,6 @@
 namespace orvex::tool {
 namespace {
 
-using platform::BusArguments;
-using platform::BusBytes;
-using platform::BusDictionary;
 using std::chrono::milliseconds;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
@@ -126,46 +123,45 @@ TEST(TypeModel, KeepsTheLineShort) {
     EXPECT_EQ(model.press(TypeModel::Key::complete)->text, most);
 }
 
-BusArguments arguments(BusDictionary reply, BusDictionary error) {
-    return {std::uint64_t{1}, std::move(reply), std::move(error)};
+client::Reply replyWith(std::string data) {
+    client::Reply reply{.isNothing = false};
+    reply.data = std::move(data);
+    return reply;
 }
 
 TEST(TypeAnswer, TellsWhereItCameFrom) {
     const std::string body =
         R"([{"suggestion":"ap\u001bple","results":[{"title":"apple","text":"a fruit"},7]},8,{"results":{}}])";
-    BusDictionary reply;
-    reply.set("data", BusBytes::of(body));
-    auto answer = typeAnswer("a", arguments(reply, {}), milliseconds(1));
+    auto reply = replyWith(body);
+    auto answer = typeAnswer("a", reply, milliseconds(1));
     EXPECT_EQ(answer.source, TypeAnswer::Source::memory);
     EXPECT_THAT(answer.results.suggestions, ElementsAre("ap\\x1Bple"));
     ASSERT_EQ(answer.results.cards.size(), 1U);
     EXPECT_EQ(answer.results.cards[0].text, "a fruit");
-    reply.set("http_response", BusDictionary());
-    EXPECT_EQ(typeAnswer("a", arguments(reply, {}), milliseconds(1)).source, TypeAnswer::Source::server);
-    EXPECT_EQ(typeAnswer("a", arguments({}, {}), milliseconds(1)).source, TypeAnswer::Source::nobody);
+    reply.httpResponse.emplace();
+    EXPECT_EQ(typeAnswer("a", reply, milliseconds(1)).source, TypeAnswer::Source::server);
+    EXPECT_EQ(typeAnswer("a", client::Reply(), milliseconds(1)).source, TypeAnswer::Source::nobody);
 }
 
 TEST(TypeAnswer, WhatGoesOnAsTypedComesFirstFromMemory) {
-    BusDictionary reply;
-    reply.set("data", BusBytes::of(R"([{"suggestion":"a","results":[{"title":"a"}]},{"suggestion":"Appear"},
+    auto reply = replyWith(R"([{"suggestion":"a","results":[{"title":"a"}]},{"suggestion":"Appear"},
                                        {"results":[{"title":"none"}]},{"suggestion":"apple",
-                                        "results":[{"title":"apple"}]}])"));
-    const auto kept = typeAnswer("aP", arguments(reply, {}), milliseconds(1));
+                                        "results":[{"title":"apple"}]}])");
+    const auto kept = typeAnswer("aP", reply, milliseconds(1));
     EXPECT_THAT(kept.results.suggestions, ElementsAre("Appear", "apple", "a"));
     EXPECT_EQ(kept.results.cards.front().title, "apple");
-    reply.set("http_response", BusDictionary());
-    const auto fresh = typeAnswer("aP", arguments(reply, {}), milliseconds(1));
+    reply.httpResponse.emplace();
+    const auto fresh = typeAnswer("aP", reply, milliseconds(1));
     EXPECT_THAT(fresh.results.suggestions, ElementsAre("a", "Appear", "apple")) << "the server's order";
 }
 
 TEST(TypeAnswer, TellsErrors) {
-    BusDictionary error;
-    error.set("domain", "ORXErrorDomain").set("code", std::int64_t{1}).set("reason", "time\nout");
-    EXPECT_EQ(typeAnswer("a", arguments({}, error), milliseconds(1)).error, "time\\x0Aout (ORXErrorDomain 1)");
-    const platform::BusError gone{.name = "org.freedesktop.DBus.Error.ServiceUnknown", .message = "not provided"};
-    EXPECT_THAT(typeAnswer("a", std::unexpected(gone), milliseconds(1)).error, HasSubstr("no orvexd"));
-    EXPECT_THAT(typeAnswer("a", BusArguments{"x"}, milliseconds(1)).error, Not(IsEmpty()));
-    EXPECT_THAT(typeAnswer("a", BusArguments{1U, "x", "y"}, milliseconds(1)).error, Not(IsEmpty()));
+    client::Error error{.domain = "ORXErrorDomain", .code = 1, .reason = "time\nout"};
+    EXPECT_EQ(typeAnswer("a", std::unexpected(error), milliseconds(1)).error, "time\\x0Aout (ORXErrorDomain 1)");
+    error.kind = client::Error::Kind::refused;
+    EXPECT_EQ(typeAnswer("a", std::unexpected(error), milliseconds(1)).error, "time\\x0Aout (ORXErrorDomain)");
+    error.kind = client::Error::Kind::noDaemon;
+    EXPECT_THAT(typeAnswer("a", std::unexpected(error), milliseconds(1)).error, HasSubstr("no orvexd"));
 }
 
 TEST(TerminalText, CountsColumnsAndBreaksLines) {

@@ -12,9 +12,7 @@
 #include <map>
 #include <optional>
 
-#include "core/constants.h"
 #include "tools/tool/daemon_client.h"
-#include "tools/tool/mailbox.h"
 #include "tools/tool/terminal.h"
 #include "tools/tool/terminal_text.h"
 #include "tools/tool/type_model.h"
@@ -88,15 +86,13 @@ private:
     std::size_t _row = 1;  ///< the next that is free
 };
 
-/// The session with the daemon. The client is the last member: nothing of the bus thread's outlives the mailbox.
 class TypeSession {
 public:
-    TypeSession(const Options& options, DaemonClient client) : _options(options), _client(std::move(client)) {
-        _client.bus().subscribe(
-            "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "NameOwnerChanged",
-            [this](const std::string&, const platform::BusArguments& change) { _ownerChanged(change); });
-        _client.bus().setDisconnectHandler(
-            [this] { _mailbox.post([](TypeModel& model) { model.setLink(TypeModel::Link::busGone); }); });
+    explicit TypeSession(client::Client client) : _client(std::move(client)) {
+        _client.onDaemon([this](client::Client::Daemon change) {
+            _model.setLink(change == client::Client::Daemon::came ? TypeModel::Link::up : TypeModel::Link::daemonGone);
+            if (change == client::Client::Daemon::came) _ask(_model.askAgain());
+        });
     }
 
     /// Until the user leaves (none) or a signal comes that ends the process.
@@ -105,13 +101,9 @@ public:
 private:
     [[nodiscard]] bool _takeInput(Terminal& terminal);
     void _ask(const std::optional<TypeModel::Query>& query);
-    void _ownerChanged(const platform::BusArguments& change);
-    void _returned(TypeModel& model);
 
-    const Options _options;
     TypeModel _model;
-    Mailbox<TypeModel> _mailbox;
-    DaemonClient _client;
+    client::Client _client;
 };
 
 const std::map<Terminal::Key, TypeModel::Key>& modelKeys() {
@@ -137,14 +129,17 @@ std::optional<int> TypeSession::run(TerminalSignals& signals, Terminal& terminal
     TypePage page(terminal, _model);
     while (true) {
         page.draw();
-        std::array<pollfd, 3> sources{
-            {{STDIN_FILENO, POLLIN, 0}, {signals.descriptor(), POLLIN, 0}, {_mailbox.descriptor(), POLLIN, 0}}};
-        if (::poll(sources.data(), sources.size(), -1) < 0 && errno != EINTR) return std::nullopt;
+        std::array<pollfd, 3> sources{{{STDIN_FILENO, POLLIN, 0},
+                                       {signals.descriptor(), POLLIN, 0},
+                                       {_client.descriptor(), _client.events(), 0}}};
+        const auto limit = _client.timeout();
+        const int patience = limit ? static_cast<int>(limit->count()) : -1;
+        if (::poll(sources.data(), sources.size(), patience) < 0 && errno != EINTR) return std::nullopt;
         while (const auto signal = signals.take()) {
             if (*signal != SIGWINCH) return signal;
             terminal.resize();
         }
-        for (auto& work : _mailbox.take()) work(_model);
+        if (!_client.process()) _model.setLink(TypeModel::Link::busGone);
         if (!_takeInput(terminal)) return std::nullopt;
         if ((sources[0].revents & (POLLHUP | POLLERR | POLLNVAL)) != 0) return std::nullopt;
     }
@@ -164,41 +159,15 @@ bool TypeSession::_takeInput(Terminal& terminal) {
     return true;
 }
 
-/// The answer is read on the bus thread, so that a long one does not hold up the keys.
 void TypeSession::_ask(const std::optional<TypeModel::Query>& query) {
     if (!query) return;
-    platform::BusDictionary request;
-    request.set("query_id", query->identifier)
-        .set("query_string", query->text)
-        .set("trigger_event", typedWithResults)
-        .set("verbose_reply", true);
+    client::Request request{.queryId = query->identifier, .verboseReply = true, .triggerEvent = typedWithResults};
+    request.queryString = query->text;
     const auto begin = std::chrono::steady_clock::now();
-    _client.send(kORXDaemonInterface, "Request", "sa{sv}", {"search", std::move(request)},
-                 [this, begin, query = *query](const auto& result) {
-                     auto answer = typeAnswer(query.text, result, std::chrono::steady_clock::now() - begin);
-                     _mailbox.post([identifier = query.identifier, answer = std::move(answer)](
-                                       TypeModel& model) mutable { model.answered(identifier, std::move(answer)); });
-                 });
-}
-
-/// On the bus thread, for every name of the bus: (name, old owner, new owner).
-void TypeSession::_ownerChanged(const platform::BusArguments& change) {
-    const auto* name = change.size() == 3 ? change[0].as<std::string>() : nullptr;
-    const auto* owner = change.size() == 3 ? change[2].as<std::string>() : nullptr;
-    if (name == nullptr || owner == nullptr || *name != kORXBusName) return;
-    if (owner->empty()) {
-        _mailbox.post([](TypeModel& model) { model.setLink(TypeModel::Link::daemonGone); });
-    } else {
-        _mailbox.post([this](TypeModel& model) { _returned(model); });
-    }
-}
-
-/// A new daemon knows no client. It refuses the query itself where it refuses the configuration.
-void TypeSession::_returned(TypeModel& model) {
-    model.setLink(TypeModel::Link::up);
-    _client.send(kORXDaemonInterface, "Configure", "a{sv}",
-                 DaemonClient::configuration(_options.identifier, _options.userAgent), [](const auto&) {});
-    _ask(model.askAgain());
+    _client.request(request, [this, begin, query = *query](const std::expected<client::Reply, client::Error>& reply) {
+        const auto took = std::chrono::steady_clock::now() - begin;
+        _model.answered(query.identifier, typeAnswer(query.text, reply, took));
+    });
 }
 
 }  // namespace
@@ -210,10 +179,10 @@ ExitStatus searchAsYouType(const Options& options) {
     }
     std::optional<int> ending;
     try {
-        TerminalSignals signals;  // before the bus thread, which must not get them
+        TerminalSignals signals;
         auto client = connectAsClient(options);
         if (!client) return client.error();
-        TypeSession session(options, *std::move(client));
+        TypeSession session(*std::move(client));
         auto terminal = Terminal::open();
         if (!terminal) {
             fmt::print(stderr, "orvex_tool: type: {}\n", terminal.error().text);

@@ -51,6 +51,7 @@ int open(const std::string& address, BusHandle& into) {
 // The connection.
 
 std::expected<std::unique_ptr<Client::Link>, Error> Client::Link::connect(Options options) {
+    const std::string where = options.address.empty() ? "" : " at " + options.address;
     BusHandle bus;
     int r = open(options.address, bus);
     const char* uniqueName = "";
@@ -58,7 +59,6 @@ std::expected<std::unique_ptr<Client::Link>, Error> Client::Link::connect(Option
     std::unique_ptr<Link> link(r < 0 ? nullptr : new Link(std::move(options), std::move(bus)));
     if (link) r = link->_watchOwner();
     if (r >= 0) return link;
-    const std::string where = options.address.empty() ? "" : " at " + options.address;
     return std::unexpected(Error{.kind = Error::Kind::noBus,
                                  .reason = "no message bus" + where + ": " + std::generic_category().message(-r)});
 }

@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "core/settings.h"
 #include "daemon/assembly.h"
 #include "feedback/orvex_custom_feedback_flusher.h"
 #include "feedback/orvex_feedback_flusher.h"
@@ -19,7 +20,7 @@ using State = BackgroundActivity::State;
 using std::chrono::hours;
 
 void flushFeedback(Assembly& assembly, std::shared_ptr<BackgroundActivity> activity) {
-    if (assembly.userDefaults().boolean("ORXFeedbackFlushDisabled")) {
+    if (assembly.userDefaults().boolean(setting::feedbackFlushDisabled)) {
         platform::defaultLogger().debug(
             "Flusher bailing because periodic flush is disabled. Dump feedback with orvex_tool to re-enable.");
         return;

@@ -1,5 +1,6 @@
 #include "daemon/assembly.h"
 
+#include "core/settings.h"
 #include "platform/background_session.h"
 #include "platform/http_session.h"
 #include "platform/user_defaults.h"
@@ -15,13 +16,13 @@ constexpr std::string_view downloadIdentifier = "com.kelvar.orvexd";
 Assembly::Assembly(Platform platform) : _platform(std::move(platform)) {}
 Assembly::~Assembly() = default;
 
-bool Assembly::useCindora() const { return userDefaults().boolean("ORXUseCindora"); }
+bool Assembly::useCindora() const { return userDefaults().boolean(setting::useCindora); }
 
 platform::URLSession& Assembly::urlSession() {
     std::call_once(_urlSessionOnce, [this] {
         _urlSession = _platform.urlSessions.makeSession({
             .label = "com.kelvar.orvexd.urlSession",
-            .allowsFastOpen = !userDefaults().boolean("ORXNoParallax"),
+            .allowsFastOpen = !userDefaults().boolean(setting::noParallax),
             .cacheMemoryCapacity = std::size_t{4} << 20,
             .certificateAuthorityFile = _platform.certificateAuthorityFile,
         });

@@ -2,15 +2,27 @@
 
 #include <utility>
 
+#include "daemon/orvex_logging.h"
+#include "platform/log_events.h"
+
 namespace orvex {
+namespace {
+
+const platform::Logger& connectionLog() { return OrvexLogForCategory(OrvexLoggingCategory::connection); }
+
+}  // namespace
 
 std::optional<platform::BusReply> CallLimit::admit(const std::string& client, platform::BusReply& reply) {
-    {
-        const platform::MutexLock lock(_state->mutex);
-        auto& count = _state->calls[client];
-        if (count >= maxCallsInFlight) return std::nullopt;
-        ++count;
-        ++_state->total;
+    switch (_state->admit(client)) {
+        case Admission::refusedFirst:
+            connectionLog()
+                .as(platform::LogEvent::callsRefused, {{"ORVEX_CLIENT", client}})
+                .error("{} has {} calls in flight, further ones are refused", client, maxCallsInFlight);
+            return std::nullopt;
+        case Admission::refused:
+            return std::nullopt;
+        case Admission::admitted:
+            break;
     }
     return platform::BusReply([state = _state, client, reply = std::move(reply)](
                                   std::expected<platform::BusArguments, platform::BusError> answer) mutable {
@@ -30,10 +42,20 @@ bool CallLimit::refusesSize(std::size_t bytes, platform::BusReply& reply) {
     return true;
 }
 
+CallLimit::Admission CallLimit::State::admit(const std::string& client) {
+    const platform::MutexLock lock(mutex);
+    auto& those = calls[client];
+    if (those.inFlight >= maxCallsInFlight)
+        return std::exchange(those.wereRefused, true) ? Admission::refused : Admission::refusedFirst;
+    ++those.inFlight;
+    ++total;
+    return Admission::admitted;
+}
+
 void CallLimit::State::beforeAnswer(const std::string& client) {
     const platform::MutexLock lock(mutex);
     const auto entry = calls.find(client);
-    if (--entry->second == 0) calls.erase(entry);
+    if (--entry->second.inFlight == 0) calls.erase(entry);
 }
 
 void CallLimit::State::afterAnswer() {

@@ -31,12 +31,21 @@ public:
     void whenNoneInFlight(std::move_only_function<void()> handler);
 
 private:
+    enum class Admission { admitted, refused, refusedFirst };
+
+    /// Of one client; gone with its last answer.
+    struct Calls {
+        std::size_t inFlight = 0;
+        bool wereRefused = false;  ///< which is said once
+    };
+
     struct State {
         mutable platform::Mutex mutex;
-        std::map<std::string, std::size_t> calls ORX_GUARDED_BY(mutex);
+        std::map<std::string, Calls> calls ORX_GUARDED_BY(mutex);
         std::size_t total ORX_GUARDED_BY(mutex) = 0;
         std::move_only_function<void()> whenNone ORX_GUARDED_BY(mutex);
 
+        Admission admit(const std::string& client);
         void beforeAnswer(const std::string& client);  ///< else a client quick to call again would find itself over
         void afterAnswer();                            ///< whoever waits for none in flight wants the answers gone
     };

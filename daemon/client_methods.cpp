@@ -7,6 +7,7 @@
 #include "core/feedback_records.pb.h"
 #include "core/notifications.h"
 #include "core/orx_bag.h"
+#include "core/settings.h"
 #include "daemon/assembly.h"
 #include "daemon/bus_dictionaries.h"
 #include "daemon/call_limit.h"
@@ -49,9 +50,10 @@ bool refusedNumber(const platform::BusArguments& arguments, const std::vector<st
 
 /// The main screen's scale; 1 where what is stored is not one.
 double screenScale(const platform::UserDefaults& userDefaults) {
-    const auto stored = userDefaults.object("ORXScreenScale");
+    const auto stored = userDefaults.object(setting::screenScale);
     const double* fraction = stored ? stored->as<double>() : nullptr;
-    const double scale = fraction != nullptr ? *fraction : static_cast<double>(userDefaults.integer("ORXScreenScale"));
+    const double scale =
+        fraction != nullptr ? *fraction : static_cast<double>(userDefaults.integer(setting::screenScale));
     return std::isfinite(scale) && scale > 0 ? scale : 1.0;
 }
 

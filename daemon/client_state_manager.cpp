@@ -1,8 +1,10 @@
 #include "daemon/client_state_manager.h"
 
+#include "core/settings.h"
 #include "daemon/assembly.h"
 #include "daemon/orvex_logging.h"
 #include "platform/counters.h"
+#include "platform/log_events.h"
 #include "platform/user_defaults.h"
 #include "query/client_state.h"
 #include "query/query_cache.h"
@@ -10,7 +12,6 @@
 namespace orvex {
 namespace {
 
-constexpr std::string_view sessionsKey = "sessions";
 constexpr std::string_view identifierKey = "identifier";
 constexpr std::string_view agentKey = "agent";
 
@@ -26,7 +27,7 @@ const std::string* textIn(const platform::PropertyDictionary& dictionary, std::s
 
 ClientStateManager::ClientStateManager(Assembly& assembly)
     : _assembly(assembly),
-      _persistSessions(assembly.userDefaults().boolean("ORXPersistSessions")),
+      _persistSessions(assembly.userDefaults().boolean(setting::persistSessions)),
       _stateCacheQueue(assembly.dispatcher(), "com.kelvar.orvexd.stateCache") {
     if (!_persistSessions) return;
     _stateCacheQueue.sync([this] {
@@ -49,7 +50,9 @@ std::expected<std::shared_ptr<ClientState>, ClientStateManager::Refusal> ClientS
         if (found == _stateCache.end()) {
             if (_stateCache.size() >= maxStates) {
                 _assembly.counters().add("com.kelvar.orvexd.clientstates.refused");
-                sessionLog().error("too many client states {}, refusing {}", _stateCache.size(), identifier);
+                sessionLog()
+                    .as(platform::LogEvent::clientRefused, {{"ORVEX_COUNT", _stateCache.size()}})
+                    .error("too many client states {}, refusing {}", _stateCache.size(), identifier);
                 return std::unexpected(Refusal::tooManyStates);
             }
             found = _stateCache.emplace(identifier, ClientState::create(identifier, _assembly)).first;
@@ -60,7 +63,7 @@ std::expected<std::shared_ptr<ClientState>, ClientStateManager::Refusal> ClientS
 }
 
 void ClientStateManager::_loadState() {
-    const auto stored = _assembly.userDefaults().object(sessionsKey);
+    const auto stored = _assembly.userDefaults().object(setting::sessions);
     const auto* elements = stored ? stored->as<platform::PropertyArray>() : nullptr;
     if (elements == nullptr) return;
     for (const auto& element : *elements) {
@@ -88,7 +91,7 @@ void ClientStateManager::saveState() {
                 {std::string(agentKey), std::move(session.agent)},
             });
         }
-        const auto stored = _assembly.userDefaults().setObject(sessionsKey, std::move(elements));
+        const auto stored = _assembly.userDefaults().setObject(setting::sessions, std::move(elements));
         if (!stored) sessionLog().error("cannot keep the sessions: {}", stored.error().text);
     });
 }

@@ -6,6 +6,7 @@
 #include "core/feedback_records.pb.h"
 #include "core/json.h"
 #include "core/orx_bag.h"
+#include "core/settings.h"
 #include "daemon/assembly.h"
 #include "daemon/orvex_logging.h"
 #include "platform/base64.h"
@@ -55,7 +56,7 @@ bool CompletionFeatureFeedback::_isSampled() const {
 }
 
 void CompletionFeatureFeedback::sendForResult(const CXResult& result, std::int64_t client, Engaged didEngage) const {
-    if (_assembly.userDefaults().boolean("ORXFeedbackDisabled")) return;
+    if (_assembly.userDefaults().boolean(setting::feedbackDisabled)) return;
     if (_bag == nullptr || !_bag->smartHistoryFeatureFeedbackEnabled()) return;
     if (!_isSampled() || result.fbr().empty()) return;
     auto input = inputToCount(result.fbr());

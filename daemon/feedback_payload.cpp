@@ -11,6 +11,7 @@
 #include "core/feedback_records.pb.h"
 #include "core/feedback_vocabulary.h"
 #include "core/orx_bag.h"
+#include "core/settings.h"
 #include "daemon/assembly.h"
 #include "daemon/completion_feature_feedback.h"
 #include "daemon/orvex_logging.h"
@@ -221,12 +222,12 @@ void reportFeedbackPayload(Assembly& assembly, const std::shared_ptr<ClientState
     road.drawConsequences(*payload);
 
     const auto queryId = reported.queryId != 0 ? reported.queryId : queryIdOf(*payload);
-    auto record = orvexFeedbackWithPayload(*std::move(payload),
-                                           {.queryId = static_cast<std::int64_t>(queryId),
-                                            .userGuid = {},
-                                            .userAgent = state->userAgent().value_or(""),
-                                            .developerID = assembly.userDefaults().string("ORXDevID").value_or(""),
-                                            .now = assembly.dispatcher().now()});
+    auto record = orvexFeedbackWithPayload(
+        *std::move(payload), {.queryId = static_cast<std::int64_t>(queryId),
+                              .userGuid = {},
+                              .userAgent = state->userAgent().value_or(""),
+                              .developerID = assembly.userDefaults().string(setting::developerID).value_or(""),
+                              .now = assembly.dispatcher().now()});
     manager->addOrvexFeedback(std::move(record), receiptAnswering(std::move(reply)));
 }
 

@@ -2,6 +2,7 @@
 
 #include "daemon/assembly.h"
 #include "platform/log.h"
+#include "platform/log_events.h"
 #include "platform/transactions.h"
 
 namespace orvex {
@@ -39,8 +40,9 @@ void IdleExit::_reconsider() {
     const auto due = *idleSince + _idleTime;
     if (now >= due && _callsInFlight() == 0) {
         _left = true;
-        platform::defaultLogger().log("nothing to do since {:.1f} s, leaving",
-                                      std::chrono::duration<double>(now - *idleSince).count());
+        platform::defaultLogger()
+            .as(platform::LogEvent::idleExit)
+            .log("nothing to do since {:.1f} s, leaving", std::chrono::duration<double>(now - *idleSince).count());
         _leave();
         return;
     }

@@ -8,6 +8,7 @@
 
 #include "core/constants.h"
 #include "core/feedback_record.h"
+#include "core/settings.h"
 #include "daemon/assembly.h"
 #include "daemon/command_line.h"
 #include "daemon/idle_exit.h"
@@ -35,6 +36,7 @@
 #include "platform/linux/system_settings.h"
 #include "platform/linux/thread_dispatcher.h"
 #include "platform/linux/user_defaults.h"
+#include "platform/log_events.h"
 #include "platform/notification_center.h"
 #include "platform/transactions.h"
 
@@ -52,7 +54,7 @@ constexpr int notAlone = 3;  // or no bus
 
 /// Ends a start that cannot go on.
 [[noreturn]] void giveUp(int status, const std::string& why) {
-    std::fprintf(stderr, "orvexd: %s\n", why.c_str());
+    platform::defaultLogger().as(platform::LogEvent::startRefused, {{"ORVEX_REASON", why}}).fault("{}", why);
     platform::exitNow(status);
 }
 
@@ -66,7 +68,10 @@ CommandLine readCommandLine(int argc, char** argv) {
 
 void startLog(const CommandLine& commandLine) {
     auto sink = platform::makeLogSink(commandLine.logFormat);
-    if (!sink) giveUp(wrongUsage, sink.error().text);
+    if (!sink) {
+        std::fprintf(stderr, "orvexd: %s\n", sink.error().text.c_str());
+        platform::exitNow(wrongUsage);
+    }
     platform::installLogSink(*std::move(sink), commandLine.logLevel);
     routeProtobufLog();
 }
@@ -76,7 +81,9 @@ void startLog(const CommandLine& commandLine) {
 std::optional<platform::LockFile> lockState(platform::FileManager& files) {
     auto state = files.stateDirectory();
     if (!state) {
-        platform::defaultLogger().error("no state directory, nothing will be kept: {}", state.error().text);
+        platform::defaultLogger()
+            .as(platform::LogEvent::noDirectory, {{"ORVEX_REASON", state.error().text}})
+            .error("no state directory, nothing will be kept: {}", state.error().text);
         return std::nullopt;
     }
     auto lock = platform::LockFile::take(std::filesystem::path((*state)->path()) / "lock");
@@ -121,7 +128,7 @@ int main(int argc, char** argv) {
     platform::ThreadDispatcher dispatcher;
     platform::FileWatcher watcher;
     platform::LinuxUserDefaults userDefaults(files, watcher);
-    userDefaults.registerDefaults({{"ORXScreenScale", desktopScale()}});
+    userDefaults.registerDefaults({{std::string(setting::screenScale), desktopScale()}});
     for (const auto& [key, value] : commandLine.defaults) userDefaults.overrideForThisRun(key, value);
     platform::Counters counters;
     const auto counterFile = platform::CounterFile::create(dispatcher, files, counters);
@@ -183,6 +190,9 @@ int main(int argc, char** argv) {
         dispatcher.stopMain(stopped);
     });
     if (const auto named = bus->requestName(std::string(kORXBusName)); !named) giveUp(notAlone, named.error().text);
+    platform::defaultLogger()
+        .as(platform::LogEvent::started, {{"ORVEX_VERSION", ORVEX_VERSION}})
+        .log("orvexd {} has started", ORVEX_VERSION);
     beginService(assembly);
 
     bus->setDisconnectHandler([&] { dispatcher.stopMain(stopped); });

@@ -11,6 +11,7 @@
 #include "daemon/call_limit.h"
 #include "daemon/client_connection.h"
 #include "daemon/daemon_world_test.h"
+#include "platform/log_events.h"
 #include "query/engaged_store.h"
 
 namespace orvex {
@@ -85,6 +86,9 @@ TEST_F(OrvexServiceTest, OneCallTooManyIsRefusedAndTheNextGoodOneIsServed) {
     EXPECT_EQ(world.call(":1.1", launchEvents, "SessionEvents", {"x"})->errorName(),
               platform::bus_error::limitsExceeded);
     EXPECT_EQ(tellFlusher(":1.1", 7)->errorName(), platform::bus_error::limitsExceeded);
+    const auto said = world.log.events(platform::LogEvent::callsRefused);
+    ASSERT_EQ(said.size(), 1u) << "once, not a line a call";
+    EXPECT_EQ(said[0].fields.at("ORVEX_CLIENT"), ":1.1");
     EXPECT_TRUE(world.call(":1.2", diagnostics, "Counters", {})->arguments);
     EXPECT_TRUE(tellFlusher(":1.2", 7)->arguments);
     world.answer({.headers = {}, .body = "[]", .error = {}, .timing = {}});

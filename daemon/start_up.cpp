@@ -2,6 +2,7 @@
 
 #include "core/constants.h"
 #include "core/notifications.h"
+#include "core/settings.h"
 #include "daemon/activities.h"
 #include "daemon/assembly.h"
 #include "daemon/client_state_manager.h"
@@ -21,6 +22,7 @@
 #include "platform/dispatch.h"
 #include "platform/file_manager.h"
 #include "platform/log.h"
+#include "platform/log_events.h"
 #include "platform/notification_center.h"
 #include "platform/user_defaults.h"
 #include "resources/download_manager.h"
@@ -29,21 +31,12 @@
 namespace orvex {
 namespace {
 
-void registerDefaults(platform::UserDefaults& userDefaults) {
-    userDefaults.registerDefaults({
-        {"ORXSharedSession", true},
-        {"ORXSessionSizeLimit", 2097152},
-        {"ORXSessionMaxAge", 172800},
-        {"ORXUseCindora", true},
-        {"ORXSessionSoftLimitOverride", 600},
-        {"ORXSessionIdleTimeOverride", 180},
-    });
-}
-
 void createCustomFeedbackDirectories(platform::FileManager& fileManager) {
     auto caches = fileManager.cachesDirectory();
     if (!caches) {
-        platform::defaultLogger().error("failed getting a caches dir: {}", caches.error().text);
+        platform::defaultLogger()
+            .as(platform::LogEvent::noDirectory, {{"ORVEX_REASON", caches.error().text}})
+            .error("failed getting a caches dir: {}", caches.error().text);
         return;
     }
     auto directory = (*caches)->directory("CustomFeedback");
@@ -60,7 +53,7 @@ void createCustomFeedbackDirectories(platform::FileManager& fileManager) {
 }
 
 void readSilhouetteTopics(Assembly& assembly) {
-    if (const auto topics = assembly.userDefaults().string("silhouette"))
+    if (const auto topics = assembly.userDefaults().string(setting::silhouette))
         assembly.requestFactory()->setSilhouetteTopics(*topics);
 }
 
@@ -68,9 +61,9 @@ void readSilhouetteTopics(Assembly& assembly) {
 
 std::shared_ptr<OrvexService> assemble(Assembly& assembly) {
     ORXTracingSetup(assembly.userDefaults());
-    registerDefaults(assembly.userDefaults());
+    assembly.userDefaults().registerDefaults(registeredSettings());
     createCustomFeedbackDirectories(assembly.fileManager());
-    assembly.setSharedSession(assembly.userDefaults().boolean("ORXSharedSession"));
+    assembly.setSharedSession(assembly.userDefaults().boolean(setting::sharedSession));
     assembly.setLocationManager(LocationManager::create(assembly));
     assembly.setDownloadManager(DownloadManager::create(assembly));
     assembly.setDownloadDelegate(assembly.downloadManager());

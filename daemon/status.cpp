@@ -13,6 +13,7 @@
 #include "core/counter_vocabulary.h"
 #include "core/json.h"
 #include "core/orx_bag.h"
+#include "core/settings.h"
 #include "daemon/assembly.h"
 #include "daemon/client_state_manager.h"
 #include "feedback/client_session_manager_protocol.h"
@@ -32,8 +33,8 @@ namespace orvex {
 namespace {
 
 /// Settings that keep something back while they are on.
-constexpr const char* switches[] = {"ORXNetworkSearchDisabled", "ORXFeedbackDisabled", "ORXLocationDisabled",
-                                    "ORXDisableLocalCompletions"};
+constexpr std::string_view switches[] = {setting::networkSearchDisabled, setting::feedbackDisabled,
+                                         setting::locationDisabled, setting::disableLocalCompletions};
 
 double expirationOf(const ORXBag& bag) {
     const auto* expiration = bag.rawBag()->if_contains("__expiration");
@@ -78,10 +79,11 @@ void Status::_tellWork(platform::BusDictionary& status) const {
         activities.items.emplace_back(std::move(row));
     }
     auto switchedOff = texts();
-    for (const auto* key : switches) {
+    for (const auto key : switches) {
         if (_assembly.userDefaults().boolean(key)) switchedOff.items.emplace_back(std::string(key));
     }
-    if (!Lookup::lookupEnabled(_assembly)) switchedOff.items.emplace_back(std::string("LookupSuggestionsDisabled"));
+    if (!Lookup::lookupEnabled(_assembly))
+        switchedOff.items.emplace_back(std::string(setting::lookupSuggestionsDisabled));
     const std::size_t calls = std::max<std::size_t>(_traffic.callsInFlight(), 1) - 1;
     status.set("version", kORXOrvexdNameVersion().substr(kORXOrvexdNameVersion().find('/') + 1))
         .set("uptime_seconds", uptime.count())

@@ -7,6 +7,7 @@
 #include "core/feedback_records.pb.h"
 #include "core/network_search_record.h"
 #include "core/orx_error.h"
+#include "core/settings.h"
 #include "daemon/assembly.h"
 #include "daemon/orvex_logging.h"
 #include "feedback/daemon_record.h"
@@ -78,7 +79,7 @@ std::shared_ptr<ClientSession> ClientSession::createFeedbackSessionFromError(con
 
 std::shared_ptr<ClientSession> ClientSession::createFeedbackSessionFromError(const CXErrorFeedback& error,
                                                                              Assembly& assembly) {
-    if (assembly.userDefaults().boolean("ORXFeedbackDisabled")) return nullptr;
+    if (assembly.userDefaults().boolean(setting::feedbackDisabled)) return nullptr;
     const auto& limit = assembly.ownSessionLimit();
     if (limit && !limit->admit(OwnSessionLimit::Kind::error)) return nullptr;
     return std::make_shared<ClientSession>(assembly, daemonErrorRecord(assembly, error), RecordReceipt());

@@ -10,6 +10,7 @@
 #include "core/network_search_record.h"
 #include "core/notifications.h"
 #include "core/orx_bag.h"
+#include "core/settings.h"
 #include "daemon/assembly.h"
 #include "daemon/orvex_logging.h"
 #include "feedback/client_session.h"
@@ -20,6 +21,7 @@
 #include "feedback/session_dictionary.h"
 #include "network/bag_controller.h"
 #include "platform/counters.h"
+#include "platform/log_events.h"
 #include "platform/notification_center.h"
 #include "platform/transactions.h"
 #include "platform/user_defaults.h"
@@ -36,17 +38,22 @@ constexpr std::array suggestSessionEnd = {FeedbackType::visibleResults, Feedback
 
 const platform::Logger& sessionLog() { return OrvexLogForCategory(OrvexLoggingCategory::session); }
 
+platform::EventLogger refused(std::string_view key) {
+    return sessionLog().as(platform::LogEvent::settingRefused, {{"ORVEX_KEY", key}});
+}
+
 seconds softLimitFrom(const platform::UserDefaults& userDefaults) {
     const seconds standard = ClientSessionManager::Limits().softLimitTime;
-    const auto value = userDefaults.integer("ORXSessionSoftLimitOverride");
+    const auto value = userDefaults.integer(setting::sessionSoftLimit);
     if (value < 1) {
-        sessionLog().error("Soft limit override value must be greater than 0 : {} defaulting to {}", value,
-                           standard.count());
+        refused(setting::sessionSoftLimit)
+            .error("Soft limit override value must be greater than 0 : {} defaulting to {}", value, standard.count());
         return standard;
     }
     if (value >= guidLifetime.count()) {
-        sessionLog().error("Soft limit override value must be less than guid expiration {} : {} defaulting to {}",
-                           guidLifetime.count(), value, standard.count());
+        refused(setting::sessionSoftLimit)
+            .error("Soft limit override value must be less than guid expiration {} : {} defaulting to {}",
+                   guidLifetime.count(), value, standard.count());
         return standard;
     }
     return seconds(value);
@@ -54,10 +61,10 @@ seconds softLimitFrom(const platform::UserDefaults& userDefaults) {
 
 seconds idleTimeFrom(const platform::UserDefaults& userDefaults) {
     const seconds standard = ClientSessionManager::Limits().idleTime;
-    const auto value = userDefaults.integer("ORXSessionIdleTimeOverride");
+    const auto value = userDefaults.integer(setting::sessionIdleTime);
     if (value >= 1) return seconds(value);
-    sessionLog().error("Idle limit override value must be greater than 0 : {} defaulting to {}", value,
-                       standard.count());
+    refused(setting::sessionIdleTime)
+        .error("Idle limit override value must be greater than 0 : {} defaulting to {}", value, standard.count());
     return standard;
 }
 
@@ -179,7 +186,7 @@ void ClientSessionManager::_showToListener(const CXOrvexFeedback& record) const 
 }
 
 bool ClientSessionManager::_isFeedbackEnabled(const std::string& userAgent) {
-    if (_assembly.userDefaults().boolean("ORXFeedbackDisabled")) return false;
+    if (_assembly.userDefaults().boolean(setting::feedbackDisabled)) return false;
     const auto& controller = _assembly.bagController();
     const auto bag = controller ? controller->currentBag() : nullptr;
     if (!bag) return true;

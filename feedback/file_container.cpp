@@ -10,6 +10,7 @@
 #include "platform/append_file.h"
 #include "platform/counters.h"
 #include "platform/file_manager.h"
+#include "platform/log_events.h"
 #include "platform/mapped_file.h"
 #include "platform/transactions.h"
 
@@ -143,7 +144,9 @@ platform::Result<void> FileContainer::_writeAt(std::uint64_t offset, std::string
         return written;
     }
     _assembly.counters().add("com.kelvar.orvexd.filewritefailed");
-    log().error("{}", written.error().text);
+    log()
+        .as(platform::LogEvent::writeFailed, {{"ORVEX_FILE", path()}, {"ORVEX_REASON", written.error().text}})
+        .error("{}", written.error().text);
     if (const auto cut = _file->truncate(offset); !cut) {
         log().error("{}", cut.error().text);
         _break(written.error().text);

@@ -4,6 +4,7 @@
 
 #include "core/client_name.h"
 #include "core/feedback_records.pb.h"
+#include "core/settings.h"
 #include "daemon/assembly.h"
 #include "daemon/orvex_logging.h"
 #include "platform/calendar.h"
@@ -15,7 +16,6 @@
 namespace orvex {
 namespace {
 
-constexpr std::string_view keyPrefix = "OrvexFirstUseOfTheDay_";
 constexpr std::array<std::string_view, 6> supportedFirstUseClients = {"brovia", "lumisk", "lookup",
                                                                       "missiv", "gazel",  "vocant"};
 
@@ -41,7 +41,7 @@ void beginDay(Assembly& assembly, const std::string& key, CXClientSession& sessi
     if (const auto stored = assembly.userDefaults().setObject(key, now); !stored) {
         sessionLog().error("cannot store {}: {}", key, stored.error().text);
     }
-    assembly.counters().add(createAggdKey(key.substr(keyPrefix.size()), "dailyactiveusers"));
+    assembly.counters().add(createAggdKey(key.substr(setting::firstUseOfTheDay.size()), "dailyactiveusers"));
 }
 
 }  // namespace
@@ -49,7 +49,7 @@ void beginDay(Assembly& assembly, const std::string& key, CXClientSession& sessi
 std::optional<std::string> firstUseDefaultsKey(std::string_view agent) {
     const std::string lowerCase = platform::lowercased(agent);
     for (const auto client : supportedFirstUseClients) {
-        if (lowerCase.find(client) != std::string::npos) return std::string(keyPrefix).append(client);
+        if (lowerCase.find(client) != std::string::npos) return std::string(setting::firstUseOfTheDay).append(client);
     }
     return std::nullopt;
 }

@@ -10,6 +10,7 @@
 #include "core/feedback_records.pb.h"
 #include "core/json.h"
 #include "core/orx_bag.h"
+#include "core/settings.h"
 #include "daemon/assembly.h"
 #include "daemon/orvex_logging.h"
 #include "feedback/client_session.h"
@@ -31,7 +32,7 @@ const platform::Logger& flusherLog() { return OrvexLogForCategory(OrvexLoggingCa
 }  // namespace
 
 void OrvexCustomFeedbackFlusher::flushCustomFeedbackWithCompletionHandler(std::move_only_function<void()> completion) {
-    if (_assembly.userDefaults().boolean("ORXFeedbackDisabled")) {
+    if (_assembly.userDefaults().boolean(setting::feedbackDisabled)) {
         if (completion) completion();
         return;
     }

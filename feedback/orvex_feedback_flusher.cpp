@@ -3,6 +3,7 @@
 #include <boost/json/object.hpp>
 
 #include "core/feedback_records.pb.h"
+#include "core/settings.h"
 #include "daemon/assembly.h"
 #include "daemon/orvex_logging.h"
 #include "feedback/client_session.h"
@@ -146,7 +147,7 @@ void OrvexFeedbackFlusher::forceFlushWithCompletion(std::move_only_function<void
 }
 
 bool OrvexFeedbackFlusher::_mayTakeFiles() const {
-    if (_assembly.userDefaults().boolean("ORXFeedbackDisabled")) return false;
+    if (_assembly.userDefaults().boolean(setting::feedbackDisabled)) return false;
     const auto& bags = _assembly.bagController();
     return _assembly.uploadManager() && ((bags && bags->inMemoryBag()) || toolListens(_assembly));
 }

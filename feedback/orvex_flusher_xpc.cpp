@@ -4,6 +4,7 @@
 
 #include "core/feedback_dictionary.h"
 #include "core/feedback_records.pb.h"
+#include "core/settings.h"
 #include "daemon/assembly.h"
 #include "daemon/orvex_logging.h"
 #include "feedback/client_session_manager_protocol.h"
@@ -12,8 +13,6 @@
 
 namespace orvex {
 namespace {
-
-constexpr std::string_view flushDisabledKey = "ORXFeedbackFlushDisabled";
 
 const platform::Logger& flusherLog() { return OrvexLogForCategory(OrvexLoggingCategory::flusher); }
 
@@ -98,7 +97,7 @@ void OrvexFlusherXPC::_setReceivingStreamListener(const std::string& remote) {
 
 void OrvexFlusherXPC::_stopFlushing(const std::string& remote) {
     flusherLog().debug("flushing stopped; dump command will start flushing again");
-    if (const auto stored = _assembly.userDefaults().setObject(flushDisabledKey, true); !stored) {
+    if (const auto stored = _assembly.userDefaults().setObject(setting::feedbackFlushDisabled, true); !stored) {
         flusherLog().error("cannot store that flushing is stopped: {}", stored.error().text);
     }
     _workDone(remote);
@@ -150,7 +149,7 @@ void OrvexFlusherXPC::_flush(DumpedConnection connection, std::shared_ptr<void> 
 }
 
 void OrvexFlusherXPC::_letFlush() const {
-    if (const auto removed = _assembly.userDefaults().removeObject(flushDisabledKey); !removed) {
+    if (const auto removed = _assembly.userDefaults().removeObject(setting::feedbackFlushDisabled); !removed) {
         flusherLog().error("cannot store that flushing goes on: {}", removed.error().text);
     }
 }

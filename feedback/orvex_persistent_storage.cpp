@@ -8,6 +8,7 @@
 #include <map>
 #include <numeric>
 
+#include "core/settings.h"
 #include "daemon/assembly.h"
 #include "daemon/orvex_logging.h"
 #include "feedback/file_container.h"
@@ -15,6 +16,7 @@
 #include "platform/age.h"
 #include "platform/counters.h"
 #include "platform/file_manager.h"
+#include "platform/log_events.h"
 #include "platform/user_defaults.h"
 
 namespace orvex {
@@ -43,7 +45,7 @@ std::uint64_t bytesOf(const std::vector<std::shared_ptr<FileContainer>>& contain
 }
 
 std::uint64_t sizeLimit(const platform::UserDefaults& userDefaults) {
-    return static_cast<std::uint64_t>(std::max<std::int64_t>(userDefaults.integer("ORXSessionSizeLimit"), 0));
+    return static_cast<std::uint64_t>(std::max<std::int64_t>(userDefaults.integer(setting::sessionSizeLimit), 0));
 }
 
 }  // namespace
@@ -52,7 +54,7 @@ OrvexPersistentStorage::OrvexPersistentStorage(Assembly& assembly)
     : _assembly(assembly),
       _version(orvexdUserAgent(assembly.device())),
       _maxFileSize(sizeLimit(assembly.userDefaults())),
-      _maxFileAge(static_cast<double>(assembly.userDefaults().integer("ORXSessionMaxAge"))),
+      _maxFileAge(static_cast<double>(assembly.userDefaults().integer(setting::sessionMaxAge))),
       _sharedQueue(std::make_shared<platform::SerialQueue>(
           assembly.dispatcher(), "com.kelvar.orvexd.persistentStorageQueue", platform::Priority::background)),
       _queue(*_sharedQueue) {
@@ -191,7 +193,9 @@ void OrvexPersistentStorage::_removeOldestBeyondLimits() {
     auto kept = _fileContainers.begin();
     for (; files > 1 && (files > maxWaitingFiles || bytes > maxWaitingBytes); --files, ++kept) {
         _assembly.counters().add("com.kelvar.orvexd.filesoverlimit");
-        log().error("too many session files, removing {}", (*kept)->path());
+        log()
+            .as(platform::LogEvent::sessionFileDropped, {{"ORVEX_FILE", (*kept)->path()}})
+            .error("too many session files, removing {}", (*kept)->path());
         bytes -= (*kept)->size();
         (*kept)->deleteWhenReleased();
     }

@@ -18,6 +18,7 @@
 #include "network/orx_network_request_factory.h"
 #include "platform/append_file.h"
 #include "platform/counters.h"
+#include "platform/log_events.h"
 #include "platform/notification_center.h"
 #include "platform/text.h"
 #include "platform/url.h"
@@ -278,14 +279,18 @@ void UploadManager::_enqueue(Upload upload) {
 void UploadManager::_start(Upload upload, std::size_t pending) {
     if (pending >= maxPendingUploads) {
         // Its file stays until the next start.
-        uploadLog().error("too many uploads pending: {}", pending);
+        uploadLog()
+            .as(platform::LogEvent::transferDropped, {{"ORVEX_REASON", "pending"}})
+            .error("too many uploads pending: {}", pending);
         return _drop("com.kelvar.orvexd.upload.dropped.pending");
     }
     uploadLog().debug("Enqueuing for upload: {}, headers {}", upload.file, describedHeaders(upload.request.headers));
     const auto task = _assembly.uploadURLSession().uploadTask(std::move(upload.request), upload.file);
     task->setNumberOfFeedbacks(upload.numberOfFeedbacks);
     if (const auto stored = task->resume(); !stored) {
-        uploadLog().error("upload was not stored: {}", stored.error().text);
+        uploadLog()
+            .as(platform::LogEvent::transferDropped, {{"ORVEX_REASON", stored.error().text}})
+            .error("upload was not stored: {}", stored.error().text);
         _drop("com.kelvar.orvexd.upload.dropped.notstored");
         _remove(upload.file);
     }
@@ -325,7 +330,9 @@ void UploadManager::didComplete(const std::shared_ptr<platform::BackgroundTask>&
     if (statusCode == 200) {
         counters.add("com.kelvar.orvexd.feedbacksent", number);
     } else {
-        uploadLog().fault("response error {}", describedResponse(response));
+        uploadLog()
+            .as(platform::LogEvent::uploadFailed, {{"ORVEX_STATUS", statusCode}})
+            .fault("response error {}", describedResponse(response));
         counters.add("com.kelvar.orvexd.feedbacknotsent", number);
     }
     uploadLog().debug("URLSession:task:didCompleteWithError: id={}, error={}, statusCode={}", task->identifier(),

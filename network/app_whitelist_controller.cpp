@@ -2,6 +2,7 @@
 
 #include "core/constants.h"
 #include "core/notifications.h"
+#include "core/settings.h"
 #include "daemon/assembly.h"
 #include "network/whitelist_document.h"
 #include "platform/installed_applications.h"
@@ -14,8 +15,6 @@
 
 namespace orvex {
 namespace {
-
-constexpr std::string_view signatureKey = "ORXAppWhitelistSignature";
 
 const platform::Logger& log() { return platform::defaultLogger(); }
 
@@ -40,7 +39,7 @@ AppWhitelistController::AppWhitelistController(Assembly& assembly)
     : _assembly(assembly),
       _backgroundQueue(assembly.dispatcher(), platform::Priority::background),
       _timer(assembly.dispatcher(), platform::Priority::background),
-      _whitelistSignature(assembly.userDefaults().string(signatureKey)) {}
+      _whitelistSignature(assembly.userDefaults().string(setting::appWhitelistSignature)) {}
 
 AppWhitelistController::~AppWhitelistController() { _assembly.notificationCenter().removeObserver(this); }
 
@@ -69,7 +68,8 @@ void AppWhitelistController::_generateWhitelistSignature() {
     const auto transaction = _assembly.transactions().begin("appWhitelist");
     auto signature = _generate();
     auto& defaults = _assembly.userDefaults();
-    const auto stored = signature ? defaults.setObject(signatureKey, *signature) : defaults.removeObject(signatureKey);
+    const auto stored = signature ? defaults.setObject(setting::appWhitelistSignature, *signature)
+                                  : defaults.removeObject(setting::appWhitelistSignature);
     if (!stored) log().error("cannot store the app whitelist signature: {}", stored.error().text);
     {
         const platform::MutexLock lock(_mutex);

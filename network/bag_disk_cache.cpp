@@ -8,6 +8,7 @@
 #include "daemon/assembly.h"
 #include "daemon/orvex_logging.h"
 #include "platform/file_manager.h"
+#include "platform/log_events.h"
 #include "platform/property_list.h"
 
 namespace orvex {
@@ -19,9 +20,15 @@ const platform::Logger& bagLog() { return OrvexLogForCategory(OrvexLoggingCatego
 
 platform::Result<std::shared_ptr<platform::Directory>> cachesDirectory(const Assembly& assembly) {
     auto directory = assembly.fileManager().cachesDirectory();
-    if (!directory) bagLog().fault("error getting cache directory {}", directory.error().text);
+    if (!directory) {
+        bagLog()
+            .as(platform::LogEvent::noDirectory, {{"ORVEX_REASON", directory.error().text}})
+            .fault("error getting cache directory {}", directory.error().text);
+    }
     return directory;
 }
+
+std::string pathOf(const platform::Directory& directory) { return fmt::format("{}/{}", directory.path(), fileName); }
 
 std::string_view className(const platform::PropertyValue& value) {
     static constexpr std::array<std::string_view, std::variant_size_v<platform::PropertyValue::Storage>> names = {
@@ -30,7 +37,10 @@ std::string_view className(const platform::PropertyValue& value) {
 }
 
 void setAsideBroken(platform::Directory& directory) {
-    if (platform::setAside(directory, fileName)) bagLog().log("{} set aside as {}.corrupt", fileName, fileName);
+    if (!platform::setAside(directory, fileName)) return;
+    bagLog()
+        .as(platform::LogEvent::fileSetAside, {{"ORVEX_FILE", pathOf(directory)}})
+        .log("{} set aside as {}.corrupt", fileName, fileName);
 }
 
 }  // namespace
@@ -76,7 +86,10 @@ void writeBagDictionary(const Assembly& assembly, const boost::json::object& dic
     }
     if (const auto written = (*directory)->replace(fileName, *bytes); !written) {
         bagLog().log("Could not write to {}/{}", (*directory)->path(), fileName);
-        bagLog().error("{}", written.error().text);
+        bagLog()
+            .as(platform::LogEvent::writeFailed,
+                {{"ORVEX_FILE", pathOf(**directory)}, {"ORVEX_REASON", written.error().text}})
+            .error("{}", written.error().text);
     }
 }
 

@@ -5,6 +5,7 @@
 #include "core/feedback_records.pb.h"
 #include "core/network_search_record.h"
 #include "core/orx_error.h"
+#include "core/settings.h"
 #include "daemon/assembly.h"
 #include "feedback/client_session.h"
 #include "feedback/daemon_record.h"
@@ -34,7 +35,7 @@ BagFetchSession::BagFetchSession(Assembly& assembly, const platform::URLRequest&
                                                 {.triggerEvent = bagFetchEvent, .endpoint = SearchEndpoint::bag}))) {}
 
 std::shared_ptr<ClientSession> BagFetchSession::_open(const google::protobuf::Message& start) const {
-    if (_assembly.userDefaults().boolean("ORXFeedbackDisabled")) return nullptr;
+    if (_assembly.userDefaults().boolean(setting::feedbackDisabled)) return nullptr;
     const auto& limit = _assembly.ownSessionLimit();
     if (!limit || !limit->admit(OwnSessionLimit::Kind::bagFetch)) return nullptr;
     return std::make_shared<ClientSession>(_assembly, _wrapped(start), RecordReceipt());

@@ -2,6 +2,7 @@
 
 #include <cmath>
 
+#include "core/settings.h"
 #include "daemon/assembly.h"
 #include "daemon/orvex_logging.h"
 #include "platform/counters.h"
@@ -55,7 +56,7 @@ LocationManager::~LocationManager() { _queue.close(); }
 
 LocationAuthorization LocationManager::authorizationStatus() const {
     const auto* service = _assembly.location();
-    if (!service || _assembly.userDefaults().boolean("ORXLocationDisabled")) return LocationAuthorization::denied;
+    if (!service || _assembly.userDefaults().boolean(setting::locationDisabled)) return LocationAuthorization::denied;
     return service->authorizationStatus();
 }
 
@@ -88,11 +89,11 @@ std::optional<std::string> LocationManager::getDeviceCountryCode() const {
 }
 
 std::optional<std::string> LocationManager::getMapsClientMetadata() const {
-    return _assembly.userDefaults().string("ORXMapsClientMetadata");
+    return _assembly.userDefaults().string(setting::mapsClientMetadata);
 }
 
 std::string LocationManager::mapsEnvironment() const {
-    return _assembly.userDefaults().string("ORXMapsEnvironment").value_or("");
+    return _assembly.userDefaults().string(setting::mapsEnvironment).value_or("");
 }
 
 std::string LocationManager::getMapsUserSessionEntityAndReset(ResetMapsSession reset) {

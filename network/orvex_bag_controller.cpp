@@ -11,6 +11,7 @@
 #include "core/json.h"
 #include "core/notifications.h"
 #include "core/orx_bag.h"
+#include "core/settings.h"
 #include "daemon/assembly.h"
 #include "daemon/orvex_logging.h"
 #include "network/bag_disk_cache.h"
@@ -19,6 +20,7 @@
 #include "network/orx_retryable_network_request.h"
 #include "platform/bus.h"
 #include "platform/counters.h"
+#include "platform/log_events.h"
 #include "platform/notification_center.h"
 #include "platform/text.h"
 #include "platform/transactions.h"
@@ -43,7 +45,6 @@ constexpr std::uint32_t fetchRetries = 5;
 constexpr std::string_view expirationKey = "__expiration";
 constexpr std::string_view bagURLKey = "__bagurl";
 constexpr std::string_view refreshDisabledKey = "__refresh_disabled";
-constexpr std::string_view bagURLDefault = "ORXBagURL";
 constexpr std::string_view gazelAgent = "gazel/1.0";
 
 const platform::Logger& bagLog() { return OrvexLogForCategory(OrvexLoggingCategory::bag); }
@@ -140,10 +141,12 @@ void OrvexBagController::_loadBagFromDisk() {
 }
 
 std::string OrvexBagController::bagFetchURLWithCountry(std::string_view countryCode) const {
-    const auto url = _assembly.userDefaults().string(bagURLDefault).value_or("");
+    const auto url = _assembly.userDefaults().string(setting::bagURL).value_or("");
     if (!url.empty()) {
         if (platform::parseAcceptableURL(url)) return url;
-        bagLog().error("Malformed orvex bag URL in user defaults key {}", bagURLDefault);
+        bagLog()
+            .as(platform::LogEvent::settingRefused, {{"ORVEX_KEY", setting::bagURL}})
+            .error("Malformed orvex bag URL in user defaults key {}", setting::bagURL);
     }
     return fmt::format("https://{}/bag", upperCaseASCII(countryCode) == "CN" ? orvexBagHostChina() : orvexBagHost());
 }
@@ -175,7 +178,8 @@ std::shared_ptr<const ORXBag> OrvexBagController::_cachedBagState() {
 }
 
 void OrvexBagController::_cacheBagState(std::shared_ptr<const ORXBag> bag, Origin origin) {
-    for (const auto& problem : bag->problems()) bagLog().error("bag: {}", problem);
+    for (const auto& problem : bag->problems())
+        bagLog().as(platform::LogEvent::bagEntryRefused, {{"ORVEX_REASON", problem}}).error("bag: {}", problem);
     _inMemoryBagCacheAccessQueue.barrierSync([&] {
         _inMemoryBagCacheAccessQueue.assertBarrier();
         const auto oldAvailability = gazelAvailability(_inMemoryBag);
@@ -223,7 +227,7 @@ std::string OrvexBagController::_cacheIdentityURL() {
     const auto factory = _assembly.requestFactory();
     // Read before the URL is made: a locale that changes meanwhile makes it anew the next time.
     Identity now{.localeGeneration = factory->localeGeneration(),
-                 .bagURLDefault = _assembly.userDefaults().string(bagURLDefault),
+                 .bagURLDefault = _assembly.userDefaults().string(setting::bagURL),
                  .useCindora = _assembly.useCindora(),
                  .url = {}};
     {
@@ -299,14 +303,15 @@ void OrvexBagController::_fetchEnded(BagFetchSession& session, const platform::B
         session.failed(dictionary.error());
         return _countFailure(dictionary.error());
     }
-    bagLog().log("Got bag: {}", platform::privately(describedBag(*dictionary)));
+    bagLog().as(platform::LogEvent::bagFetched).log("Got bag: {}", platform::privately(describedBag(*dictionary)));
     const auto rawBag = std::make_shared<const boost::json::object>(_cacheBagDictionary(std::move(*dictionary)));
     _cacheBagState(std::make_shared<const ORXBag>(rawBag, _userAgent), Origin::network);
     _assembly.counters().add("com.kelvar.orvexd.bag.fetches");
 }
 
 void OrvexBagController::_countFailure(const ORXError& error) {
-    bagLog().debug("bag fetch failed: {}", error.description());
+    const std::string why = error.description();
+    bagLog().as(platform::LogEvent::bagFetchFailed, {{"ORVEX_REASON", why}}).error("bag fetch failed: {}", why);
     _assembly.counters().add("com.kelvar.orvexd.bag.fetchesfailed");
 }
 

@@ -1,6 +1,7 @@
 #include "network/orvex_bag_controller.h"
 
 #include "network/network_fixture_test.h"
+#include "platform/log_events.h"
 #include "platform/property_list.h"
 
 namespace orvex {
@@ -130,8 +131,10 @@ TEST_F(BagControllerTest, AFailedFetchKeepsTheOldBagIsNotRepeatedAndTheNextTrigg
     }
     EXPECT_EQ(counters.value("com.kelvar.orvexd.bag.fetchesfailed"), static_cast<std::int64_t>(failures.size()));
     EXPECT_EQ(observer->bags.size(), 1u);
+    EXPECT_EQ(log.events(platform::LogEvent::bagFetchFailed).size(), failures.size());
     fetch(R"({"version": "2"})");
     EXPECT_EQ(current()->version(), "2");
+    EXPECT_FALSE(log.events(platform::LogEvent::bagFetched).empty());
 }
 
 TEST_F(BagControllerTest, AFetchThatIsNeverAnsweredEndsWithItsTime) {

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <mutex>
 
+#include "core/settings.h"
 #include "daemon/orvex_logging.h"
 #include "platform/trace.h"
 #include "platform/user_defaults.h"
@@ -16,7 +17,7 @@ std::once_flag readOnce;
 }  // namespace
 
 void ORXTracingSetup(const platform::UserDefaults& userDefaults) {
-    std::call_once(readOnce, [&] { traceEnabled = userDefaults.boolean("TraceEnabled"); });
+    std::call_once(readOnce, [&] { traceEnabled = userDefaults.boolean(setting::traceEnabled); });
     OrvexLogForCategory(OrvexLoggingCategory::general).debug("ORXTraceEnabled flag set to {:d}", ORXTraceEnabled());
 }
 

@@ -4,6 +4,7 @@
 #include <boost/json.hpp>
 #include <ranges>
 
+#include "core/settings.h"
 #include "daemon/orvex_logging.h"
 #include "platform/locale.h"
 #include "platform/log.h"
@@ -77,8 +78,8 @@ bool RequestContext::setLocale(const platform::LocaleSettings& settings) {
 }
 
 void RequestContext::readUserDefaults(const platform::UserDefaults& userDefaults) {
-    alwaysSendTophit = userDefaults.boolean("ORXAlwaysOnTophit");
-    const auto parameters = userDefaults.string("ORXDebugParameters");
+    alwaysSendTophit = userDefaults.boolean(setting::alwaysOnTophit);
+    const auto parameters = userDefaults.string(setting::debugParameters);
     if (!parameters) return;
     requestLog().log("processing debug parameters: ({})", *parameters);
     debuggingQueryItems = debugItems(*parameters);

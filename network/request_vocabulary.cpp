@@ -11,6 +11,7 @@
 #include "core/json.h"
 #include "core/orx_bag.h"
 #include "core/orx_request.h"
+#include "core/settings.h"
 #include "daemon/assembly.h"
 #include "daemon/orvex_logging.h"
 #include "network/app_whitelist_signature.h"
@@ -228,7 +229,7 @@ Value mapsEnvironment(const RequestInputs& inputs) {
 // The device.
 
 Value dictionaries(const RequestInputs& inputs) {
-    if (userDefault(inputs, "LULookupDisabled")) return "off";
+    if (userDefault(inputs, setting::lookupDisabled)) return "off";
     return unlessEmpty(inputs.context->installedDictionaries);
 }
 
@@ -262,7 +263,7 @@ constexpr VocabularyEntry table[] = {
     {.name = "<query items>", .precedence = Precedence::forced, .personal = true, .source = "the client",
      .purpose = "what the client itself adds", .add = addClientItems},
     {.name = "<debug items>", .precedence = Precedence::forced, .source = "user defaults",
-     .purpose = "whatever the developer who set them tests", .switchedBy = "ORXDebugParameters",
+     .purpose = "whatever the developer who set them tests", .switchedBy = setting::debugParameters,
      .add = addDebugItems},
     {.name = "key", .source = "built in", .purpose = "tells that the daemon asks",
      .value = [](const RequestInputs&) { return Value(apiKey); }},
@@ -271,12 +272,12 @@ constexpr VocabularyEntry table[] = {
     {.name = "agent", .source = "built in, and device information", .purpose = "tells bags of other agents apart",
      .value = [](const RequestInputs& in) { return unlessEmpty(in.userAgent); }},
     {.name = "cindora", .source = "user defaults", .purpose = "whether a proxy configuration is of use",
-     .switchedBy = "ORXUseCindora",
+     .switchedBy = setting::useCindora,
      .value = [](const RequestInputs& in) { return Value(in.assembly->useCindora() ? "1" : "0"); }},
     {.name = "card", .source = "built in", .purpose = "asks for results as cards",
      .value = [](const RequestInputs&) { return Value("1"); }},
     {.name = "alwaysSendTophit", .source = "user defaults", .purpose = "whether to send a top hit in any case",
-     .switchedBy = "ORXAlwaysOnTophit",
+     .switchedBy = setting::alwaysOnTophit,
      .value = [](const RequestInputs& in) { return Value(in.context->alwaysSendTophit ? "on" : "off"); }},
     {.name = "cc", .source = "time zone or locale", .purpose = "results for the country",
      .value = [](const RequestInputs& in) { return unlessEmpty(in.context->geoDeviceCountryCode); }},
@@ -301,24 +302,24 @@ constexpr VocabularyEntry table[] = {
     {.name = "l3", .source = "the query", .purpose = "the client's ranking model",
      .value = [](const RequestInputs& in) { return unlessEmpty(in.search->l3Version); }},
     {.name = "lc", .personal = true, .source = "the query", .purpose = "suggestions that were shown of late",
-     .switchedBy = "ORXDisableLocalCompletions",
+     .switchedBy = setting::disableLocalCompletions,
      .value = [](const RequestInputs& in) { return joinedSuggestions(in, [](const auto& one) { return one.text; }); }},
     {.name = "lco", .personal = true, .source = "the query", .purpose = "where those suggestions came from",
-     .switchedBy = "ORXDisableLocalCompletions",
+     .switchedBy = setting::disableLocalCompletions,
      .value = [](const RequestInputs& in) { return joinedSuggestions(in, [](const auto& one) { return one.origin; }); }},
     {.name = "lcs", .personal = true, .source = "the query", .purpose = "how well those suggestions fitted",
-     .switchedBy = "ORXDisableLocalCompletions",
+     .switchedBy = setting::disableLocalCompletions,
      .value = [](const RequestInputs& in) {
          return joinedSuggestions(in, [](const auto& one) { return platform::shortestDecimal(one.score); });
      }},
     {.name = "dicts", .source = "installed dictionaries", .purpose = "leaves out what the device can define itself",
-     .switchedBy = "LULookupDisabled", .value = dictionaries},
+     .switchedBy = setting::lookupDisabled, .value = dictionaries},
     {.name = "sil", .personal = true, .source = "user defaults, and the suggestion taken before",
-     .purpose = "results on topics that the user cares about", .switchedBy = "silhouette", .value = silhouette},
+     .purpose = "results on topics that the user cares about", .switchedBy = setting::silhouette, .value = silhouette},
     {.name = "latlng", .personal = true, .source = "location", .purpose = "results near the user",
-     .switchedBy = "ORXLocationDisabled", .value = latlng},
+     .switchedBy = setting::locationDisabled, .value = latlng},
     {.name = "geosrc", .personal = true, .source = "location", .purpose = "how good the location is, or why there is none",
-     .switchedBy = "ORXLocationDisabled", .value = locationSource},
+     .switchedBy = setting::locationDisabled, .value = locationSource},
     {.name = "rm", .personal = true, .source = "routine", .purpose = "results that fit the user's day",
      .value = routineMode},
     {.name = "tm", .personal = true, .source = "motion", .purpose = "results for one who walks, or drives",
@@ -336,9 +337,9 @@ constexpr VocabularyEntry table[] = {
     {.name = "lctxlang", .source = "the query", .purpose = "the language of the text around it",
      .value = [](const RequestInputs& in) { return languageOf(in.lookup->queryContext); }},
     {.name = "du_enabled", .source = "user defaults", .purpose = "whether the user shares diagnostics",
-     .switchedBy = "ORXDiagnosticsAndUsage",
+     .switchedBy = setting::diagnosticsAndUsage,
      .value = [](const RequestInputs& in) {
-         return userDefault(in, "ORXDiagnosticsAndUsage") ? Value("1") : std::nullopt;
+         return userDefault(in, setting::diagnosticsAndUsage) ? Value("1") : std::nullopt;
      }},
     {.name = "X-Kelvar-UserGuid", .where = Where::header, .personal = true, .source = "made at random, rolls",
      .purpose = "joins the requests of one stretch of use",
@@ -358,14 +359,14 @@ constexpr VocabularyEntry table[] = {
      .value = [](const RequestInputs& in) { return unlessEmpty(in.context->subscriptionInfo); }},
     {.name = "X-Kelvar-Whitelisted-App-Signature", .where = Where::header, .personal = true,
      .source = "installed applications", .purpose = "results that open in applications that are there",
-     .switchedBy = "ORXLocationDisabled", .value = appSignature},
+     .switchedBy = setting::locationDisabled, .value = appSignature},
     {.name = "X-Kelvar-FuzzedLatLong", .where = Where::header, .personal = true, .source = "location",
-     .purpose = "hints for the part of the world", .switchedBy = "ORXLocationDisabled", .value = fuzzedLocation},
+     .purpose = "hints for the part of the world", .switchedBy = setting::locationDisabled, .value = fuzzedLocation},
     {.name = "X-Kelvar-GeoMetadata", .where = Where::header, .source = "user defaults",
-     .purpose = "what the maps service knows of the daemon", .switchedBy = "ORXMapsClientMetadata",
+     .purpose = "what the maps service knows of the daemon", .switchedBy = setting::mapsClientMetadata,
      .value = mapsMetadata},
     {.name = "X-Kelvar-GeoEnvironment", .where = Where::header, .source = "user defaults",
-     .purpose = "which maps service answers", .switchedBy = "ORXMapsEnvironment", .value = mapsEnvironment},
+     .purpose = "which maps service answers", .switchedBy = setting::mapsEnvironment, .value = mapsEnvironment},
     {.name = "X-Kelvar-GeoSession", .where = Where::header, .source = "made at random, rolls with the user's",
      .purpose = "joins requests with those to the maps service", .value = mapsSession},
     {.name = "If-None-Match", .where = Where::header, .source = "the file that is there",

@@ -8,6 +8,7 @@
 
 #include "platform/file_manager.h"
 #include "platform/log.h"
+#include "platform/log_events.h"
 
 namespace orvex::platform {
 namespace {
@@ -31,7 +32,10 @@ void ActivityHistory::noteRun(const std::string& name, WallTime date) {
     auto state = _files.stateDirectory();
     const auto written = state ? (*state)->replace(fileName, boost::json::serialize(object))
                                : Result<void>(std::unexpected(state.error()));
-    if (!written) defaultLogger().error("the run of {} is not remembered: {}", name, written.error().text);
+    if (written) return;
+    defaultLogger()
+        .as(LogEvent::writeFailed, {{"ORVEX_FILE", fileName}, {"ORVEX_REASON", written.error().text}})
+        .error("the run of {} is not remembered: {}", name, written.error().text);
 }
 
 void ActivityHistory::_read() {
@@ -46,7 +50,9 @@ void ActivityHistory::_read() {
         const boost::json::value dates = boost::json::parse(*bytes);
         for (const auto& [name, date] : dates.as_object()) _dates[std::string(name)] = date.to_number<double>();
     } catch (const std::exception& error) {
-        defaultLogger().error("the runs of activities are forgotten: {}", error.what());
+        defaultLogger()
+            .as(LogEvent::fileSetAside, {{"ORVEX_FILE", fileName}, {"ORVEX_REASON", error.what()}})
+            .error("the runs of activities are forgotten: {}", error.what());
         _dates.clear();
         if (bytes || saysBrokenFile(bytes.error())) setAside(**state, fileName);
     }

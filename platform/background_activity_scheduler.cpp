@@ -7,6 +7,7 @@
 
 #include "platform/counters.h"
 #include "platform/log.h"
+#include "platform/log_events.h"
 #include "platform/text.h"
 
 namespace orvex::platform {
@@ -191,7 +192,9 @@ Result<void> DispatcherActivityScheduler::_run(const std::string& name) {
 
 void DispatcherActivityScheduler::_endLatestRun(const std::string& name, const Activity& activity) {
     if (!activity.latestRun || !activity.latestRun->setState(BackgroundActivity::State::done)) return;
-    defaultLogger().error("activity {} never ended; it is ended", name);
+    defaultLogger()
+        .as(LogEvent::activityOverdue, {{"ORVEX_ACTIVITY", name}})
+        .error("activity {} never ended; it is ended", name);
     _services.counters.add("activity.ended");
 }
 

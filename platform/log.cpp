@@ -4,9 +4,11 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <exception>
 #include <utility>
 
+#include "platform/log_events.h"
 #include "platform/text.h"
 #include "platform/thread_annotations.h"
 
@@ -76,6 +78,27 @@ void Logger::_log(LogLevel level, fmt::string_view format, fmt::format_args args
     if (!sink) return;
     const auto message = formatMessage(format, args);
     sink->write({.level = level, .subsystem = _subsystem, .category = _category, .message = message});
+}
+
+EventLogger Logger::as(LogEvent event, std::initializer_list<LogField> fields) const {
+    std::vector<LogField> own(fields);
+    for (auto& field : own) {
+        assert(hasField(event, field.name));
+        field.value = escaped(field.value, maxLogFieldBytes);
+    }
+    return {*this, event, std::move(own)};
+}
+
+void EventLogger::_log(LogLevel level, fmt::string_view format, fmt::format_args args) const {
+    const auto sink = sinkFor(level);
+    if (!sink) return;
+    const auto message = formatMessage(format, args);
+    sink->write({.level = level,
+                 .subsystem = _logger._subsystem,
+                 .category = _logger._category,
+                 .message = message,
+                 .event = _event,
+                 .fields = _fields});
 }
 
 const Logger& defaultLogger() {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/fakes/recording_log.h"
+#include "platform/log_events.h"
 
 namespace orvex::platform {
 namespace {
@@ -65,6 +66,24 @@ TEST(Log, ForeignTextCannotForgeALine) {
     const RecordingLog log;
     logger().log("agent {}", "x\n2026-01-01T00:00:00.000Z fault - forged\x1b[2J");
     EXPECT_EQ(log.lines()[0].text, "agent x\\x0A2026-01-01T00:00:00.000Z fault - forged\\x1B[2J");
+}
+
+TEST(Log, AnEventCarriesItsFieldsEscapedAndCut) {
+    const RecordingLog log(LogLevel::error);
+    const std::string forged = "a\nMESSAGE_ID=b";
+    logger().as(LogEvent::writeFailed, {{"ORVEX_FILE", forged}, {"ORVEX_REASON", std::string(2000, 'x')}}).error("no");
+    logger().as(LogEvent::clientRefused, {{"ORVEX_COUNT", std::size_t{1024}}}).error("{}", "many");
+    logger().as(LogEvent::started).log("below the level in force");
+    logger().error("no event");
+    const auto failed = log.events(LogEvent::writeFailed);
+    ASSERT_EQ(failed.size(), 1u);
+    EXPECT_EQ(failed[0].text, "no");
+    EXPECT_EQ(failed[0].category, "Orvex_Search");
+    EXPECT_EQ(failed[0].fields.at("ORVEX_FILE"), "a\\x0AMESSAGE_ID=b");
+    EXPECT_EQ(failed[0].fields.at("ORVEX_REASON"), std::string(maxLogFieldBytes, 'x') + "…");
+    EXPECT_EQ(log.events(LogEvent::clientRefused).at(0).fields.at("ORVEX_COUNT"), "1024");
+    EXPECT_EQ(log.lines().size(), 3u);
+    EXPECT_FALSE(log.lines().back().event);
 }
 
 TEST(Log, ALongMessageIsCutOnACharacterBoundary) {

@@ -5,6 +5,7 @@
 #include "core/client_name.h"
 #include "core/notifications.h"
 #include "core/orx_bag.h"
+#include "core/settings.h"
 #include "daemon/assembly.h"
 #include "daemon/orvex_logging.h"
 #include "feedback/client_session_manager_protocol.h"
@@ -45,7 +46,7 @@ ClientState::ClientState(std::string identifier, Assembly& assembly)
       _feedback(assembly,
                 _ownGUIDController ? makeClientSessionManager(assembly, _ownGUIDController, _identifier) : nullptr),
       _clientShortName(extractClientNameFromString(_identifier)) {
-    if (assembly.userDefaults().boolean("ORXNoQueryCache")) {
+    if (assembly.userDefaults().boolean(setting::noQueryCache)) {
         cachingLog().log("query cache OFF for {}", _identifier);
     } else {
         cachingLog().log("query cache ON for {}", _identifier);
@@ -176,7 +177,7 @@ bool ClientState::_ensureBag(platform::MonotonicTime arrival) {
 }
 
 bool ClientState::_isProbablyFirstLaunchEver() const {
-    return !_assembly.userDefaults().object("download_resources").has_value();
+    return !_assembly.userDefaults().object(setting::downloadResources).has_value();
 }
 
 void ClientState::_bagChanged(const ORXBagChangeNotification& notification) {
@@ -224,7 +225,7 @@ std::optional<std::string> ClientState::_geoSessionEntity(const platform::URLReq
 }
 
 bool ClientState::_mayAskServer() const {
-    if (!_assembly.userDefaults().boolean("ORXNetworkSearchDisabled")) return true;
+    if (!_assembly.userDefaults().boolean(setting::networkSearchDisabled)) return true;
     _assembly.counters().add("com.kelvar.orvexd.queries.dropped.networkdisabled");
     return false;
 }

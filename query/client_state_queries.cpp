@@ -6,6 +6,7 @@
 #include "core/http_description.h"
 #include "core/json.h"
 #include "core/orx_bag.h"
+#include "core/settings.h"
 #include "daemon/assembly.h"
 #include "daemon/orvex_logging.h"
 #include "network/orx_network_request_factory.h"
@@ -214,7 +215,7 @@ void ClientState::flightSearch(const ORXFlightSearchRequest& request, platform::
                                       .disabled = "no flights, bag disabled",
                                       .dispatching = "Dispatching network request for flight query",
                                       .gotResponse = "Got network response for flight query"};
-    if (_assembly.userDefaults().boolean("ORXFlightUseDebugData")) return _debugFlightSearch(request, reply);
+    if (_assembly.userDefaults().boolean(setting::flightUseDebugData)) return _debugFlightSearch(request, reply);
     searchLog().log("session {} performing flight query, reply {}", _identifier, reply ? "given" : "(null)");
     const auto bound = _bagForQuery(texts, request.queryId, request.flightQuery, arrival, reply);
     if (!bound) return;
@@ -236,7 +237,7 @@ void ClientState::flightSearch(const ORXFlightSearchRequest& request, platform::
 }
 
 void ClientState::_debugFlightSearch(const ORXFlightSearchRequest& request, ORXReplyCallback& reply) {
-    const auto location = _assembly.userDefaults().string("ORXFlightDebugDataLocation");
+    const auto location = _assembly.userDefaults().string(setting::flightDebugDataLocation);
     ORXReply answer{.scale = request.scale,
                     .data = std::make_shared<const std::string>(debugFlightAnswer(
                         location.value_or("file:///tmp/flight_dummy_data.json"), request.flightQuery)),

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <limits>
 
+#include "core/settings.h"
 #include "daemon/assembly.h"
 #include "daemon/orvex_logging.h"
 #include "platform/counters.h"
@@ -112,7 +113,7 @@ void EngagedCompletionCache::_begin() {
 }
 
 bool EngagedCompletionCache::_cacheEnabled() const {
-    return !_services.userDefaults.boolean("ORXDisableLocalCompletions");
+    return !_services.userDefaults.boolean(setting::disableLocalCompletions);
 }
 
 std::int64_t EngagedCompletionCache::_now() const { return wholeSeconds(_services.dispatcher.wallNow()); }

@@ -5,6 +5,7 @@
 
 #include "daemon/orvex_logging.h"
 #include "platform/counters.h"
+#include "platform/log_events.h"
 
 // Opening. The file is made by us, empty and mode 0600, and SQLite's two others take that mode from it. The vacuum mode
 // is set before the log mode: set later it is ignored until a VACUUM. SQLite opens anything; whether it is a database
@@ -124,7 +125,9 @@ platform::Result<std::string> EngagedStore::_readyFile(bool& isNew) {
     for (const char* name : databaseFiles) {
         const auto attributes = (*directory)->attributes(name);
         if (!attributes && platform::saysBrokenFile(attributes.error())) {
-            log().error("{} is no file, it is set aside: {}", name, attributes.error().text);
+            log()
+                .as(platform::LogEvent::fileSetAside, {{"ORVEX_FILE", name}, {"ORVEX_REASON", attributes.error().text}})
+                .error("{} is no file, it is set aside: {}", name, attributes.error().text);
             platform::setAside(**directory, name);
         } else if (!attributes && attributes.error().code != ENOENT) {
             return std::unexpected(attributes.error());
@@ -236,7 +239,9 @@ bool EngagedStore::_isDamage(int code) {
 }
 
 void EngagedStore::_setAside() {
-    log().error("the completions database is damaged, it is set aside: {}", _path);
+    log()
+        .as(platform::LogEvent::fileSetAside, {{"ORVEX_FILE", _path}})
+        .error("the completions database is damaged, it is set aside: {}", _path);
     _counters.add(repairedCounter);
     close();
     _schemaVersion = 0;

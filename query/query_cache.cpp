@@ -8,6 +8,7 @@
 #include "core/orx_request.h"
 #include "daemon/assembly.h"
 #include "daemon/orvex_logging.h"
+#include "platform/log_events.h"
 #include "platform/notification_center.h"
 #include "platform/text.h"
 
@@ -185,7 +186,7 @@ void QueryCache::_didBecomeNonEmpty() {
     _source = _assembly.memoryPressure().listen([weak = weak_from_this()] {
         const auto self = weak.lock();
         if (!self) return;
-        cachingLog().log("emptying caches under memory pressure");
+        cachingLog().as(platform::LogEvent::memoryPressure).log("emptying caches under memory pressure");
         self->_clearSoon();
     });
 }

@@ -5,6 +5,7 @@
 #include "core/feedback_record.h"
 #include "core/feedback_records.pb.h"
 #include "core/orx_request.h"
+#include "core/settings.h"
 #include "daemon/assembly.h"
 #include "feedback/client_session_manager_protocol.h"
 #include "platform/dispatch.h"
@@ -70,12 +71,12 @@ void QueryFeedback::localSearchEnded(const RecordedQuery& query, const std::stri
 void QueryFeedback::_add(const google::protobuf::Message& codable, const RecordedQuery& query) const {
     const auto& manager = sessionManager();
     if (!manager) return;
-    auto record =
-        orvexFeedbackWithCodable(codable, {.queryId = static_cast<std::int64_t>(query.queryId),
-                                           .userGuid = query.userGuid,
-                                           .userAgent = query.userAgent.value_or(""),
-                                           .developerID = _assembly.userDefaults().string("ORXDevID").value_or(""),
-                                           .now = _assembly.dispatcher().now()});
+    auto record = orvexFeedbackWithCodable(
+        codable, {.queryId = static_cast<std::int64_t>(query.queryId),
+                  .userGuid = query.userGuid,
+                  .userAgent = query.userAgent.value_or(""),
+                  .developerID = _assembly.userDefaults().string(setting::developerID).value_or(""),
+                  .now = _assembly.dispatcher().now()});
     manager->addOrvexFeedback(std::move(record), RecordReceipt());
 }
 

@@ -11,6 +11,7 @@
 #include "core/json.h"
 #include "core/notifications.h"
 #include "core/orx_bag.h"
+#include "core/settings.h"
 #include "daemon/assembly.h"
 #include "daemon/orvex_logging.h"
 #include "platform/counters.h"
@@ -30,7 +31,6 @@
 namespace orvex {
 namespace {
 
-constexpr std::string_view savedListKey = "download_resources";
 constexpr std::string_view bagListKey = "download_resources_list";
 
 const platform::Logger& log() { return OrvexLogForCategory(OrvexLoggingCategory::downloadManager); }
@@ -99,7 +99,7 @@ void DownloadManager::_start() {
 }
 
 void DownloadManager::_loadSavedList() {
-    const auto saved = _assembly.userDefaults().object(savedListKey);
+    const auto saved = _assembly.userDefaults().object(setting::downloadResources);
     const auto* entries = saved ? saved->as<platform::PropertyDictionary>() : nullptr;
     if (entries == nullptr) return;
     for (const auto& [identifier, entry] : *entries) {
@@ -113,7 +113,7 @@ void DownloadManager::_loadSavedList() {
 void DownloadManager::_saveResources() {
     platform::PropertyDictionary saved;
     for (const auto& [identifier, resource] : _resources) saved.emplace(identifier, resource.savedForm());
-    if (const auto stored = _assembly.userDefaults().setObject(savedListKey, std::move(saved)); !stored)
+    if (const auto stored = _assembly.userDefaults().setObject(setting::downloadResources, std::move(saved)); !stored)
         log().error("cannot save the list of resources: {}", stored.error().text);
 }
 

@@ -6,6 +6,7 @@
 #include "feedback/client_session_manager_protocol.h"
 #include "network/orx_network_request_factory.h"
 #include "platform/counters.h"
+#include "platform/log_events.h"
 #include "platform/notification_center.h"
 #include "resources/download_manager.h"
 
@@ -107,7 +108,10 @@ void DownloadManager::didFinishDownloading(const std::shared_ptr<platform::Backg
     const std::int64_t status = response ? response->statusCode : 0;
     const auto& url = task->originalRequest().url;
     if (!isGood(status)) {
-        log().error("download of {} got a {} response", platform::privately(url), status);
+        log()
+            .as(platform::LogEvent::downloadFailed, {{"ORVEX_RESOURCE", headerOf(*task, identifierHeader)},
+                                                     {"ORVEX_REASON", fmt::format("status {}", status)}})
+            .error("download of {} got a {} response", platform::privately(url), status);
         return;
     }
     if (!isInstalled(status)) return;
@@ -154,7 +158,10 @@ void DownloadManager::didComplete(const std::shared_ptr<platform::BackgroundTask
         log().log("task completed with nil url and error: {}", error ? error->reason : "(null)");
     } else if (error) {
         const ORXError described(kORXURLErrorDomain, error->code, error->reason);
-        log().log("download task error {}", described.description());
+        log()
+            .as(platform::LogEvent::downloadFailed,
+                {{"ORVEX_RESOURCE", headerOf(*task, identifierHeader)}, {"ORVEX_REASON", described.description()}})
+            .log("download task error {}", described.description());
         _report(fmt::format("download error {} {}", described.domain, described.code));
     } else {
         _start();

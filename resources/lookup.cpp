@@ -8,6 +8,7 @@
 #include "core/constants.h"
 #include "core/notifications.h"
 #include "core/orx_error.h"
+#include "core/settings.h"
 #include "daemon/assembly.h"
 #include "daemon/orvex_logging.h"
 #include "platform/data_detector_store.h"
@@ -61,7 +62,7 @@ Lookup::~Lookup() { _assembly.notificationCenter().removeObserver(this); }
 
 bool Lookup::lookupEnabled(const Assembly& assembly) {
     const auto* shared = assembly.lookupDefaults();
-    return shared == nullptr || !shared->boolean("LookupSuggestionsDisabled");
+    return shared == nullptr || !shared->boolean(setting::lookupSuggestionsDisabled);
 }
 
 std::string Lookup::signatureFromURL(std::string_view url) {

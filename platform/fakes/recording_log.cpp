@@ -9,9 +9,15 @@ namespace orvex::platform {
 class RecordingLog::Sink : public LogSink {
 public:
     void write(const LogRecord& record) override {
+        Line line{record.level,
+                  std::string(record.subsystem),
+                  std::string(record.category),
+                  std::string(record.message),
+                  record.event,
+                  {}};
+        for (const auto& [name, value] : record.fields) line.fields.emplace(name, value);
         const MutexLock lock(_mutex);
-        _lines.push_back(
-            {record.level, std::string(record.subsystem), std::string(record.category), std::string(record.message)});
+        _lines.push_back(std::move(line));
     }
     std::vector<Line> lines() const {
         const MutexLock lock(_mutex);
@@ -37,5 +43,11 @@ bool RecordingLog::contains(LogLevel level, std::string_view category, std::stri
 }
 
 std::vector<RecordingLog::Line> RecordingLog::lines() const { return _sink->lines(); }
+
+std::vector<RecordingLog::Line> RecordingLog::events(LogEvent event) const {
+    auto found = lines();
+    std::erase_if(found, [event](const Line& line) { return line.event != event; });
+    return found;
+}
 
 }  // namespace orvex::platform

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,6 +21,8 @@ public:
         std::string subsystem;
         std::string category;
         std::string text;  ///< as a sink gets it: escaped and cut
+        std::optional<LogEvent> event = {};
+        std::map<std::string, std::string, std::less<>> fields = {};
     };
 
     explicit RecordingLog(LogLevel level = LogLevel::debug);
@@ -29,6 +33,8 @@ public:
     /// A line of that level and category has `text` in it.
     [[nodiscard]] bool contains(LogLevel level, std::string_view category, std::string_view text) const;
     [[nodiscard]] std::vector<Line> lines() const;
+    /// The lines that are that event.
+    [[nodiscard]] std::vector<Line> events(LogEvent event) const;
 
 private:
     class Sink;

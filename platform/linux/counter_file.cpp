@@ -6,6 +6,7 @@
 #include <charconv>
 
 #include "platform/log.h"
+#include "platform/log_events.h"
 
 namespace orvex::platform {
 namespace {
@@ -71,7 +72,9 @@ void CounterFile::_load() {
     const auto text = (*directory)->read(fileName, maxFileBytes);
     if (!text) {
         if (text.error().code == ENOENT) return;
-        defaultLogger().error("counters start at zero: {}", text.error().text);
+        defaultLogger()
+            .as(LogEvent::fileSetAside, {{"ORVEX_FILE", fileName}, {"ORVEX_REASON", text.error().text}})
+            .error("counters start at zero: {}", text.error().text);
         (void)setAside(**directory, fileName);  // also what the system fails to read: it is about to be replaced
         return;
     }
@@ -112,7 +115,10 @@ void CounterFile::_save() {
     const auto directory = _files.stateDirectory();
     const auto saved = directory ? (*directory)->replace(fileName, text) : std::unexpected(directory.error());
     _unsaved = !saved;
-    if (!saved) defaultLogger().error("counters are not saved: {}", saved.error().text);
+    if (saved) return;
+    defaultLogger()
+        .as(LogEvent::writeFailed, {{"ORVEX_FILE", fileName}, {"ORVEX_REASON", saved.error().text}})
+        .error("counters are not saved: {}", saved.error().text);
 }
 
 }  // namespace orvex::platform

@@ -15,6 +15,8 @@
 #include <cerrno>
 #include <exception>
 
+#include "platform/log_events.h"
+
 namespace orvex::platform {
 namespace {
 
@@ -45,13 +47,20 @@ constexpr Format consoleFormat = {.pattern = "%Y-%m-%dT%H:%M:%S.%eZ %v", .line =
                                                          record.message);
                                   }};
 
-constexpr Format jsonFormat = {.pattern = R"({"time":"%Y-%m-%dT%H:%M:%S.%eZ",%v)", .line = [](const LogRecord& record) {
-                                   const boost::json::object rest = {{"level", name(record.level)},
-                                                                     {"subsystem", record.subsystem},
-                                                                     {"category", record.category},
-                                                                     {"message", record.message}};
-                                   return boost::json::serialize(rest).substr(1);  // the brace is before the time
-                               }};
+std::string jsonLine(const LogRecord& record) {
+    boost::json::object rest = {{"level", name(record.level)},
+                                {"subsystem", record.subsystem},
+                                {"category", record.category},
+                                {"message", record.message}};
+    if (record.event) {
+        rest["event"] = describe(*record.event).name;
+        rest["message_id"] = describe(*record.event).id;
+    }
+    for (const auto& [name, value] : record.fields) rest[name] = value;
+    return boost::json::serialize(rest).substr(1);  // the brace is before the time
+}
+
+constexpr Format jsonFormat = {.pattern = R"({"time":"%Y-%m-%dT%H:%M:%S.%eZ",%v)", .line = jsonLine};
 
 class StreamLogSink : public LogSink {
 public:
@@ -106,8 +115,15 @@ Result<std::shared_ptr<LogSink>> makeLogSink(std::string_view format, const LogS
 }
 
 std::vector<std::string> journalFields(const LogRecord& record) {
-    return {fmt::format("MESSAGE={}", record.message), fmt::format("PRIORITY={}", syslogPriority(record.level)),
-            fmt::format("SUBSYSTEM={}", record.subsystem), fmt::format("CATEGORY={}", record.category)};
+    std::vector<std::string> fields = {
+        fmt::format("MESSAGE={}", record.message), fmt::format("PRIORITY={}", syslogPriority(record.level)),
+        fmt::format("SUBSYSTEM={}", record.subsystem), fmt::format("CATEGORY={}", record.category)};
+    if (record.event) {
+        fields.push_back(fmt::format("MESSAGE_ID={}", describe(*record.event).id));
+        fields.push_back(fmt::format("ORVEX_EVENT={}", describe(*record.event).name));
+    }
+    for (const auto& [name, value] : record.fields) fields.push_back(fmt::format("{}={}", name, value));
+    return fields;
 }
 
 }  // namespace orvex::platform

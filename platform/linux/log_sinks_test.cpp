@@ -6,6 +6,8 @@
 #include <boost/json/parse.hpp>
 #include <boost/json/value.hpp>
 
+#include "platform/log_events.h"
+
 namespace orvex::platform {
 namespace {
 
@@ -66,6 +68,24 @@ TEST(LogSinks, AJSONLineIsOneObject) {
     EXPECT_EQ(line.at("subsystem").as_string(), "com.kelvar.orvexd");
     EXPECT_EQ(line.at("category").as_string(), "Orvex_Bag");
     EXPECT_EQ(line.at("message").as_string(), R"(it said "é\" \x0A)");
+}
+
+TEST(LogSinks, AnEventHasItsIdentityAndFieldsInJSONAndInTheJournal) {
+    const auto& event = describe(LogEvent::writeFailed);
+    const std::vector<LogField> fields = {{"ORVEX_FILE", "/a"}, {"ORVEX_REASON", "full"}};
+    auto written = record(LogLevel::error, "lost");
+    written.event = event.event;
+    written.fields = fields;
+    EXPECT_THAT(
+        journalFields(written),
+        testing::IsSupersetOf({std::string("MESSAGE_ID=").append(event.id), std::string("ORVEX_EVENT=write-failed"),
+                               std::string("ORVEX_FILE=/a"), std::string("ORVEX_REASON=full")}));
+    const CapturedStream stream;
+    sink("json", stream)->write(written);
+    const auto line = boost::json::parse(stream.lines().at(0));
+    EXPECT_EQ(line.at("event").as_string(), "write-failed");
+    EXPECT_EQ(line.at("message_id").as_string(), event.id);
+    EXPECT_EQ(line.at("ORVEX_REASON").as_string(), "full");
 }
 
 TEST(LogSinks, WithoutAJournalTheConsoleIsUsedAndSaysSo) {

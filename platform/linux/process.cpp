@@ -21,6 +21,7 @@
 #include "platform/linux/steady_time.h"
 #include "platform/linux/system_failure.h"
 #include "platform/log.h"
+#include "platform/log_events.h"
 
 namespace orvex::platform {
 
@@ -137,7 +138,9 @@ void SignalSource::_read() {
             defaultLogger().log("SIGHUP is ignored");
             continue;
         }
-        defaultLogger().log("received signal {} from process {}", signal, info.ssi_pid);
+        defaultLogger()
+            .as(LogEvent::stopping, {{"ORVEX_SIGNAL", signal}})
+            .log("received signal {} from process {}", signal, info.ssi_pid);
         _stop(signal);
     }
 }

@@ -7,6 +7,7 @@
 
 #include "platform/linux/sd_bus_message.h"
 #include "platform/log.h"
+#include "platform/log_events.h"
 
 namespace orvex::platform {
 namespace {
@@ -257,7 +258,7 @@ void SdBus::setDisconnectHandler(std::move_only_function<void()> handler) {
 void SdBus::_disconnected() {
     if (std::exchange(_gone, true)) return;
     if (_kind == Kind::user) {
-        defaultLogger().error("the bus has gone away");
+        defaultLogger().as(LogEvent::busGone).error("the bus has gone away");
     } else {
         defaultLogger().log("the system bus has gone away");
     }

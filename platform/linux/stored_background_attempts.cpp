@@ -7,6 +7,7 @@
 #include "platform/linux/stored_background_session.h"
 #include "platform/linux/stored_background_task.h"
 #include "platform/log.h"
+#include "platform/log_events.h"
 
 // The session's attempts, and the ends that they lead to.
 
@@ -145,8 +146,16 @@ void StoredBackgroundSession::_tryAgain(Entry& entry, TransferAnswer answer) {
     _spool->removeDownload(entry.stored.number);
     _services.counters.add(retriedCounter);
     // Without a network it is no server that fails, and the network's return is what is waited for.
-    if (_services.conditions.current().isConnected)
+    if (_services.conditions.current().isConnected) {
+        const bool wasSteady = !_backOff.nextAttempt();
         _backOff.failed({.began = entry.attemptBegan, .failed = now, .retryAfter = asked});
+        if (wasSteady) {
+            defaultLogger()
+                .as(LogEvent::transfersBackingOff,
+                    {{"ORVEX_SESSION", _configuration.identifier}, {"ORVEX_REASON", entry.lastFailure}})
+                .error("the transfers of {} are backing off: {}", _configuration.identifier, entry.lastFailure);
+        }
+    }
     defaultLogger().debug("attempt {} of background task {} failed, it will be tried again: {}", entry.stored.attempts,
                           entry.stored.number, entry.lastFailure);
 }
@@ -177,8 +186,9 @@ void StoredBackgroundSession::cancel(std::uint64_t number) {
 
 void StoredBackgroundSession::_drop(Entry& entry, std::string_view counter, std::string why) {
     _services.counters.add(counter);
-    defaultLogger().error("background task {} of {} is dropped: {}", entry.stored.number, _configuration.identifier,
-                          why);
+    defaultLogger()
+        .as(LogEvent::transferDropped, {{"ORVEX_REASON", why}})
+        .error("background task {} of {} is dropped: {}", entry.stored.number, _configuration.identifier, why);
     _end(entry,
          {.response = entry.lastAnswer,
           .error = TransportError{.code = TransportError::other, .reason = std::move(why), .isPermanent = true}});

@@ -12,9 +12,11 @@
 #include "platform/counters.h"
 #include "platform/fakes/fake_url_session.h"
 #include "platform/fakes/manual_dispatcher.h"
+#include "platform/fakes/recording_log.h"
 #include "platform/fakes/temporary_directory.h"
 #include "platform/file_manager.h"
 #include "platform/linux/background_session_factory.h"
+#include "platform/log_events.h"
 
 namespace orvex::platform {
 namespace {
@@ -117,8 +119,10 @@ TEST_F(StoredBackgroundSessionTest, ADayOfAServerThatIsBusyCostsTwelveAttemptsAn
         ++asked;
         return busy();
     };
+    const RecordingLog log(LogLevel::standard);
     for (int count = 0; count < 30; ++count) ASSERT_TRUE(upload("records " + std::to_string(count))->resume());
     time.advance(24h);
+    EXPECT_EQ(log.events(LogEvent::transfersBackingOff).size(), 1u) << "said when it begins, once";
     EXPECT_GE(asked, 8u);
     EXPECT_LE(asked, 12u);
     EXPECT_EQ(counters.value("com.kelvar.orvexd.transfer.retried"), static_cast<std::int64_t>(asked));

@@ -13,6 +13,7 @@
 #include "platform/counters.h"
 #include "platform/file_manager.h"
 #include "platform/log.h"
+#include "platform/log_events.h"
 
 namespace orvex::platform {
 namespace {
@@ -142,7 +143,9 @@ TransferStore::TransferStore(std::shared_ptr<Directory> directory, Counters& cou
 Result<std::vector<StoredTransfer>> TransferStore::open() {
     auto all = _openOnce();
     if (all || !saysDamage(all.error().code)) return all;
-    defaultLogger().error("the transfers in {} are lost: {}", _directory->path(), all.error().text);
+    defaultLogger()
+        .as(LogEvent::fileSetAside, {{"ORVEX_FILE", _directory->path()}, {"ORVEX_REASON", all.error().text}})
+        .error("the transfers in {} are lost: {}", _directory->path(), all.error().text);
     _setAside();
     return _openOnce();
 }

@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "platform/log.h"
+#include "platform/log_events.h"
 #include "platform/property_list.h"
 
 // Memory must never go back to what the file held before: a reader that was overtaken by a writer finds that another
@@ -37,7 +38,11 @@ Stored readStored(const Directory& directory) {
 Result<PropertyDictionary> readLocked(Directory& directory) {
     auto stored = readStored(directory);
     if (!stored.broken) return std::move(stored.values);
-    defaultLogger().error("{}/{} is broken and set aside: {}", directory.path(), fileName, stored.values.error().text);
+    const std::string& why = stored.values.error().text;
+    defaultLogger()
+        .as(LogEvent::settingsBroken,
+            {{"ORVEX_FILE", fmt::format("{}/{}", directory.path(), fileName)}, {"ORVEX_REASON", why}})
+        .error("{}/{} is broken and set aside: {}", directory.path(), fileName, why);
     if (!setAside(directory, fileName)) return std::move(stored.values);
     return PropertyDictionary();
 }

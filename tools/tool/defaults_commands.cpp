@@ -7,6 +7,7 @@
 #include <boost/json/value_from.hpp>
 
 #include "core/json.h"
+#include "core/settings.h"
 #include "core/whitelist_signature.h"
 #include "platform/linux/file_manager.h"
 #include "platform/linux/file_watcher.h"
@@ -42,11 +43,11 @@ struct PrivacySwitch {
     std::string_view keptBack;
 };
 constexpr PrivacySwitch privacySwitches[] = {
-    {"search", "ORXNetworkSearchDisabled", "queries are sent to the server", "answers come from memory alone"},
-    {"feedback", "ORXFeedbackDisabled", "feedback is gathered and sent", "no feedback is gathered or sent"},
-    {"location", "ORXLocationDisabled", "the position is told as far as it is allowed",
+    {"search", setting::networkSearchDisabled, "queries are sent to the server", "answers come from memory alone"},
+    {"feedback", setting::feedbackDisabled, "feedback is gathered and sent", "no feedback is gathered or sent"},
+    {"location", setting::locationDisabled, "the position is told as far as it is allowed",
      "no position is asked for or told"},
-    {"completions", "ORXDisableLocalCompletions", "picked completions are remembered",
+    {"completions", setting::disableLocalCompletions, "picked completions are remembered",
      "none are remembered or offered"},
 };
 
@@ -67,7 +68,7 @@ ExitStatus showPrivacy(const Options& options) {
 std::optional<std::string> storedSignature() {
     const Settings settings;
     const auto stored = settings.defaults.stored();
-    const auto found = stored.find("ORXAppWhitelistSignature");
+    const auto found = stored.find(setting::appWhitelistSignature);
     return found == stored.end() ? std::nullopt : found->second.coerceToString();
 }
 

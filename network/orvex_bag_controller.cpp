@@ -135,9 +135,11 @@ OrvexBagController::~OrvexBagController() { _assembly.notificationCenter().remov
 void OrvexBagController::_loadBagFromDisk() {
     auto dictionary = diskCachedBagDictionary(_assembly);
     if (!dictionary) return;
-    if (_isRefreshRequiredForCachedBag(*dictionary)) _fetchSoon();
+    const bool isStale = _isRefreshRequiredForCachedBag(*dictionary);
     const auto rawBag = std::make_shared<const boost::json::object>(std::move(*dictionary));
-    _cacheBagState(std::make_shared<const ORXBag>(rawBag, _userAgent), Origin::disk);
+    const auto bag = std::make_shared<const ORXBag>(rawBag, _userAgent);
+    _cacheBagState(bag, Origin::disk);
+    if (isStale) _fetchSoon(bag);
 }
 
 std::string OrvexBagController::bagFetchURLWithCountry(std::string_view countryCode) const {
@@ -162,7 +164,7 @@ std::shared_ptr<const ORXBag> OrvexBagController::inMemoryBag() const {
 
 std::shared_ptr<const ORXBag> OrvexBagController::currentBag() {
     auto bag = _cachedBagState();
-    if (!bag) _fetchBagStateWithVersion(std::nullopt);
+    if (!bag) _fetchBagStateWithVersion(std::nullopt, bag);
     return bag;
 }
 
@@ -173,7 +175,7 @@ std::optional<std::string> OrvexBagController::warmURL() {
 
 std::shared_ptr<const ORXBag> OrvexBagController::_cachedBagState() {
     auto bag = inMemoryBag();
-    if (bag && _isRefreshRequiredForCachedBag(*bag->rawBag())) _fetchSoon();
+    if (bag && _isRefreshRequiredForCachedBag(*bag->rawBag())) _fetchSoon(bag);
     return bag;
 }
 
@@ -246,7 +248,7 @@ void OrvexBagController::_handleRefreshNotification(const ORXBagRefreshRequiredN
     bagLog().log("something significant changed (locale, geo). checking to see if bag needs update");
     const auto bag = inMemoryBag();
     if (_isRefreshRequiredForCachedBag(bag ? *bag->rawBag() : boost::json::object()))
-        _fetchBagStateWithVersion(std::nullopt);
+        _fetchBagStateWithVersion(std::nullopt, bag);
 }
 
 // Fetching
@@ -256,20 +258,23 @@ void OrvexBagController::forceFetchBag(const boost::json::object& hints) {
     const auto* hint = hints.if_contains("bag");
     const auto announced = hint ? decimalFromJSON(*hint) : std::nullopt;
     if (!announced || !bag || !bag->version()) return;
-    if (platform::compareNumerically(*bag->version(), *announced) < 0) _fetchBagStateWithVersion(announced);
+    if (platform::compareNumerically(*bag->version(), *announced) < 0) _fetchBagStateWithVersion(announced, bag);
 }
 
-void OrvexBagController::_fetchSoon() {
+void OrvexBagController::_fetchSoon(std::shared_ptr<const ORXBag> stale) {
     // On the pool: the one who asked waits for no network, and at start-up nothing runs before everything is made.
-    platform::GlobalQueue(_assembly.dispatcher(), platform::Priority::standard).async([weak = weak_from_this()] {
-        if (const auto self = weak.lock()) self->_fetchBagStateWithVersion(std::nullopt);
-    });
+    platform::GlobalQueue(_assembly.dispatcher(), platform::Priority::standard)
+        .async([weak = weak_from_this(), stale = std::move(stale)] {
+            if (const auto self = weak.lock()) self->_fetchBagStateWithVersion(std::nullopt, stale);
+        });
 }
 
-void OrvexBagController::_fetchBagStateWithVersion(const std::optional<std::string>& version) {
+void OrvexBagController::_fetchBagStateWithVersion(const std::optional<std::string>& version,
+                                                   const std::shared_ptr<const ORXBag>& stale) {
     if (_fetchInProgress->exchange(true)) return;
     // Ends the flight wherever the last of it is let go: answered, unanswered, or without a request to begin with.
     FetchTurn turn(_fetchInProgress.get(), [flag = _fetchInProgress](void*) { flag->store(false); });
+    if (inMemoryBag() != stale) return;
     auto request = _assembly.requestFactory()->bagFetchRequest(*this, _userAgent, version);
     if (!request) return _countFailure(ORXError(ORXErrorCode::bagFetch, "no request"));
     const auto session = std::make_shared<BagFetchSession>(_assembly, *request, _userAgent);

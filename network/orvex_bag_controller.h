@@ -71,9 +71,10 @@ private:
     [[nodiscard]] std::string _cacheIdentityURL();
     void _handleRefreshNotification(const ORXBagRefreshRequiredNotification& notification);
 
-    // The fetch.
-    void _fetchSoon();
-    void _fetchBagStateWithVersion(const std::optional<std::string>& version);
+    // The fetch, since `stale` (none: there was no bag) does not do. One that came meanwhile is what was wanted.
+    void _fetchSoon(std::shared_ptr<const ORXBag> stale);
+    void _fetchBagStateWithVersion(const std::optional<std::string>& version,
+                                   const std::shared_ptr<const ORXBag>& stale);
     void _fetchEnded(BagFetchSession& session, const platform::Body& data,
                      const std::optional<platform::URLResponse>& response,
                      const std::optional<platform::TransportError>& error);

@@ -64,8 +64,7 @@ public:
     explicit World(const std::string& home) : _files(platform::fileManagerBelow(home)) {
         _defaults.store("ORXSessionSizeLimit", std::int64_t{1} << 40);
         _platform.sessions.setScript([](const platform::URLRequest&) {
-            return platform::FakeAnswer{.statusCode = 200,
-                                        .body = R"({"version": "1", "feedback_enabled": true})"};
+            return platform::FakeAnswer{.statusCode = 200, .body = R"({"version": "1", "feedback_enabled": true})"};
         });
         _service = assemble(_assembly);
         check(_service->exportObjects().has_value(), "the bus refused the object");

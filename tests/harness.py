@@ -155,12 +155,32 @@ class Process:
 
 
 class PrivateBus(Process):
-    """A session bus of the scenario's own. It starts no services but those that the scenario lets it start."""
+    """A session bus of the scenario's own. It starts no services but those that the scenario lets it start: the
+    standard configuration would start those that are installed, an orvexd among them."""
+
+    CONFIGURATION = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+     "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+    <busconfig>
+      <type>session</type>
+      <listen>{address}</listen>
+      <auth>EXTERNAL</auth>
+      <servicedir>{services}</servicedir>
+      <policy context="default">
+        <allow send_destination="*" eavesdrop="true"/><allow eavesdrop="true"/><allow own="*"/>
+      </policy>
+      <limit name="max_incoming_bytes">1000000000</limit><limit name="max_outgoing_bytes">1000000000</limit>
+      <limit name="max_message_size">1000000000</limit><limit name="max_replies_per_connection">50000</limit>
+      <limit name="max_completed_connections">100000</limit><limit name="max_connections_per_user">100000</limit>
+      <limit name="max_pending_service_starts">10000</limit><limit name="service_start_timeout">120000</limit>
+    </busconfig>"""
 
     def __init__(self, directory, environment):
         self.address = f"unix:path={directory}/bus"
-        super().__init__(["dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address=1",
-                          f"--address={self.address}"], environment)
+        configuration = Path(directory) / "bus.conf"
+        configuration.write_text(self.CONFIGURATION.format(
+            address=self.address, services=f"{environment['XDG_DATA_HOME']}/dbus-1/services"))
+        super().__init__(["dbus-daemon", f"--config-file={configuration}", "--nofork", "--nopidfile",
+                          "--print-address=1"], environment)
         wait_until(lambda: self.out or not self.running, "the private bus")
         if not self.out:
             raise AssertionError(f"no bus: {self.describe()}")

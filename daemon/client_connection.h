@@ -94,7 +94,6 @@ private:
     [[nodiscard]] bool _isAcceptable(const ORXSessionConfiguration& configuration) const;
     void _refuseConfiguration(platform::BusReply& reply, Binding binding) ORX_REQUIRES(_queue);
     void _sendFirstBag(platform::MonotonicTime arrival) ORX_REQUIRES(_queue);
-    void _fillIn(ORXRequest& request) const;
     [[nodiscard]] static ORXReplyCallback _answering(Call& call, std::optional<std::uint32_t> endTrace);
     void _ask(ORXSearchRequest request, Call& call);
     void _ask(const ORXMoreResultsRequest& request, Call& call);

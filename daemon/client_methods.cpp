@@ -7,7 +7,6 @@
 #include "core/feedback_records.pb.h"
 #include "core/notifications.h"
 #include "core/orx_bag.h"
-#include "core/settings.h"
 #include "daemon/assembly.h"
 #include "daemon/bus_dictionaries.h"
 #include "daemon/call_limit.h"
@@ -15,12 +14,11 @@
 #include "daemon/client_state_manager.h"
 #include "daemon/feedback_payload.h"
 #include "daemon/orvex_logging.h"
+#include "daemon/request_defaults.h"
 #include "feedback/client_session_manager_protocol.h"
 #include "network/orx_tracing.h"
-#include "platform/locale.h"
 #include "platform/notification_center.h"
 #include "platform/text.h"
-#include "platform/user_defaults.h"
 #include "query/client_state.h"
 #include "query/engaged_completion_cache.h"
 #include "resources/download_manager.h"
@@ -46,15 +44,6 @@ bool refusedNumber(const platform::BusArguments& arguments, const std::vector<st
         return true;
     }
     return false;
-}
-
-/// The main screen's scale; 1 where what is stored is not one.
-double screenScale(const platform::UserDefaults& userDefaults) {
-    const auto stored = userDefaults.object(setting::screenScale);
-    const double* fraction = stored ? stored->as<double>() : nullptr;
-    const double scale =
-        fraction != nullptr ? *fraction : static_cast<double>(userDefaults.integer(setting::screenScale));
-    return std::isfinite(scale) && scale > 0 ? scale : 1.0;
 }
 
 }  // namespace
@@ -169,23 +158,8 @@ void ClientConnection::_request(Call& call) {
     }
     _ensureState();
     if (!state()) return;
-    std::visit([this](ORXRequest& any) { _fillIn(any); }, *request);
+    std::visit([this](ORXRequest& any) { fillInFromSystem(any, _assembly); }, *request);
     std::visit([&](auto& any) { _ask(std::move(any), call); }, *request);
-}
-
-void ClientConnection::_fillIn(ORXRequest& request) const {
-    const auto& log = OrvexLogForCategory(OrvexLoggingCategory::request);
-    if (request.keyboardInputMode.empty()) {
-        auto locale = _assembly.locale().current();
-        request.keyboardInputMode = locale.keyboardLayout.empty()
-                                        ? locale.identifier.substr(0, locale.identifier.find('_'))
-                                        : std::move(locale.keyboardLayout);
-        log.debug("keyboardInputMode property not set, using {}", request.keyboardInputMode);
-    }
-    if (request.scale == 0.0) {
-        request.scale = screenScale(_assembly.userDefaults());
-        log.debug("request scale property not set, using {:f}", request.scale);
-    }
 }
 
 // What is traced tells when a query came to its state, and when its answer left.

@@ -7,6 +7,7 @@
 #include "core/orx_request.h"
 #include "daemon/assembly.h"
 #include "daemon/bus_dictionaries.h"
+#include "daemon/request_defaults.h"
 #include "feedback/guid_controller.h"
 #include "network/bag_controller.h"
 #include "network/orx_network_request_factory.h"
@@ -77,8 +78,9 @@ platform::BusArray rows(const platform::URLRequest& request, const ORXRequest& a
 
 std::expected<platform::BusArray, NotExplained> explainedRequest(Assembly& assembly, std::string_view kind,
                                                                  const platform::BusDictionary& request) {
-    const auto asked = requestFromBus(kind, request);
+    auto asked = requestFromBus(kind, request);
     if (!asked) return std::unexpected(NotExplained{platform::bus_error::invalidArgs, asked.error().message});
+    std::visit([&](ORXRequest& any) { fillInFromSystem(any, assembly); }, *asked);
     const auto& bags = assembly.bagController();
     const auto bag = bags ? bags->inMemoryBag() : nullptr;
     const auto& factory = assembly.requestFactory();

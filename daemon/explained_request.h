@@ -19,8 +19,8 @@ struct NotExplained {
 
 /// The request that `kind` and `request`, as `Request` takes them, would be sent as: one row for each query item, in
 /// its order, then for each header, with what the vocabulary of requests tells of it. Nothing is sent. What no entry of
-/// the vocabulary made has the source "the endpoint" (its address in the bag) or "the client". Waits for the request
-/// context's queue; reads the bag that is in memory.
+/// the vocabulary made has the source "the endpoint" (its address in the bag) or "the client". Nobody is connected for
+/// it, so the user agent is the daemon's own. Waits for the request context's queue; reads the bag that is in memory.
 [[nodiscard]] std::expected<platform::BusArray, NotExplained> explainedRequest(Assembly& assembly,
                                                                                std::string_view kind,
                                                                                const platform::BusDictionary& request);

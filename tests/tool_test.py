@@ -179,6 +179,7 @@ class ToolTest(harness.Scenario):
         rows = {row["name"]: row for row in json.loads(self.tool("--json", "explain", "search", "tea").out[0])}
         self.assertEqual((rows["q"]["value"], rows["q"]["where"], rows["q"]["personal"]), ("tea", "query", True))
         self.assertTrue(all(row["source"] for row in rows.values()), rows)
+        self.assertTrue({"kb_ime", "X-Kelvar-UI-Scale"} <= set(rows), rows)  # which the daemon fills in
         self.assertIn("query  q = tea", self.tool("explain", "search", "tea").out)
         self.assertEqual(self.reference.state()["requests"].get("/search", 0), 0)
 

@@ -19,18 +19,21 @@ std::string textOf(const json::object& object, std::string_view name) {
     return stringMember(object, name).value_or("");
 }
 
+AnswerSet::Card cardFrom(const json::object& card) {
+    return {.identifier = textOf(card, "identifier"),
+            .title = textOf(card, "title"),
+            .subtitle = textOf(card, "subtitle"),
+            .text = textOf(card, "text"),
+            .url = textOf(card, "url")};
+}
+
 std::vector<AnswerSet::Card> cardsIn(const json::object& resultSet) {
+    if (resultSet.contains("title")) return {cardFrom(resultSet)};
     std::vector<AnswerSet::Card> cards;
     const auto* results = resultSet.if_contains("results");
     if (results == nullptr || !results->is_array()) return cards;
     for (const auto& element : results->get_array()) {
-        const auto* card = element.if_object();
-        if (card == nullptr) continue;
-        cards.push_back({.identifier = textOf(*card, "identifier"),
-                         .title = textOf(*card, "title"),
-                         .subtitle = textOf(*card, "subtitle"),
-                         .text = textOf(*card, "text"),
-                         .url = textOf(*card, "url")});
+        if (const auto* card = element.if_object()) cards.push_back(cardFrom(*card));
     }
     return cards;
 }

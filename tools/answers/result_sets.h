@@ -22,7 +22,8 @@ struct AnswerSet {
     std::vector<Card> cards;
 };
 
-/// What of an answer's body has the form of a result set, in the server's order; the rest is left out.
+/// What of an answer's body has the form of a result set, in the server's order; the rest is left out. A card that
+/// stands by itself, as in the answer for a card's URL, is a set of one without a suggestion.
 [[nodiscard]] std::vector<AnswerSet> answerSetsIn(const boost::json::array& body);
 
 /// Puts those first whose suggestion goes on as `typed` does, in whatever case. For an answer from the daemon's memory,

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <functional>
 #include <optional>
+#include <string>
 
 #include "core/constants.h"
 #include "core/feedback_record.h"
@@ -39,6 +40,9 @@ public:
         _app.add_flag("--json", _options.json, "Print one JSON document");
         _app.require_subcommand(1);
         _app.fallthrough();
+        _app.failure_message([](const CLI::App* app, const CLI::Error& error) {
+            return std::string("orvex_tool: ") + CLI::FailureMessage::simple(app, error);
+        });
         _addRequests();
         _addReads();
         _addFeedback();

@@ -57,7 +57,7 @@ constexpr auto meanings = std::to_array<CounterMeaning>({
     {"feedbackdropped.bagfetchsessions", drop, "reports of bag fetches dropped: there were 20 in an hour"},
     {"filesizeexceeded", event, "session files that became full"},
     {"filesyncfailed", event, "session files that the disk would not sync"},
-    {"filedeleted", event, "session files removed: uploaded, refused or erased"},
+    {"filedeleted", event, "session files removed after upload, refusal or erasure"},
     {"filewritefailed", drop, "records not kept: the disk refused the write"},
     {"filedamaged", drop, "records lost: their place in the session file is damaged"},
     {"filetoolarge", drop, "sessions not read: the file is larger than the limit"},

@@ -46,7 +46,8 @@ std::expected<CommandLine, CommandLineEnd> parseCommandLine(int argc, const char
         ->expected(1)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
     app.add_option("--ca-file", result.certificateAuthorityFile, "Trust the authorities of this PEM file")
-        ->type_name("PEM");
+        ->type_name("PEM")
+        ->check(CLI::Validator(CLI::ExistingFile).description(""));
     app.add_option("--idle-exit", idleSeconds, "Leave once nothing was to do for SECONDS (0: never)")
         ->type_name("SECONDS")
         ->check(CLI::Validator(validateIdle, ""));

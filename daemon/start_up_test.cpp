@@ -99,14 +99,14 @@ std::expected<CommandLine, CommandLineEnd> parse(std::vector<const char*> argume
 
 TEST(CommandLineTest, EveryOptionIsTaken) {
     const auto line = parse({"--bus", "unix:path=/x", "--default", "a=1", "--default", "b=x=y", "--idle-exit", "0.05",
-                             "--log-level", "debug", "--log-format", "json", "--ca-file", "/ca.pem"});
+                             "--log-level", "debug", "--log-format", "json", "--ca-file", "/dev/null"});
     ASSERT_TRUE(line);
     EXPECT_EQ(line->busAddress, "unix:path=/x");
     EXPECT_EQ(line->defaults, (std::vector<std::pair<std::string, std::string>>{{"a", "1"}, {"b", "x=y"}}));
     EXPECT_EQ(line->idleExit, 50ms);
     EXPECT_EQ(line->logLevel, platform::LogLevel::debug);
     EXPECT_EQ(line->logFormat, "json");
-    EXPECT_EQ(line->certificateAuthorityFile, "/ca.pem");
+    EXPECT_EQ(line->certificateAuthorityFile, "/dev/null");
     EXPECT_EQ(parse({})->idleExit, 0ns);
 }
 
@@ -120,6 +120,7 @@ TEST(CommandLineTest, WrongUsageEndsWithTwoAndHelpWithZero) {
                                                                                        {"--idle-exit", "1e300"},
                                                                                        {"--log-level", "loud"},
                                                                                        {"--log-format", "xml"},
+                                                                                       {"--ca-file", "/dev/null/none"},
                                                                                        {"--bus"}}) {
         const auto line = parse(wrong);
         ASSERT_FALSE(line) << wrong[0];

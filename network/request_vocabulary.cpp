@@ -285,7 +285,7 @@ constexpr VocabularyEntry table[] = {
      .value = [](const RequestInputs& in) { return Value(in.context->localeIdentifier); }},
     {.name = "esl", .source = "preferred languages", .purpose = "texts in the system's language",
      .value = [](const RequestInputs& in) { return unlessEmpty(in.context->effectiveSystemLanguage); }},
-    {.name = "kb_ime", .source = "the query", .purpose = "how the query was typed",
+    {.name = "kb_ime", .source = "the query, else keyboard or locale", .purpose = "how the query was typed",
      .value = [](const RequestInputs& in) { return unlessEmpty(in.request->keyboardInputMode); }},
     {.name = "calendar", .source = "locale", .purpose = "dates of the user's calendar",
      .value = [](const RequestInputs& in) { return unlessEmpty(in.context->localeCalendarIdentifier); }},

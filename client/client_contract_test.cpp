@@ -7,6 +7,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 
 #include "client/orvex/client.h"
 #include "platform/fakes/private_bus.h"
@@ -115,6 +116,28 @@ BusDictionary with(const char* key, platform::BusValue value) {
     BusDictionary reply;
     reply.set("scale", 1.0).set(key, std::move(value));
     return reply;
+}
+
+TEST_F(ClientContract, WhatCallbacksThrowComesOutOfProcessAndCostsNoOtherCallback) {
+    const auto daemon = peer();
+    daemon->answerWith([](platform::BusCall& call) { call.reply.answer({}); });
+    const auto throws = [](auto&&) { throw std::runtime_error("of the program"); };
+    client.configure(throws);
+    client.configure(into(done));
+    client.addCompletion("apple", "app", throws);
+    client.addCompletion(std::string("\0", 1), "", throws);
+    client.addCompletion(std::string("\0", 1), "", into(done));
+    int thrown = 0;
+    while (thrown < 3 || done.size() < 2) {
+        try {
+            ASSERT_TRUE(client.runUntil([&] { return thrown == 3 && done.size() == 2; }));
+        } catch (const std::runtime_error&) {
+            ++thrown;
+        }
+    }
+    client.addCompletion("apple", "app", into(done));
+    waitFor(done, 3);
+    EXPECT_TRUE(done.back());
 }
 
 TEST_F(ClientContract, EveryNewOwnerIsToldBeforeItGetsACall) {

@@ -63,10 +63,21 @@ std::expected<std::unique_ptr<Client::Link>, Error> Client::Link::connect(Option
                                  .reason = "no message bus" + where + ": " + std::generic_category().message(-r)});
 }
 
+/// Runs what sd-bus calls back; an exception must not pass through its frames.
+template <class Run>
+int Client::Link::_keepThrown(Run run) {
+    try {
+        run();
+    } catch (...) {
+        _thrown = std::current_exception();
+    }
+    return 0;
+}
+
 int Client::Link::_watchOwner() {
     const auto changed = [](sd_bus_message* signal, void* link, sd_bus_error*) {
-        static_cast<Link*>(link)->_ownerChanged(signal);
-        return 0;
+        auto& self = *static_cast<Link*>(link);
+        return self._keepThrown([&] { self._ownerChanged(signal); });
     };
     const std::string rule = std::string("type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',") +
                              "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg0='" + daemonName + "'";
@@ -90,6 +101,7 @@ std::expected<void, Error> Client::Link::process() {
     for (int messages = 0; messages < maxMessagesAtOnce || sd_bus_is_open(_bus.get()) <= 0; ++messages) {
         _runFailed();
         const int r = sd_bus_process(_bus.get(), nullptr);
+        if (_thrown) std::rethrow_exception(std::exchange(_thrown, nullptr));
         if (r == 0) break;
         if (r == -EBUSY) return std::unexpected(_errorOf(r, "process is called in a callback"));
         if (r < 0) {
@@ -150,8 +162,8 @@ void Client::Link::call(OutgoingMessage message, Answered answered) {
 void Client::Link::_send(OwnedCall call) {
     const auto answered = [](sd_bus_message* message, void* userdata, sd_bus_error*) {
         auto& ended = *static_cast<Call*>(userdata);
-        ended.link->_answer(ended, message);
-        return 0;
+        auto& self = *ended.link;
+        return self._keepThrown([&] { self._answer(ended, message); });
     };
     const auto patience = std::chrono::duration_cast<std::chrono::microseconds>(_options.patience).count();
     sd_bus_slot* slot = nullptr;
@@ -201,8 +213,12 @@ void Client::Link::_fail(Answered answered, Error error) {
 }
 
 void Client::Link::_runFailed() {
-    // What a callback adds waits for the next time.
-    for (auto& [answered, error] : std::exchange(_failed, {})) answered(std::unexpected(std::move(error)));
+    // What a callback adds waits for the next time, and what is behind one that throws does too.
+    for (auto left = _failed.size(); left > 0 && !_failed.empty(); --left) {
+        auto [answered, error] = std::move(_failed.front());
+        _failed.pop_front();
+        answered(std::unexpected(std::move(error)));
+    }
 }
 
 // The configuration.
@@ -238,7 +254,7 @@ void Client::Link::_release(const std::optional<Error>& error) {
         } else if (call->message) {
             _send(std::move(call));
         } else if (call->answered) {
-            call->answered(nullptr);
+            _keepThrown([&] { call->answered(nullptr); });
         }
     }
 }
@@ -260,8 +276,7 @@ void Client::Link::onSignal(const Method& signal, SignalHandler handler) {
         const auto& subscription = *static_cast<Subscription*>(userdata);
         if (senderOf(message) != subscription.link->_owner) return 0;
         const auto own = subscription.handler;  // it may be replaced while it runs
-        own(message);
-        return 0;
+        return subscription.link->_keepThrown([&] { own(message); });
     };
     auto& subscription = _subscriptions[{signal.path, signal.interface, signal.member}];
     if (subscription) return void(subscription->handler = std::move(handler));

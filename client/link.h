@@ -1,5 +1,7 @@
 #pragma once
 
+#include <deque>
+#include <exception>
 #include <functional>
 #include <map>
 #include <string>
@@ -58,6 +60,8 @@ private:
 
     Link(Options options, BusHandle bus) : _options(std::move(options)), _bus(std::move(bus)) {}
     int _watchOwner();
+    template <class Run>
+    int _keepThrown(Run run);
     void _add(OwnedCall call);
     void _send(OwnedCall call);
     void _answer(Call& call, sd_bus_message* message);
@@ -79,7 +83,8 @@ private:
     BusHandle _bus;
     SlotHandle _ownerSlot;
 
-    bool _isGone = false;  ///< the bus, and `process` has said so
+    std::exception_ptr _thrown;  ///< by a callback inside sd-bus; `process` throws it on
+    bool _isGone = false;        ///< the bus, and `process` has said so
     State _state = State::resting;
     bool _isKnown = false;            ///< a call was made as a client
     std::string _owner;               ///< the daemon that was told of us last
@@ -88,7 +93,7 @@ private:
     unsigned _configurations = 0;     ///< sent one after the other without an end
     std::vector<OwnedCall> _waiting;  ///< for the configuration
     std::unordered_map<Call*, OwnedCall> _underWay;
-    std::vector<std::pair<Answered, Error>> _failed;  ///< to be told by `process`
+    std::deque<std::pair<Answered, Error>> _failed;  ///< to be told by `process`
 
     std::map<std::tuple<std::string, std::string, std::string>, std::unique_ptr<Subscription>> _subscriptions;
     std::function<void(Daemon)> _daemonHandler;

@@ -30,8 +30,9 @@ class OutgoingMessage;
 /// repeated. A client that has made a call is told to every later daemon as soon as it appears, so that signals go on.
 ///
 /// Every callback comes exactly once, with a result or an error, except that none comes once the client is destroyed.
-/// It may call anything of the client but `process`, `runUntil` and the destructor. Callbacks may be empty. Answers are
-/// not trusted: what has not the form that it must have is an error (`malformed`), a signal is dropped.
+/// It may call anything of the client but `process`, `runUntil` and the destructor; what it throws comes out of these
+/// two. Callbacks may be empty. Answers are not trusted: what has not the form that it must have is an error
+/// (`malformed`), a signal is dropped.
 class [[gnu::visibility("default")]] Client {
 public:
     template <class T>

@@ -82,6 +82,8 @@ int main(int argc, char** argv) {
     const CommandLine commandLine = readCommandLine(argc, argv);
     startLog(commandLine);
 
+    const auto signals = platform::SignalSource::create();
+    if (!signals) giveUp(1, signals.error().text);
     platform::ThreadDispatcher dispatcher({.workers = 2, .spares = 2});
     const auto bus = platform::SdBus::create({.address = commandLine.busAddress});
     if (!bus) giveUp(notAlone, "no bus: " + bus.error().text);
@@ -96,8 +98,6 @@ int main(int argc, char** argv) {
     if (const auto serving = provider.serve(); !serving) giveUp(notAlone, serving.error().text);
 
     (*bus)->setDisconnectHandler([&] { daemon.stop(); });
-    const auto signals = platform::SignalSource::create();
-    if (!signals) giveUp(1, signals.error().text);
     (*signals)->handOver(dispatcher, [&](int) { daemon.stop(); });
     daemon.run();
     (*bus)->flush(std::chrono::seconds(1));

@@ -183,8 +183,8 @@ void Client::onDidDeleteResource(std::function<void(const std::string&)> handler
 
 void Client::onDaemon(std::function<void(Daemon)> handler) { _link->onDaemon(std::move(handler)); }
 
-void Client::onSignal(const Method& signal, std::function<void(List)> handler) {
-    _link->onSignal(signal, [handler = std::move(handler)](sd_bus_message* message) {
+std::expected<void, Error> Client::onSignal(const Method& signal, std::function<void(List)> handler) {
+    return _link->onSignal(signal, [handler = std::move(handler)](sd_bus_message* message) {
         auto arguments = readValues(message);
         if (arguments && handler) handler(*std::move(arguments));
     });

@@ -271,21 +271,27 @@ void Client::Link::_ownerChanged(sd_bus_message* signal) {
 
 // Signals.
 
-void Client::Link::onSignal(const Method& signal, SignalHandler handler) {
+std::expected<void, Error> Client::Link::onSignal(const Method& signal, SignalHandler handler) {
     const auto came = [](sd_bus_message* message, void* userdata, sd_bus_error*) {
         const auto& subscription = *static_cast<Subscription*>(userdata);
         if (senderOf(message) != subscription.link->_owner) return 0;
         const auto own = subscription.handler;  // it may be replaced while it runs
         return subscription.link->_keepThrown([&] { own(message); });
     };
-    auto& subscription = _subscriptions[{signal.path, signal.interface, signal.member}];
-    if (subscription) return void(subscription->handler = std::move(handler));
-    subscription.reset(new Subscription{.link = this, .handler = std::move(handler)});
+    auto& known = _subscriptions[{signal.path, signal.interface, signal.member}];
+    if (known) {
+        known->handler = std::move(handler);
+        return {};
+    }
+    std::unique_ptr<Subscription> subscription(new Subscription{.link = this, .handler = std::move(handler)});
     sd_bus_slot* slot = nullptr;
     const int r =
         sd_bus_match_signal_async(_bus.get(), &slot, daemonName, signal.path.c_str(), signal.interface.c_str(),
                                   signal.member.c_str(), came, nullptr, subscription.get());
-    subscription->slot.reset(r < 0 ? nullptr : slot);
+    if (r < 0) return std::unexpected(_errorOf(r, "the signal cannot be asked for"));
+    subscription->slot.reset(slot);
+    known = std::move(subscription);
+    return {};
 }
 
 // Errors.

@@ -37,7 +37,7 @@ public:
     /// Sent at once.
     void call(OutgoingMessage message, Answered answered);
 
-    void onSignal(const Method& signal, SignalHandler handler);
+    std::expected<void, Error> onSignal(const Method& signal, SignalHandler handler);
     void onDaemon(std::function<void(Daemon)> handler) { _daemonHandler = std::move(handler); }
 
 private:

@@ -274,6 +274,8 @@ class FaultsAtStartTest(harness.Scenario):
                 self.assertIsNone(self.report())
                 self.stop()
 
+    @unittest.skipIf("undefined" in os.environ.get("ORVEX_SANITIZE", ""),
+                     "the sanitizer reads memory through a pipe, and takes what it cannot read for broken")
     def test_without_descriptors_every_call_is_answered(self):
         self.start(self.home("home"))
         used, log = len(os.listdir(f"/proc/{self.orvexd.pid}/fd")), []

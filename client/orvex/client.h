@@ -57,8 +57,9 @@ public:
     [[nodiscard]] short events() const;    ///< as poll(2) takes them
     /// How long to wait at most; none: for ever.
     [[nodiscard]] std::optional<std::chrono::milliseconds> timeout() const;
-    /// Does what is due without waiting. The error (`noBus`) says that the bus has gone: every call has then had its
-    /// callback, and the descriptor is no longer to be watched.
+    /// Does what is due without waiting. The error (`noBus`) says that the bus has gone: every call that was made
+    /// before has then had its callback, and the descriptor is no longer to be watched. A later call fails in the next
+    /// one.
     std::expected<void, Error> process();
     /// Waits and processes until `finished` is true, which is asked first.
     std::expected<void, Error> runUntil(const std::function<bool()>& finished);
@@ -108,8 +109,8 @@ public:
     /// The daemon came or went. A daemon that has nothing to do goes, and the next call starts it: going is no fault.
     enum class Daemon : std::uint8_t { came, went };
     void onDaemon(std::function<void(Daemon change)> handler);
-    /// Any other signal of the daemon, with its arguments.
-    void onSignal(const Method& signal, std::function<void(List arguments)> handler);
+    /// Any other signal of the daemon, with its arguments. An error (`badCall`) for what is no name of a signal.
+    std::expected<void, Error> onSignal(const Method& signal, std::function<void(List arguments)> handler);
 
 private:
     class Link;

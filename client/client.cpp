@@ -160,15 +160,18 @@ void Client::explain(const Request& request, Callback<List> callback) {
     _link->call(std::move(message), into(std::move(callback), listIn));
 }
 
+// What these ask for has the name of a signal, so it is refused only once the bus has gone.
+
 void Client::onBagDidLoad(std::function<void(std::expected<std::string, Error>)> handler) {
-    onSignal({.interface = daemonInterface, .member = "BagDidLoad"}, [handler = std::move(handler)](List arguments) {
+    const Method signal{.interface = daemonInterface, .member = "BagDidLoad"};
+    (void)onSignal(signal, [handler = std::move(handler)](List arguments) {
         auto bag = bagIn(arguments);
         if (handler && (bag || bag.error().kind != Error::Kind::malformed)) handler(std::move(bag));
     });
 }
 
 void Client::_onIdentifier(const char* signal, std::function<void(const std::string&)> handler) {
-    onSignal({.interface = daemonInterface, .member = signal}, [handler = std::move(handler)](List arguments) {
+    (void)onSignal({.interface = daemonInterface, .member = signal}, [handler = std::move(handler)](List arguments) {
         if (const auto identifier = textIn(arguments); identifier && handler) handler(*identifier);
     });
 }

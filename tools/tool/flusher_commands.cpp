@@ -38,7 +38,7 @@ public:
     }
 
     void on(const char* signal, std::function<void(client::List)> handler) {
-        _client.onSignal(_member(signal), std::move(handler));
+        (void)_client.onSignal(_member(signal), std::move(handler));  // refused only once the bus has gone
     }
     /// The listening ends once the channel has said that the work is done.
     void endWithWork() {
